@@ -66,18 +66,18 @@ inline constexpr std::size_t D_CYCLIC_ROTATIONS = 16; // rotated files kept by d
 inline constexpr std::uint32_t F_APPEND_OLD = 1;      // log_open_ex: append, move nothing aside
 
 // Time-stamp flags (log_timefmt, mk_timestr). The two low bits choose the clock.
-inline constexpr std::uint32_t TMF_REAL = 0;           // real-time clock
-inline constexpr std::uint32_t TMF_MONOTONIC = 1;      // monotonic clock
-inline constexpr std::uint32_t TMF_CLOCK_MASK = 3;     // 2 and 3 are refused
-inline constexpr std::uint32_t TMF_SECONDS = 0x10;     // no microseconds
-inline constexpr std::uint32_t TMF_NONE = 0x100;       // no time stamp, and no process id either
-inline constexpr std::uint32_t TMF_GMT = 0x200;        // UTC digits; the zone name stays local
-inline constexpr std::uint32_t TMF_RAW = 0x400;        // seconds and microseconds of the clock
-inline constexpr std::uint32_t TMF_BAD = 0x40000000;   // a format name that cannot be parsed
+inline constexpr std::uint32_t TMF_REAL = 0;         // real-time clock
+inline constexpr std::uint32_t TMF_MONOTONIC = 1;    // monotonic clock
+inline constexpr std::uint32_t TMF_CLOCK_MASK = 3;   // 2 and 3 are refused
+inline constexpr std::uint32_t TMF_SECONDS = 0x10;   // no microseconds
+inline constexpr std::uint32_t TMF_NONE = 0x100;     // no time stamp, and no process id either
+inline constexpr std::uint32_t TMF_GMT = 0x200;      // UTC digits; the zone name stays local
+inline constexpr std::uint32_t TMF_RAW = 0x400;      // seconds and microseconds of the clock
+inline constexpr std::uint32_t TMF_BAD = 0x40000000; // a format name that cannot be parsed
 
 // A ring of log lines that a host may supply; none is shipped.
 struct lard {
-    void* opaque;                                  // handed to the three calls
+    void* opaque;                                   // handed to the three calls
     void (*lard_puts)(void* opaque, const char* s); // append one line (NUL-terminated)
     void (*lard_set_temp)(void* opaque, int temp);  // raise the alarm temperature
     void (*lard_destroy)(void* opaque);             // release the ring
@@ -118,9 +118,9 @@ struct log_ctx {
     std::size_t total_out;       // bytes in fp since it was opened, a file's old size included
     ll_status llst;
     rotation_ctx rota;
-    pid_t pid;                   // printed when 1 or more
-    n64_tag group;               // printed when not 0
-    lard_t lh;                   // ring of lines, null: none
+    pid_t pid;     // printed when 1 or more
+    n64_tag group; // printed when not 0
+    lard_t lh;     // ring of lines, null: none
     syslog_cfg syslg;
 };
 
@@ -128,7 +128,9 @@ extern log_ctx g_log;        // human lines of every module
 extern log_ctx g_access_log; // machine lines
 extern log_ctx g_stats_log;  // reserved for statistics, unopened
 
-inline bool lard_enabled(const log_ctx* log) { return log->lh != nullptr; }
+inline bool lard_enabled(const log_ctx* log) {
+    return log->lh != nullptr;
+}
 
 // Whether a line of level `level` from module `ll` goes to the stream. Inside a section the
 // section's level decides and the line's own plays no part.
@@ -140,6 +142,159 @@ inline bool log_level_passes(const loglevel_ctx& ll, int level) {
 inline bool log_wanted(const log_ctx* log, const loglevel_ctx& ll, int level) {
     return log_level_passes(ll, level) || lard_enabled(log);
 }
+
+// ---- set-up
+// --------------------------------------------------------------------------------------
+//
+// A log file of at most 10 MB that is also rotated at midnight and keeps its last eight rotations:
+//
+//     glog_init("myhost");
+//     if (log_open_ex(&g_log, "/var/log/myhost.log", 0) == 0)
+//         log_set_rota(&g_log, 10'000'000, 8, time(nullptr));
+//     ...
+//     log_close(&g_log);
+//
+// No operation below ends the process; where one fails, stderr says why.
+
+inline constexpr std::size_t LOG_APP_TAG_MAX = 128;
+inline constexpr std::size_t LOG_OUTBUF_MAX = 2048;
+
+struct log_module_ctx {
+    bool is_ready;                 // glog_init was called
+    char app_tag[LOG_APP_TAG_MAX]; // names the program in "log rotated" lines
+};
+
+extern log_module_ctx g_logmod;
+extern char g_outbuf[LOG_OUTBUF_MAX]; // the line under construction, NUL-terminated
+
+// Must precede log_open_ex and log_popen. Copies at most 127 characters of `app_tag`, which must
+// not be null.
+void glog_init(const char* app_tag);
+
+// Binds the context to a stream that the caller keeps owning, commonly stderr or stdout. For g_log
+// it also sets all section levels to SECTION_level unless log_set_sections was called before.
+void log_default(log_ctx* log, FILE* fp);
+
+// Opens a log file for appending; it is unbuffered, so every line is in the file once the call
+// that wrote it returns. Unless `flags` has F_APPEND_OLD, a non-empty regular file of that name is
+// first renamed to its name, a dot and its modification time in Unix seconds. A null `filename`
+// binds the context to stderr. A name has at most 127 characters.
+// Returns 0, or -1 with a line on stderr. The stream belongs to the context until log_close.
+[[nodiscard]] int log_open_ex(log_ctx* log, const char* filename, std::uint32_t flags);
+
+// Opens a pipe to a shell command of at most 127 characters that reads the lines on its standard
+// input. A command that ends early costs its lines, never the process.
+// Returns 0, or -1 with a line on stderr.
+[[nodiscard]] int log_popen(log_ctx* log, const char* command);
+
+// Copies every line to `fp` as well, which becomes line-buffered and stays the caller's.
+// Null ends the copying.
+void log_mirror(log_ctx* log, FILE* fp);
+
+// Closes what log_open_ex or log_popen opened, ends syslog forwarding and destroys the ring. Does
+// nothing at all for a context that is bound to stderr or stdout or was never opened. The stream
+// field keeps its value, which is dead: open or bind the context again before it is used.
+void log_close(log_ctx* log);
+
+FILE* log_fp(const log_ctx* log);
+FILE* log_mirror_fp(const log_ctx* log);
+
+// Time-stamp flags TMF_.
+void log_timefmt(log_ctx* log, std::uint32_t flags);
+
+// Process id printed on every line that has a time stamp; 0: none.
+void log_set_pid(log_ctx* log, pid_t pid);
+pid_t log_get_pid(const log_ctx* log);
+
+// Group tag printed on every line, as the number that shares its bytes; 0: none.
+// The eighth byte must be NUL.
+void log_set_group(log_ctx* log, std::uint64_t group);
+std::uint64_t log_get_group(const log_ctx* log);
+
+// Attaches a ring, which the context then owns. Returns the ring it replaces, now the caller's.
+lard_t log_set_lard(log_ctx* log, lard_t ring);
+
+// ---- syslog
+// --------------------------------------------------------------------------------------
+
+// Forwards lines of WARN_level and more severe to syslog(3). `ident` is kept, not copied.
+// `option` and `facility` are those of openlog(3).
+void config_syslog(log_ctx* log, const char* ident, int option, int facility);
+void disable_syslog(log_ctx* log);
+
+// The same for g_log, with LOG_PID | LOG_CONS and LOG_LOCAL0.
+void glog_enable_syslog(const char* ident);
+void glog_disable_syslog();
+
+// ---- levels of modules and sections
+// --------------------------------------------------------------
+
+void log_set_modules(log_ctx* log, int level);  // all modules; `log` notes that it was done
+void log_set_sections(log_ctx* log, int level); // all sections; `log` notes that it was done
+
+// Saves the module levels, one deep: a second push is ignored, and so is a pop without a push.
+void log_push_mlevels();
+void log_pop_mlevels();
+
+// Makes `section` (0 to 127) the active one of a module until the matching log_leave_section.
+// Sections nest to a depth of LL_STACK_DEPTH. Returns 0, or -1 with nothing changed.
+int log_enter_section(loglevel_ctx* ll, int section);
+int log_leave_section(loglevel_ctx* ll);
+
+// The level in environment variable `name`; `dflt` if it is unset or no number.
+int read_level_env(const char* name, int dflt);
+
+// Level of a name such as "err", "warning" or "dbg", in any case.
+// Returns 0, or -1 with `level` untouched.
+int match_log_level(const char* text, int* level);
+
+// Name of a level, "??" for any that has none. The text is static.
+const char* log_level_str(int level);
+
+// ---- rotation
+// ------------------------------------------------------------------------------------
+//
+// A rotated file is named after the log, a dot and the Unix time of the rotation. Two rotations
+// within one second therefore share one name, and the second replaces the first: leave room for
+// more than a second's lines in `maxsize`.
+
+// Rotates when the file holds `maxsize` bytes (0: never) and, if `max_time` is 1 or more, at the
+// end of that Unix time's local day and of every day after it. `maxfiles` rotated files are kept, 1
+// to 127; anything else means D_CYCLIC_ROTATIONS. Files that an earlier process rotated are never
+// deleted.
+void log_set_rota(log_ctx* log, std::size_t maxsize, std::size_t maxfiles, time_t max_time);
+
+// Sets the deadline of the next time-driven rotation itself, in Unix seconds; 0: none.
+void log_set_eod(log_ctx* log, time_t max_time);
+
+std::size_t log_rota_maxfiles(const log_ctx* log);
+std::size_t log_rota_maxsize(const log_ctx* log);
+time_t log_rota_eod(const log_ctx* log);
+
+// Rotates now. Returns 0 if it was done, if there is nothing to rotate, or if the file could not be
+// renamed and stays in use; -1 with a line on stderr otherwise.
+int log_rotate(log_ctx* log);
+
+// ---- one line
+// ------------------------------------------------------------------------------------
+//
+// LOG and log_machine are what a module uses; these are the steps they are made of.
+
+void logbuf_reset();
+bool logbuf_empty();
+
+// Builds a line in g_outbuf: time, process id, level tag, group tag and the message, which brings
+// its own newline. Returns the message's length, or -1 with a line on stderr; a message that does
+// not fit is cut and can still be flushed.
+[[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx* log, int level, const char* fmt, ...);
+[[gnu::format(printf, 3, 0)]] int logbuf_vprepare(log_ctx* log, int level, const char* fmt,
+                                                  va_list ap);
+
+// Writes g_outbuf to every destination of the context and rotates when that is due.
+void log_flush(log_ctx* log, int level);
+
+// Copies g_outbuf to the ring, and raises the ring's temperature by -level for negative levels.
+void log_lard(log_ctx* log, int level);
 
 // Writes one line: to the ring if there is one, and to the stream if the levels let it pass.
 [[gnu::format(printf, 4, 5), gnu::cold]] void log_emit(log_ctx* log, const loglevel_ctx& ll,
@@ -154,3 +309,14 @@ inline bool log_wanted(const log_ctx* log, const loglevel_ctx& ll, int level) {
         if (log_wanted((log), g_llctx, (level)))                                                   \
             log_emit((log), g_llctx, (level), __VA_ARGS__);                                        \
     } while (false)
+
+// ---- call stack
+// ----------------------------------------------------------------------------------
+
+// Writes the callers of this function, innermost first, one "#%d: %s" line per frame and at most
+// 16, into `buf` of `len` bytes, cut where it is full. Returns 0, or -1 without a dump.
+int btrace_to_buf(char* buf, std::size_t len);
+
+// The same behind a heading, unless `fmt` is null. Returns -1 also if the heading is empty or too
+// long.
+[[gnu::format(printf, 3, 4)]] int snprintf_btrace(char* buf, std::size_t len, const char* fmt, ...);
