@@ -1,0 +1,270 @@
+// ts_builder.cpp - see ts_builder.h. Sizes that do not fit are mistakes of the caller and abort.
+#include "ts_builder.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstdio>
+
+namespace ts {
+
+namespace {
+
+std::uint8_t byte(std::uint64_t value) {
+    return static_cast<std::uint8_t>(value & 0xff);
+}
+
+void put16(bytes& out, unsigned value) {
+    out.push_back(byte(value >> 8));
+    out.push_back(byte(value));
+}
+
+void append(bytes& out, const bytes& more) {
+    out.insert(out.end(), more.begin(), more.end());
+}
+
+// adaptation_field_length and the field behind it, stuffed to at least `least` bytes.
+bytes adaptation_field(const adaptation& a, std::size_t least) {
+    bytes field;
+    const std::size_t wanted = std::max(a.length, least);
+    if (a.pcr || a.discontinuity || wanted > 0) {
+        field.push_back(byte((a.discontinuity ? 0x80U : 0U) | (a.pcr ? 0x10U : 0U)));
+    }
+    if (a.pcr) {
+        const std::uint64_t base = *a.pcr;
+        for (unsigned shift : {25U, 17U, 9U, 1U}) {
+            field.push_back(byte(base >> shift));
+        }
+        field.push_back(byte((base & 1) << 7 | 0x7e)); // six reserved bits, extension 0
+        field.push_back(0);
+    }
+    field.resize(std::max(wanted, field.size()), 0xff);
+    assert(field.size() <= 183);
+    field.insert(field.begin(), byte(field.size()));
+    return field;
+}
+
+// One time stamp: prefix, 33 bits in three parts, a marker bit behind each.
+void put_stamp(bytes& out, unsigned prefix, std::uint64_t value) {
+    out.push_back(byte(prefix << 4 | (value >> 30 & 7) << 1 | 1));
+    out.push_back(byte(value >> 22));
+    out.push_back(byte((value >> 15 & 0x7f) << 1 | 1));
+    out.push_back(byte(value >> 7));
+    out.push_back(byte((value & 0x7f) << 1 | 1));
+}
+
+} // namespace
+
+packet make_packet(const packet_spec& spec) {
+    bytes p{0x47, byte((spec.pusi ? 0x40U : 0U) | spec.pid >> 8), byte(spec.pid)};
+    const bool has_adaptation = spec.adapt.has_value() || !spec.has_payload;
+    p.push_back(byte((has_adaptation ? 0x20U : 0U) | (spec.has_payload ? 0x10U : 0U) | spec.cc));
+    if (has_adaptation) {
+        append(p, adaptation_field(spec.adapt.value_or(adaptation{}),
+                                   spec.has_payload ? 0 : PACKET_SIZE - 5));
+    }
+    append(p, spec.payload);
+    assert(spec.pid <= NULL_PID && spec.cc <= 15);
+    assert(p.size() <= PACKET_SIZE);
+    p.resize(PACKET_SIZE, 0xff);
+    packet result;
+    std::copy(p.begin(), p.end(), result.begin());
+    return result;
+}
+
+bytes pes_header(unsigned stream_id, const stamps& when) {
+    bytes h{0, 0, 1, byte(stream_id), 0, 0, 0x80};
+    h.push_back(byte((when.pts ? 0x80U : 0U) | (when.dts ? 0x40U : 0U)));
+    h.push_back(byte((when.pts ? 5U : 0U) + (when.dts ? 5U : 0U)));
+    if (when.pts) {
+        put_stamp(h, when.dts ? 3 : 2, *when.pts);
+    }
+    if (when.dts) {
+        put_stamp(h, 1, *when.dts);
+    }
+    return h;
+}
+
+std::uint32_t crc32(std::span<const std::uint8_t> data) {
+    std::uint32_t crc = 0xffffffff;
+    for (std::uint8_t b : data) {
+        crc ^= static_cast<std::uint32_t>(b) << 24;
+        for (int bit = 0; bit < 8; bit++) {
+            crc = (crc & 0x80000000) != 0 ? crc << 1 ^ 0x04c11db7 : crc << 1;
+        }
+    }
+    return crc;
+}
+
+bytes make_section(unsigned table_id, unsigned ext, const table_head& head, const bytes& body) {
+    const unsigned length = static_cast<unsigned>(5 + body.size() + 4);
+    assert(length <= 0xfff);
+    bytes s{byte(table_id)};
+    put16(s, 0xb000 | length); // long header, reserved bits set
+    put16(s, ext);
+    s.push_back(byte(0xc0 | head.version << 1 | (head.current ? 1U : 0U)));
+    s.push_back(byte(head.section));
+    s.push_back(byte(head.last));
+    append(s, body);
+    const std::uint32_t crc = crc32(s);
+    put16(s, crc >> 16);
+    put16(s, crc & 0xffff);
+    return s;
+}
+
+bytes pat_section(const std::vector<program>& programs, const table_head& head, unsigned tsid) {
+    bytes body;
+    for (const program& p : programs) {
+        put16(body, p.number);
+        put16(body, 0xe000 | p.pid);
+    }
+    return make_section(0, tsid, head, body);
+}
+
+bytes pmt_section(unsigned number, unsigned pcr_pid, const std::vector<elementary>& streams,
+                  const table_head& head, const bytes& descriptors) {
+    bytes body;
+    put16(body, 0xe000 | pcr_pid);
+    put16(body, 0xf000 | static_cast<unsigned>(descriptors.size()));
+    append(body, descriptors);
+    for (const elementary& es : streams) {
+        body.push_back(byte(es.type));
+        put16(body, 0xe000 | es.pid);
+        put16(body, 0xf000 | static_cast<unsigned>(es.descriptors.size()));
+        append(body, es.descriptors);
+    }
+    return make_section(2, number, head, body);
+}
+
+bytes descriptor(unsigned tag, const bytes& data) {
+    bytes d{byte(tag), byte(data.size())};
+    append(d, data);
+    return d;
+}
+
+bytes pointed(const bytes& section, const bytes& prefix) {
+    bytes payload{byte(prefix.size())};
+    append(payload, prefix);
+    append(payload, section);
+    return payload;
+}
+
+std::vector<packet> section_packets(unsigned pid, unsigned first_cc,
+                                    const std::vector<bytes>& sections, const bytes& prefix) {
+    bytes all = prefix;
+    std::vector<std::size_t> starts;
+    for (const bytes& sec : sections) {
+        starts.push_back(all.size());
+        append(all, sec);
+    }
+    std::vector<packet> result;
+    for (std::size_t at = 0; at < all.size();) {
+        // A pointer field takes a byte, so a section at the last place of a payload moves on.
+        const auto next = std::lower_bound(starts.begin(), starts.end(), at);
+        const bool starts_here = next != starts.end() && *next - at < PACKET_SIZE - 5;
+        const std::size_t room = PACKET_SIZE - (starts_here ? 5 : 4);
+        const std::size_t stop = starts_here || next == starts.end() ? all.size() : *next;
+        const std::size_t count = std::min(room, stop - at);
+        bytes payload;
+        if (starts_here) {
+            payload.push_back(byte(*next - at));
+        }
+        payload.insert(payload.end(), all.begin() + static_cast<std::ptrdiff_t>(at),
+                       all.begin() + static_cast<std::ptrdiff_t>(at + count));
+        const unsigned cc = (first_cc + static_cast<unsigned>(result.size())) & 15;
+        result.push_back(
+            make_packet({.pid = pid, .cc = cc, .pusi = starts_here, .payload = payload}));
+        at += count;
+    }
+    return result;
+}
+
+// ---- a stream ----------------------------------------------------------------------------------
+
+unsigned stream::step(unsigned pid) {
+    unsigned& next = next_cc_[pid];
+    const unsigned cc = next;
+    next = (next + 1) & 15;
+    return cc;
+}
+
+stream& stream::add(const packet& p) {
+    packets_.push_back(p);
+    return *this;
+}
+
+stream& stream::add(packet_spec spec) {
+    spec.cc = spec.has_payload ? step(spec.pid) : (next_cc_[spec.pid] + 15) & 15;
+    return add(make_packet(spec));
+}
+
+stream& stream::section(unsigned pid, const bytes& sec, const bytes& prefix) {
+    return add(packet_spec{.pid = pid, .pusi = true, .payload = pointed(sec, prefix)});
+}
+
+stream& stream::sections(unsigned pid, const std::vector<bytes>& secs, const bytes& prefix) {
+    for (const packet& p : section_packets(pid, next_cc_[pid], secs, prefix)) {
+        step(pid);
+        add(p);
+    }
+    return *this;
+}
+
+stream& stream::pes(unsigned pid, unsigned stream_id, const stamps& when,
+                    std::optional<std::uint64_t> pcr) {
+    packet_spec spec{.pid = pid, .pusi = true, .payload = pes_header(stream_id, when)};
+    if (pcr) {
+        spec.adapt = adaptation{.pcr = pcr};
+    }
+    return add(spec);
+}
+
+stream& stream::data(unsigned pid, std::size_t count) {
+    for (std::size_t i = 0; i < count; i++) {
+        add(packet_spec{.pid = pid});
+    }
+    return *this;
+}
+
+stream& stream::pcr(unsigned pid, std::uint64_t value) {
+    return add(packet_spec{.pid = pid, .has_payload = false, .adapt = adaptation{.pcr = value}});
+}
+
+stream& stream::null(std::size_t count) {
+    for (std::size_t i = 0; i < count; i++) {
+        add(make_packet({}));
+    }
+    return *this;
+}
+
+stream& stream::lose(unsigned pid, unsigned count) {
+    unsigned& next = next_cc_[pid];
+    next = (next + count) & 15;
+    return *this;
+}
+
+stream& stream::set_cc(unsigned pid, unsigned cc) {
+    next_cc_[pid] = cc & 15;
+    return *this;
+}
+
+bytes stream::flat() const {
+    bytes all;
+    all.reserve(packets_.size() * PACKET_SIZE);
+    for (const packet& p : packets_) {
+        all.insert(all.end(), p.begin(), p.end());
+    }
+    return all;
+}
+
+bool stream::write(const std::string& path, const bytes& tail) const {
+    bytes all = flat();
+    append(all, tail);
+    FILE* f = fopen(path.c_str(), "wb");
+    if (f == nullptr) {
+        return false;
+    }
+    const bool written = all.empty() || fwrite(all.data(), 1, all.size(), f) == all.size();
+    return fclose(f) == 0 && written;
+}
+
+} // namespace ts
