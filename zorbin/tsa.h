@@ -1,0 +1,40 @@
+// tsa.h - the driver: its settings and the functions that main uses.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include <sys/types.h>
+
+#include "tsanalyze.h"
+
+inline constexpr std::size_t TS_RECORD_LEN = 188;   // bytes of one record, a transport packet
+inline constexpr std::size_t NUM_RECORDS = 100;     // records asked for by one read
+inline constexpr std::size_t MAX_SANE_VAL = 100000; // upper bound of option -s
+
+// Everything that the command line and configuration files decide.
+struct config {
+    char fpath[256];         // input file, cut to 255 bytes
+    int verbosity;           // number of -v options
+    tsan_config tsa;         // the analyzer's settings
+    off_t start_rec;         // 1-based record to start at; 0 is the same as 1
+    std::size_t max_records; // records to count before the run ends, 0: no limit
+};
+
+// Puts every setting at its start value.
+void init_config();
+
+// Applies the command line to g_cfg; the files of -C come first whatever their place, so that the
+// other options override them. Does not return for -?, -V, an unknown option or a missing operand.
+// Returns 0 to go on, else the exit status; a negative value stands for 2.
+[[nodiscard]] int parse_options(int argc, char* argv[]);
+
+// Reads the group "zbn.stream_analyzer" of the configuration file `fpath` into `cfg`. Reports every
+// failure itself. Returns 0, or non-zero when the file cannot be used.
+[[nodiscard]] int load_config(const char* fpath, tsan_config* cfg);
+
+// Writes the usage text to standard error and ends the process. `app` is the program's path.
+[[noreturn]] void usage(const char* app, int exit_code);
+
+// Handler of SIGINT and SIGTERM: asks the read loop to hand no more packets to the analyzer.
+void handle_quit(int signo);
