@@ -31,19 +31,19 @@ struct tracking_opt {
 
 // The analyzer's settings. tsan_init copies them; later changes do not reach the context.
 struct tsan_config {
-    bool is_enabled;                 // false: packets are classified and counted, never checked
-    char source[MAX_STAG_LEN];       // source tag quoted in alerts; must not be empty
-    std::size_t max_skip_pkts;       // packets that may pass before analysis must have begun
-    std::size_t max_pdts_delta;      // ms audio PTS/DTS may lie from the video's; 0: no check
-    std::size_t max_pcr_delta;       // ms audio PTS/DTS may lie from the PCR; 0: no check
-    std::size_t pcr_freq_ms;         // ms that may lie between two PCRs; 0: no check
-    bool access_log_alerts;          // alerts are written to the access log too
-    std::size_t dump_stats_period;   // seconds between periodic statistics; 0: none
-    std::size_t max_ndat_pcount;     // packets after which a silent stream is reported; 0: never
-    bool cc_track;                   // continuity counters are checked
-    long cc_max_ms0_ms;              // ms after which a jump to 0 is a reset; 0: never a reset
+    bool is_enabled;               // false: packets are classified and counted, never checked
+    char source[MAX_STAG_LEN];     // source tag quoted in alerts; must not be empty
+    std::size_t max_skip_pkts;     // packets that may pass before analysis must have begun
+    std::size_t max_pdts_delta;    // ms audio PTS/DTS may lie from the video's; 0: no check
+    std::size_t max_pcr_delta;     // ms audio PTS/DTS may lie from the PCR; 0: no check
+    std::size_t pcr_freq_ms;       // ms that may lie between two PCRs; 0: no check
+    bool access_log_alerts;        // alerts are written to the access log too
+    std::size_t dump_stats_period; // seconds between periodic statistics; 0: none
+    std::size_t max_ndat_pcount;   // packets after which a silent stream is reported; 0: never
+    bool cc_track;                 // continuity counters are checked
+    long cc_max_ms0_ms;            // ms after which a jump to 0 is a reset; 0: never a reset
     tracking_opt trk;
-    bool no_rlog;                    // alerts are not written to the application log
+    bool no_rlog; // alerts are not written to the application log
 };
 
 struct tsan_ctx;

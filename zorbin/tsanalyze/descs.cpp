@@ -1,0 +1,92 @@
+// descs.cpp - makes the descriptors of a PMT safe to print. bitstream's validators step through
+// some descriptors by 8-bit sums of lengths that the stream supplies; a sum that wraps to 0 would
+// keep them in place for ever. Called for private copies of PMT sections; owns nothing.
+#include <bitstream/mpeg/psi/pmt.h>
+
+#include "internal.h"
+
+namespace {
+
+// The entries of a descriptor as bitstream's validator steps through them.
+struct stepping {
+    std::uint8_t tag;
+    std::uint8_t start; // offset of the first entry
+    std::uint8_t fixed; // bytes of an entry besides its variable parts
+    std::uint8_t len;   // offset in an entry of the length of its first variable part
+};
+
+constexpr stepping STEPPINGS[] = {
+    {0x45, 2, 2, 1},  // VBI data
+    {0x51, 3, 4, 2},  // mosaic
+    {0x5b, 2, 4, 3},  // multilingual network name
+    {0x5c, 2, 4, 3},  // multilingual bouquet name
+    {0x5d, 2, 5, 3},  // multilingual service name
+    {0x5e, 3, 4, 3},  // multilingual component
+    {0x6c, 2, 10, 9}, // cell list
+    {0x6d, 2, 7, 6},  // cell frequency link
+};
+
+const stepping* stepping_of(std::uint8_t tag) {
+    for (const stepping& s : STEPPINGS)
+        if (s.tag == tag)
+            return &s;
+    return nullptr;
+}
+
+// Bytes that follow the first variable part of a mosaic cell, by its linkage.
+std::uint8_t mosaic_link_size(std::uint8_t linkage) {
+    constexpr std::uint8_t SIZES[] = {0, 2, 6, 6, 8};
+    return linkage < sizeof SIZES ? SIZES[linkage] : std::uint8_t{0};
+}
+
+// Size of the entry at `p` in 8 bits, as the validator computes it.
+std::uint8_t step(const stepping& s, const std::uint8_t* p) {
+    unsigned size = s.fixed + unsigned{p[s.len]};
+    const std::uint8_t* next = p + s.len + 1 + p[s.len]; // behind the first variable part
+    if (s.tag == 0x51)
+        size += mosaic_link_size(*next);
+    else if (s.tag == 0x5d)
+        size += *next;
+    return static_cast<std::uint8_t>(size);
+}
+
+bool is_endless(const std::uint8_t* desc) {
+    const stepping* s = stepping_of(desc_get_tag(desc));
+    if (!s)
+        return false;
+    const std::uint8_t* p = desc + s->start;
+    const int floor = s->start - DESC_HEADER_SIZE;
+    for (int left = desc_get_length(desc); left > floor;) {
+        const std::uint8_t n = step(*s, p);
+        if (n == 0)
+            return true;
+        left -= n;
+        p += n;
+    }
+    return false;
+}
+
+// A tag in the user-private range is printed as unknown, byte by byte, so that a change in such a
+// descriptor still shows.
+void defuse(std::uint8_t* descs) {
+    const std::uint16_t len = descs_get_length(descs);
+    for (std::size_t pos = 0; pos < len;) {
+        std::uint8_t* desc = descs + DESCS_HEADER_SIZE + pos;
+        if (is_endless(desc))
+            desc_set_tag(desc, desc_get_tag(desc) | 0x80);
+        pos += DESC_HEADER_SIZE + std::size_t{desc_get_length(desc)};
+    }
+}
+
+} // namespace
+
+// `pmt` is a section in a zero-padded copy of SECTION_WORK bytes.
+void defuse_descriptors(std::uint8_t* pmt) {
+    defuse(pmt_get_descs(pmt));
+    for (std::uint8_t i = 0; i < 255; i++) {
+        std::uint8_t* es = pmt_get_es(pmt, i);
+        if (!es)
+            return;
+        defuse(pmtn_get_descs(es));
+    }
+}

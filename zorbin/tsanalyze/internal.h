@@ -1,0 +1,292 @@
+// internal.h - the analyzer's context and its records, shared by the files of this folder.
+//
+// Every structure is valid when all of it is zero; the few other start values (-1 indexes) are set
+// in tsan_init, and for streams in add_stream. The context is one block: nothing in it points into
+// another context, and only `pat`, `new_pat` and the PMT texts own memory besides.
+#pragma once
+
+#include <ctime>
+#include <sys/types.h>
+#include <type_traits>
+
+#include "log.h"
+#include "misc.h"
+#include "mpegts.h"
+#include "tsanalyze.h"
+
+inline constexpr std::size_t MAX_PMTS = 32;     // programs
+inline constexpr std::size_t MAX_NSTREAMS = 64; // streams per program
+inline constexpr std::size_t PKTIDX_LEN = 64;   // packet tag in bytes, NUL included
+inline constexpr unsigned MPEG_TS_SYNC = 71;    // 0x47
+inline constexpr time_t MAX_IDLE_SEC = 10;      // idle notices are more than this apart
+
+// ---- counters ----------------------------------------------------------------------------------
+
+struct gen_alert_count {
+    u64 lost_sync, pat_diff, cc_mlr;
+};
+
+struct pg_alert_count {
+    u64 av_delta0, av_deltaplus, pcr_delta, pcr_freq, cc_break, cc_reset, pmt_diff, pid_ndat;
+};
+
+// Packets processed (p) and analysed (a): all, video, audio, subtitles.
+struct sa_stats {
+    u64 pcount, acount, v_pcount, v_acount, a_pcount, a_acount, s_pcount, s_acount;
+};
+
+// ---- packet tags -------------------------------------------------------------------------------
+
+enum class tag_kind : std::uint8_t { none, pat, pmt, stream, other };
+
+// What a packet tag says, noted before the packet changes any of it. The text is made only when
+// something quotes it.
+struct tag_info {
+    tag_kind kind;
+    bool has_pcr;     // the packet's program has seen a PCR
+    std::int8_t ipg;  // program index
+    std::int8_t istm; // stream index
+    u64 idx;          // packet index
+    u64 pcr;          // that program's last PCR
+    u64 since;        // packets since that PCR
+};
+
+// ---- sections ----------------------------------------------------------------------------------
+
+inline constexpr std::size_t MAX_SECTION = 1024;  // bytes of a PAT or PMT section, header included
+inline constexpr std::size_t SECTION_WORK = 8192; // a section and all that a printer may run into
+
+// A table's worth of sections, in the form that bitstream's psi_table_ calls take.
+struct psi_block {
+    std::uint8_t* sec[256]; // section n, allocated with malloc, or null
+    bool is_complete;       // all sections from 0 to the last are there
+};
+
+// A section as it stands in the stream, with the bytes behind it in the packet that ended it.
+struct section_view {
+    ts_bytes bytes;
+    ts_bytes behind;
+};
+
+enum class table_kind : std::uint8_t { pat, pmt };
+
+// Collects a section of one pid that spans packets.
+struct section_collector {
+    unsigned pid;  // pid that the rest belongs to
+    unsigned used; // bytes held, 0: nothing pending
+    bool skipping; // pass over the rest of a refused section
+    std::uint8_t bytes[MAX_SECTION];
+};
+
+// The last section of a table that changed nothing, so that its repetitions need no work.
+struct seen_section {
+    unsigned len;      // bytes of the section, 0: none noted
+    unsigned behind;   // bytes that followed in its packet
+    std::size_t count; // entries found in it
+    std::uint8_t bytes[MAX_SECTION + TS_PACKET_LEN];
+};
+
+// ---- streams and programs ----------------------------------------------------------------------
+
+struct cc_info {
+    int value;       // last continuity counter, -1: none seen
+    timespec ms0_tm; // monotonic time of the last unexpected 0; zero: none yet
+};
+
+struct stream_info {
+    unsigned pid;
+    char stype;               // 'V', 'A' or 'S'
+    std::uint8_t scode;       // stream_type of the PMT
+    u64 last_pts, pts_pktnum; // 90 kHz; index of the packet that carried it
+    u64 last_dts, dts_pktnum;
+    cc_info cc;
+    bool pts_updated, dts_updated; // changed, and not checked yet
+    u64 pcount, acount;            // packets processed and analysed
+};
+
+struct program_info {
+    std::size_t nstreams;
+    stream_info stm[MAX_NSTREAMS];
+    u64 last_pcr;      // 90 kHz, 0: none
+    u64 pcr_pktnum;    // index of the packet that carried it
+    tag_info pcr_ptag; // tag of that packet
+    bool got_pcr;
+    unsigned pcr_pid;
+    ssize_t pcr_idx; // stream that carries the PCR, -1: none
+    unsigned curr_pmt_pid;
+    ctxt_spec txt_pmt;         // rendering of the PMT in use
+    seen_section seen_pmt;     // PMT section whose rendering txt_pmt is
+    ssize_t ref_idx;           // video stream that audio is held against, -1: none
+    u64 last_seg_idx;          // input segment
+    std::uint8_t skip_pmt_out; // calls since the PMT lines were last part of the STAT lines
+    pg_alert_count alert;
+    aggr_val av_pdts_delta, av_pcr_delta, av_pcr_freq; // ms
+    sa_stats stat;
+};
+
+// What the current packet is.
+struct dgram_info {
+    ssize_t ipg, istm; // program and stream index, -1: none
+    bool is_pat, is_pmt;
+    program_info* program; // null: belongs to no program
+    stream_info* stream;   // null: no stream packet
+};
+
+// The last continuity alert, for grouping losses that hit several pids alike.
+struct cc_alert_ctx {
+    u64 seg_idx;
+    unsigned pid;
+    int delta; // forward distance, 0 to 15
+    int nmlr;  // losses grouped with it; -1: no grouping until the next segment
+};
+
+inline constexpr std::uint8_t PID_IS_PMT = 1;
+inline constexpr std::uint8_t PID_IS_STREAM = 2;
+
+// Where a pid belongs.
+struct pid_entry {
+    std::uint8_t kind; // PID_IS_..., 0: belongs to nothing
+    std::uint8_t ipg, istm;
+};
+
+struct tsan_ctx {
+    tsan_config cfg;
+    unsigned pmt_pid[MAX_PMTS]; // in PAT order; the first 0 ends the list
+    program_info pg[MAX_PMTS];  // same order
+    std::size_t nprogs;
+    dgram_info dat;
+    u64 ndat_pcount;          // packet count of the next no-data scan, 0: none due
+    char ptag[PKTIDX_LEN];    // text of `tag`, once made
+    tag_info tag;             // the current packet
+    bool ptag_ready;          // ptag holds the text of `tag`
+    time_t last_stats_dumped; // 0: never
+    cc_alert_ctx last_cca;
+    u64 last_pkt_idx;   // 1-based
+    psi_block pat;      // first complete PAT
+    psi_block* new_pat; // later PAT under compilation, owned; null between compilations
+    u64 pre_skipped;    // packets before the first analysed one
+    gen_alert_count gac;
+    timespec start_tm;  // monotonic time of the first packet; zero: none yet
+    u64 ptotal, atotal; // packets handed in, packets analysed
+    seen_section seen_pat;
+    section_collector pat_sections;
+    section_collector pmt_sections[MAX_PMTS];
+    pid_entry pid_map[PID_COUNT]; // follows pmt_pid and the stream tables, see map_pids
+    std::uint8_t work[SECTION_WORK];
+};
+static_assert(std::is_trivially_copyable_v<tsan_ctx>);
+static_assert(std::is_trivially_default_constructible_v<tsan_ctx>);
+
+// The program of the current packet.
+inline program_info* prog(tsan_ctx* tc) {
+    return tc->dat.program;
+}
+
+// The source tag that lines quote.
+inline const char* source(const tsan_ctx* tc) {
+    return tc->cfg.source;
+}
+
+// ---- alert channels ----------------------------------------------------------------------------
+
+// An alert is three statements in this order: human line, machine line, counter.
+#define ALERT_HUMAN(tc, ...)                                                                       \
+    do {                                                                                           \
+        if (!(tc)->cfg.no_rlog)                                                                    \
+            LOG(&g_log, WARN_level, __VA_ARGS__);                                                  \
+    } while (false)
+#define ALERT_MACHINE(tc, ...)                                                                     \
+    do {                                                                                           \
+        if ((tc)->cfg.access_log_alerts)                                                           \
+            log_machine(&g_access_log, __VA_ARGS__);                                               \
+    } while (false)
+
+enum class stamp : bool { dts, pts };
+
+inline const char* stamp_name(stamp which) {
+    return which == stamp::pts ? "pts" : "dts";
+}
+inline u64 last_stamp(const stream_info* si, stamp which) {
+    return which == stamp::pts ? si->last_pts : si->last_dts;
+}
+
+// alert.cpp
+void alert_pat_diff(tsan_ctx* tc, std::size_t nadded, std::size_t ndel);
+void alert_pmt_diff(tsan_ctx* tc, unsigned pid, const ctxt_spec* new_txt, std::size_t count,
+                    unsigned pcr_pid);
+void alert_cc_break(tsan_ctx* tc, unsigned pid, int last, int current);
+void alert_cc_rst(tsan_ctx* tc, unsigned pid, int last, int current, long elapsed_ms);
+void alert_cc_mlr(tsan_ctx* tc);
+void alert_pcr_freq(tsan_ctx* tc, u64 pcr, u64 gap_ms);
+void dump_pcr_diff(tsan_ctx* tc, stamp which, u64 delta_ms, const stream_info* si);
+void dump_time_info(tsan_ctx* tc, const char* name, stamp which, u64 delta_ms,
+                    const stream_info* ref, const stream_info* si);
+void alert_ndat_pcount(tsan_ctx* tc, std::size_t ipg, std::size_t istm, unsigned pid);
+
+// intake.cpp
+void setup_dat(tsan_ctx* tc, unsigned pid);
+void mk_ptag(tsan_ctx* tc);
+void inc_pkt_stat(tsan_ctx* tc, ssize_t istm, bool processed);
+void mark_processed(tsan_ctx* tc, ssize_t istm);
+[[nodiscard]] int analyze_pkt(tsan_ctx* tc, ts_packet pkt, ssize_t istm);
+
+// context.cpp: the text of the current packet's tag (the context's own buffer, made on demand), and
+// of a noted tag into a buffer of PKTIDX_LEN bytes.
+const char* ptag(tsan_ctx* tc);
+void tag_text(const tag_info* tag, char* buf);
+void map_pids(tsan_ctx* tc);
+
+// classify.cpp: the packet's stream index, negative for a packet of no known stream.
+[[nodiscard]] ssize_t upsert_pkt_info(tsan_ctx* tc, ts_packet pkt);
+[[nodiscard]] bool pkt_has_pcr(const tsan_ctx* tc, unsigned pid, ts_packet pkt);
+
+// section.cpp
+using take_section = void (*)(tsan_ctx* tc, const section_view& section);
+void collect_sections(tsan_ctx* tc, section_collector* c, table_kind table, ts_packet pkt,
+                      take_section take);
+[[nodiscard]] std::uint8_t* section_copy(tsan_ctx* tc, const section_view& section);
+[[nodiscard]] bool is_seen(const seen_section* seen, const section_view& section);
+void note_seen(seen_section* seen, const section_view& section, std::size_t count);
+
+// pat.cpp: `pld` is a whole section.
+void process_PAT(tsan_ctx* tc, const std::uint8_t* pld);
+void another_PAT(tsan_ctx* tc, const section_view& section);
+void merge_PATs(tsan_ctx* tc, const std::uint8_t* pld);
+void dump_pat(tsan_ctx* tc, const char* msg, std::uint8_t** psec);
+[[nodiscard]] ssize_t find_pid(const unsigned* pids, std::size_t count, unsigned pid);
+void free_pats(tsan_ctx* tc);
+
+// pmt.cpp: `pld` is a section in a private copy, see section_copy.
+[[nodiscard]] ssize_t get_pmt_pg(const tsan_ctx* tc, unsigned pid);
+void process_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid);
+void compare_PMT(tsan_ctx* tc, const section_view& section, unsigned pid);
+[[nodiscard]] int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid);
+void update_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid);
+[[nodiscard]] ssize_t add_stream(tsan_ctx* tc, unsigned pid, std::uint8_t scode);
+[[nodiscard]] char code2stype(std::uint8_t scode);
+[[nodiscard]] ssize_t find_stream(const stream_info* stm, std::size_t count, unsigned pid);
+void copy_stm_stats(stream_info* dst, const stream_info* src);
+const char* stream_type_text(std::uint8_t scode); // static text
+
+// descs.cpp
+void defuse_descriptors(std::uint8_t* pmt);
+
+// cc.cpp
+void cc_track(tsan_ctx* tc, unsigned pid, int cc);
+void save_cca(tsan_ctx* tc, unsigned pid, int last, int current);
+[[nodiscard]] bool is_cc_mlr(const tsan_ctx* tc, unsigned pid, int last, int current);
+
+// pcr.cpp
+void ck_pcr(tsan_ctx* tc, stamp which, const stream_info* si);
+void pcr_freq_check(tsan_ctx* tc, u64 pcr);
+
+// pts.cpp
+void update_pts_dts(tsan_ctx* tc, ts_bytes pes, stream_info* si);
+void ck_tstamp(tsan_ctx* tc, stamp which, const stream_info* ref, const stream_info* si);
+
+// ndat.cpp
+void reset_ndat_pcount(tsan_ctx* tc);
+void check_pcount(tsan_ctx* tc, bool force);
+
+// stats.cpp
+void log_aval_stats(const char* name, const char* src, int pid, int pid2, const aggr_val* a);

@@ -1,0 +1,49 @@
+// ndat.cpp - streams that the tables list and that never receive a packet. Called by intake while a
+// scan is due, by the tables when they change, and by hosts at the end. Owns nothing.
+#include "internal.h"
+
+LOG_MODULE(0);
+
+// Packets of the current program; without one (a PAT is being merged, or the last packet belonged
+// to no program) the count reads as 0.
+static u64 program_pcount(const tsan_ctx* tc) {
+    return tc->dat.program ? tc->dat.program->stat.pcount : 0;
+}
+
+void reset_ndat_pcount(tsan_ctx* tc) {
+    if (tc->cfg.max_ndat_pcount == 0)
+        return;
+    void* const address = tc;
+    tc->ndat_pcount = program_pcount(tc) + tc->cfg.max_ndat_pcount;
+    LOG(&g_log, DEBUG_level, "%s: (%p) NDAT pcount=%llu\n", __func__, address, tc->ndat_pcount);
+}
+
+void check_pcount(tsan_ctx* tc, bool force) {
+    if (!force && program_pcount(tc) < tc->ndat_pcount)
+        return;
+    std::size_t silent = 0;
+    std::size_t streams = 0;
+    for (std::size_t i = 0; i < tc->nprogs; i++) {
+        const program_info& pg = tc->pg[i];
+        for (std::size_t j = 0; j < pg.nstreams; j++) {
+            streams++;
+            if (pg.stm[j].pcount != 0)
+                continue;
+            silent++;
+            alert_ndat_pcount(tc, i, j, pg.stm[j].pid);
+        }
+    }
+    if (silent == 0) {
+        tc->ndat_pcount = 0;
+        LOG(&g_log, NORM_level, "[%s] %zu tracks receiving data\n", source(tc), streams);
+        return;
+    }
+    LOG(&g_log, WARN_level, "[%s] %zu tracks NOT receiving data\n", source(tc), silent);
+    reset_ndat_pcount(tc);
+    // intended: armed again even when the deadline is switched off; the next packet then scans.
+    tc->ndat_pcount = program_pcount(tc) + tc->cfg.max_ndat_pcount;
+}
+
+void tsan_check_ndat(tsan_t tc) {
+    check_pcount(tc, true);
+}
