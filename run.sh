@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Analyses a capture: ./run.sh [options] FILE     (./run.sh alone: the bundled sample)
+# Installs what is missing, builds quarn where needed, and becomes quarn: standard output and exit
+# status are its own. Status 125: quarn could not be built.
+set -euo pipefail
+top=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
+
+"$top/tools/install-packages" g++ cmake make pkg-config libbitstream-dev libconfig-dev || exit 125
+
+build() {
+  cd "$top"
+  # A tree that test.sh has configured keeps its tests.
+  [ -e build/release/Makefile ] || cmake --preset release -DQUARN_TESTS=OFF
+  cmake --build --preset release --target quarn
+}
+
+if ! log=$(build 2>&1); then
+  printf '%s\n' "$log" >&2
+  exit 125
+fi
+
+if [ $# -eq 0 ]; then
+  set -- -C "$top/samples/quarn.conf" -a on "$top/samples/demo.ts"
+fi
+exec "$top/build/release/quarn" "$@"

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds everything as users get it and runs all tests: ./test.sh
+# ./test.sh --arm does the same for 32-bit ARM, the tests under an emulator.
+# Installs what is missing.
+set -euo pipefail
+cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
+
+native() {
+  tools/install-packages g++ cmake make pkg-config libbitstream-dev libconfig-dev \
+    libgtest-dev libgmock-dev libbenchmark-dev
+  local bench=OFF
+  [ ! -e bench/CMakeLists.txt ] || bench=ON
+  cmake --preset release -DQUARN_TESTS=ON -DQUARN_BENCH=$bench
+  cmake --build --preset release
+  ctest --preset release
+}
+
+# Cross compiler, emulator, preset "arm" and its toolchain file belong here.
+arm() {
+  echo "test.sh: the ARM build is not set up in this tree" >&2
+  exit 2
+}
+
+case "${1-}" in
+  "") native ;;
+  --arm) arm ;;
+  *)
+    echo "usage: ./test.sh [--arm]" >&2
+    exit 2
+    ;;
+esac
