@@ -25,6 +25,7 @@
 #pragma once
 
 #include <cassert>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -118,6 +119,9 @@ bool tspan_timed_out(const tspan* span, const timespec* last_tm, std::uint32_t l
 
 // ---- texts
 // ---------------------------------------------------------------------------------------
+
+// Non-zero while mk_timestr is at work on what a signal handler must not touch.
+extern volatile sig_atomic_t g_tmlock;
 
 // Text of a time as its TMF_ flags want it, the clock bits aside: "%04d-%02d-%02d %02d:%02d:%02d",
 // microseconds, a blank and the local zone's name, or raw seconds and microseconds. 64 bytes hold
