@@ -21,5 +21,5 @@ inline constexpr int NUM_SUFFIX = -5; // unknown suffix
 // ssize_t.
 [[nodiscard]] int a2size(const char* str, std::size_t* out);
 
-// Removes a line end, LF, CR or both in any order, and at most two characters, in place.
+// Removes the line end in place: the last two characters as far as they are LF or CR.
 void chomp(char* str);
