@@ -296,6 +296,8 @@ TEST(settings, shows_what_is_set) {
                          "\tT:pat_diff:            no\n"
                          "\taccess-log-alerts:     YES\n"
                          "\twrite-to-log:          NO\n");
+    cfg.cc_max_ms0_ms = 0;
+    EXPECT_EQ(dump(cfg).find("CC reset"), string::npos);
 
     cfg = {};
     cfg.is_enabled = true;

@@ -197,7 +197,7 @@ int tsan_xtrack_opt(const char* optstr, tsan_config* cfg) {
     for (const track_switch& sw : SWITCHES) {
         if (sw.in_list_all)
             cfg->trk.*sw.field = all;
-        if (!all && std::strstr(optstr, sw.token))
+        if (std::strstr(optstr, sw.token))
             cfg->trk.*sw.field = true;
     }
     return 0;
