@@ -1,0 +1,28 @@
+# Where things go, and the Debian packages: quarn (the program) and quarn-dev (what a host links).
+include(CMakePackageConfigHelpers)
+
+install(TARGETS quarn RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
+install(FILES doc/quarn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
+install(FILES doc/quarn.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
+install(FILES samples/quarn.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
+install(FILES doc/alerts.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn OPTIONAL)
+install(FILES doc/quarn.bash-completion RENAME quarn COMPONENT quarn OPTIONAL
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+
+file(GLOB lumbra_headers liblumbra/include/*.h)
+install(FILES ${lumbra_headers} zorbin/tsanalyze.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn COMPONENT dev)
+install(TARGETS lumbra tsanalyze EXPORT quarnTargets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quarn)
+install(EXPORT quarnTargets NAMESPACE quarn:: DESTINATION ${package_dir} COMPONENT dev)
+configure_package_config_file(cmake/quarnConfig.cmake.in quarnConfig.cmake
+                              INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(quarnConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+configure_file(cmake/quarn.pc.in quarn.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/quarnConfig.cmake ${CMAKE_BINARY_DIR}/quarnConfigVersion.cmake
+        DESTINATION ${package_dir} COMPONENT dev)
+install(FILES ${CMAKE_BINARY_DIR}/quarn.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+install(FILES examples/live_host.cpp examples/CMakeLists.txt
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-dev/examples COMPONENT dev)
