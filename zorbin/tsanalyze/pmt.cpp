@@ -203,6 +203,7 @@ int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     if (differs) {
         alert_pmt_diff(tc, pid, &new_txt, count, pmt_get_pcrpid(pld));
         replace_ctxt(&pg->txt_pmt, &new_txt);
+        pg->seen_pmt.len = 0;
         reset_ndat_pcount(tc);
     }
     close_ctxt(&new_txt);
