@@ -59,8 +59,10 @@ void hand_on(const intake& in, const section_view& section) {
     in.take(in.tc, section);
 }
 
+// Nothing that follows such a section can be trusted to begin one, until a unit start says so.
 void drop(const intake& in, const char* why) {
     in.c->used = 0;
+    in.c->skipping = true;
     LOG(&g_log, DEBUG_level, "[%s] %s section dropped (pid%u): %s at %s\n", source(in.tc),
         facts_of(in.table).name, in.pid, why, ptag(in.tc));
 }
@@ -81,14 +83,13 @@ void collect(const intake& in, ts_bytes data) {
         data = append(c, data, HEADER_LEN);
         if (c->used < HEADER_LEN)
             return;
-        c->skipping = true;
         if (c->bytes[0] != facts_of(in.table).table_id)
             return drop(in, "other table id");
         if (!acceptable(in, claimed_size(c->bytes))) {
             c->used = 0;
+            c->skipping = true;
             return;
         }
-        c->skipping = false;
     }
     const std::size_t size = claimed_size(c->bytes);
     data = append(c, data, size);
