@@ -301,9 +301,16 @@ time_t get_endofday_utime(time_t tstamp) {
         LOG(&g_log, ERR_level, "%s: localtime_r() FAILED\n", __func__);
         return -1;
     }
+    const int was_dst = parts.tm_isdst;
     parts.tm_hour = 23;
     parts.tm_min = 59;
     parts.tm_sec = 59;
+    parts.tm_isdst = -1; // the day may end in another season than tstamp's
+    tm attempt = parts;
+    const time_t end = mktime(&attempt);
+    if (end >= tstamp)
+        return end;
+    parts.tm_isdst = was_dst; // the last hour came twice, and tstamp lies in its second pass
     return mktime(&parts);
 }
 
