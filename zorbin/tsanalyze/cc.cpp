@@ -1,18 +1,9 @@
-// cc.cpp - continuity counters: breaks, resets, and losses that hit several pids alike. Called by
-// intake for packets with a payload; reads the clock only on an unexpected 0. Owns nothing.
-#include <cassert>
-
+// cc.cpp - continuity counters out of order: breaks, resets, and losses that hit several pids
+// alike. Called by the per-packet path; reads the clock only on an unexpected 0. Owns nothing.
 #include "internal.h"
 #include "timeop.h"
 
 LOG_MODULE(0);
-
-static constexpr int MIN_CC = 0;
-static constexpr int MAX_CC = 15;
-
-static int next_cc(int cc) {
-    return cc == MAX_CC ? MIN_CC : cc + 1;
-}
 
 // Packets from `last` to `current`, 0 to 15, on a counter of 16 values.
 static int forward_distance(int last, int current) {
@@ -43,7 +34,7 @@ static bool is_zero(const timespec& tm) {
 
 // A counter out of order. A jump to 0 long enough after the stream's last one is a restarted
 // encoder, anything else is loss.
-static void report_jump(tsan_ctx* tc, stream_info* si, int cc) {
+void cc_jump(tsan_ctx* tc, stream_info* si, int cc) {
     const long limit = tc->cfg.cc_max_ms0_ms;
     const int last = si->cc.value;
     long elapsed = 0;
@@ -63,20 +54,7 @@ static void report_jump(tsan_ctx* tc, stream_info* si, int cc) {
         alert_cc_break(tc, si->pid, last, cc);
 }
 
-void cc_track(tsan_ctx* tc, unsigned pid, int cc) {
-    ssize_t i = tc->dat.istm;
-    if (i < 0 || prog(tc)->stm[i].pid != pid)
-        i = find_stream(prog(tc)->stm, prog(tc)->nstreams, pid);
-    assert(i >= 0 && i < (ssize_t)prog(tc)->nstreams);
-    stream_info* si = &prog(tc)->stm[i];
-    if (si->cc.value != -1) {
-        if (cc == next_cc(si->cc.value))
-            tc->last_cca.nmlr = -1; // a packet in order ends the group of losses
-        else
-            report_jump(tc, si, cc);
-    }
-    si->cc.value = cc;
-    if (tc->cfg.trk.cc_track)
-        LOG(&g_log, INFO_level, "%s: [%s] CC=%d pid=%u at %s\n", __func__, source(tc), cc, pid,
-            ptag(tc));
+void trace_cc(tsan_ctx* tc, unsigned pid, int cc) {
+    LOG(&g_log, INFO_level, "%s: [%s] CC=%d pid=%u at %s\n", "cc_track", source(tc), cc, pid,
+        ptag(tc));
 }

@@ -1,14 +1,8 @@
-// classify.cpp - what a packet is for: PAT and PMT sections to the tables, PCRs and PES time stamps
-// to the program and stream they belong to. Called by intake for every packet in sync; owns
-// nothing.
+// classify.cpp - packets that belong to no stream: PAT and PMT sections go to the tables, the rest
+// is passed over; and the PCRs of those that do. Called by the per-packet path; owns nothing.
 #include "internal.h"
 
 LOG_MODULE(0);
-
-bool pkt_has_pcr(const tsan_ctx* tc, unsigned pid, ts_packet pkt) {
-    return tc->dat.ipg >= 0 && pid != PAT_PID_NUM && pid == tc->dat.program->pcr_pid &&
-           ts_has_pcr(pkt);
-}
 
 static void take_pat(tsan_ctx* tc, const section_view& section) {
     if (tc->nprogs != 0) {
@@ -32,8 +26,9 @@ static void take_pmt(tsan_ctx* tc, const section_view& section) {
 }
 
 // Keeps a program's clock. The check sees the previous PCR still in place.
-static void new_pcr(tsan_ctx* tc, ts_packet pkt) {
+void new_pcr(tsan_ctx* tc, ts_packet pkt) {
     program_info* pg = prog(tc);
+    note_tag(tc);
     const u64 pcr = ts_pcr_base(pkt);
     if (tc->cfg.pcr_freq_ms != 0 && pg->last_pcr != 0)
         pcr_freq_check(tc, pcr);
@@ -49,25 +44,15 @@ static void new_pcr(tsan_ctx* tc, ts_packet pkt) {
     }
 }
 
-// A packet of any pid but those of the PAT, the SDT and known PMTs.
-static void take_other(tsan_ctx* tc, unsigned pid, ts_packet pkt) {
-    if (tc->dat.ipg < 0) {
-        if (tc->cfg.trk.misc_ignore)
-            LOG(&g_log, INFO_level, "%s: [%s] ignoring pid=%u %s\n", "upsert_pkt_info", source(tc),
-                pid, ptag(tc));
-        return;
-    }
-    if (pkt_has_pcr(tc, pid, pkt))
-        new_pcr(tc, pkt);
-    if (!ts_unit_start(pkt))
-        return;
+// A PES packet may start here, and bring time stamps.
+void unit_start(tsan_ctx* tc, ts_packet pkt) {
     const ts_bytes payload = ts_get_payload(pkt);
     if (is_pes_pkt(payload))
         update_pts_dts(tc, payload, tc->dat.stream);
 }
 
-ssize_t upsert_pkt_info(tsan_ctx* tc, ts_packet pkt) {
-    const unsigned pid = ts_pid(pkt);
+// A packet that belongs to no stream.
+void upsert_pkt_info(tsan_ctx* tc, unsigned pid, ts_packet pkt) {
     const tracking_opt& trk = tc->cfg.trk;
     if (pid == SDT_PID_NUM) {
         if (trk.sdt_ignore)
@@ -80,8 +65,8 @@ ssize_t upsert_pkt_info(tsan_ctx* tc, ts_packet pkt) {
         if (trk.pat_pmt_pkt)
             LOG(&g_log, INFO_level, "[%s] found PMT (pid%u) at %s\n", source(tc), pid, ptag(tc));
         collect_sections(tc, &tc->pmt_sections[tc->dat.ipg], table_kind::pmt, pkt, take_pmt);
-    } else {
-        take_other(tc, pid, pkt);
+    } else if (trk.misc_ignore) {
+        LOG(&g_log, INFO_level, "%s: [%s] ignoring pid=%u %s\n", __func__, source(tc), pid,
+            ptag(tc));
     }
-    return tc->dat.istm;
 }

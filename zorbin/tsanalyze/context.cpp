@@ -74,10 +74,37 @@ void tag_text(const tag_info* tag, char* buf) {
         std::snprintf(buf + used, limit - used, ":(pcr=%llu)+%llu", tag->pcr, tag->since);
 }
 
+static tag_kind kind_of(const dgram_info& dat) {
+    if (dat.is_pat)
+        return tag_kind::pat;
+    if (dat.is_pmt)
+        return tag_kind::pmt;
+    return dat.stream ? tag_kind::stream : tag_kind::other;
+}
+
+void note_tag(tsan_ctx* tc) {
+    if (tc->tag_is != tag_state::stale)
+        return;
+    const dgram_info& dat = tc->dat;
+    tag_info& tag = tc->tag;
+    tag = {};
+    tag.kind = kind_of(dat);
+    tag.ipg = static_cast<std::int8_t>(dat.ipg);
+    tag.istm = static_cast<std::int8_t>(dat.istm);
+    tag.idx = tc->last_pkt_idx;
+    tag.has_pcr = dat.program && dat.program->got_pcr;
+    if (tag.has_pcr) {
+        tag.pcr = dat.program->last_pcr;
+        tag.since = tc->last_pkt_idx - dat.program->pcr_pktnum;
+    }
+    tc->tag_is = tag_state::noted;
+}
+
 const char* ptag(tsan_ctx* tc) {
-    if (!tc->ptag_ready) {
+    note_tag(tc);
+    if (tc->tag_is == tag_state::noted) {
         tag_text(&tc->tag, tc->ptag);
-        tc->ptag_ready = true;
+        tc->tag_is = tag_state::text;
     }
     return tc->ptag;
 }
@@ -105,6 +132,7 @@ void map_pids(tsan_ctx* tc) {
                 entry = make_entry(PID_IS_STREAM, i, j);
         }
     }
+    tc->pid_map[PAT_PID_NUM] = {}; // the PAT's own, whatever a PMT lists
 }
 
 // ---- live hosts --------------------------------------------------------------------------------
@@ -133,6 +161,7 @@ std::uint64_t tsan_get_pidx(tsan_t tc) {
 
 void tsan_set_pidx(tsan_t tc, std::uint64_t idx) {
     const u64 new_idx = idx;
+    note_tag(tc); // the last packet keeps its old index
     LOG(&g_log, WARN_level, "[%s] packet index changed from %llu to %llu\n", source(tc),
         tc->last_pkt_idx, new_idx);
     tc->last_pkt_idx = new_idx;

@@ -51,6 +51,10 @@ struct tag_info {
     u64 since;        // packets since that PCR
 };
 
+// How much of the current packet's tag has been made: its text in ptag, the note in `tag`, or
+// nothing, since everything it says is still in place.
+enum class tag_state : std::uint8_t { text, noted, stale };
+
 // ---- sections ----------------------------------------------------------------------------------
 
 inline constexpr std::size_t MAX_SECTION = 1024;  // bytes of a PAT or PMT section, header included
@@ -155,10 +159,10 @@ struct tsan_ctx {
     program_info pg[MAX_PMTS];  // same order
     std::size_t nprogs;
     dgram_info dat;
-    u64 ndat_pcount;          // packet count of the next no-data scan, 0: none due
-    char ptag[PKTIDX_LEN];    // text of `tag`, once made
-    tag_info tag;             // the current packet
-    bool ptag_ready;          // ptag holds the text of `tag`
+    u64 ndat_pcount;       // packet count of the next no-data scan, 0: none due
+    char ptag[PKTIDX_LEN]; // text of `tag`, once made
+    tag_info tag;          // the current packet, once noted
+    tag_state tag_is;
     time_t last_stats_dumped; // 0: never
     cc_alert_ctx last_cca;
     u64 last_pkt_idx;   // 1-based
@@ -223,22 +227,22 @@ void dump_time_info(tsan_ctx* tc, const char* name, stamp which, u64 delta_ms,
                     const stream_info* ref, const stream_info* si);
 void alert_ndat_pcount(tsan_ctx* tc, std::size_t ipg, std::size_t istm, unsigned pid);
 
-// intake.cpp
-void setup_dat(tsan_ctx* tc, unsigned pid);
-void mk_ptag(tsan_ctx* tc);
-void inc_pkt_stat(tsan_ctx* tc, ssize_t istm, bool processed);
-void mark_processed(tsan_ctx* tc, ssize_t istm);
-[[nodiscard]] int analyze_pkt(tsan_ctx* tc, ts_packet pkt, ssize_t istm);
-
-// context.cpp: the text of the current packet's tag (the context's own buffer, made on demand), and
-// of a noted tag into a buffer of PKTIDX_LEN bytes.
+// context.cpp: notes the current packet's tag before the state that it quotes changes; the text of
+// the current packet's tag (the context's own buffer, made on demand), and of a noted tag into a
+// buffer of PKTIDX_LEN bytes.
+void note_tag(tsan_ctx* tc);
 const char* ptag(tsan_ctx* tc);
 void tag_text(const tag_info* tag, char* buf);
 void map_pids(tsan_ctx* tc);
 
-// classify.cpp: the packet's stream index, negative for a packet of no known stream.
-[[nodiscard]] ssize_t upsert_pkt_info(tsan_ctx* tc, ts_packet pkt);
-[[nodiscard]] bool pkt_has_pcr(const tsan_ctx* tc, unsigned pid, ts_packet pkt);
+// intake.cpp
+void analysis_begins(tsan_ctx* tc);
+void check_audio(tsan_ctx* tc, stream_info* si);
+
+// classify.cpp: packets of no stream, and what is rare in those of one.
+void upsert_pkt_info(tsan_ctx* tc, unsigned pid, ts_packet pkt);
+void new_pcr(tsan_ctx* tc, ts_packet pkt);
+void unit_start(tsan_ctx* tc, ts_packet pkt);
 
 // section.cpp
 using take_section = void (*)(tsan_ctx* tc, const section_view& section);
@@ -272,7 +276,8 @@ const char* stream_type_text(std::uint8_t scode); // static text
 void defuse_descriptors(std::uint8_t* pmt);
 
 // cc.cpp
-void cc_track(tsan_ctx* tc, unsigned pid, int cc);
+void cc_jump(tsan_ctx* tc, stream_info* si, int cc);
+void trace_cc(tsan_ctx* tc, unsigned pid, int cc);
 void save_cca(tsan_ctx* tc, unsigned pid, int last, int current);
 [[nodiscard]] bool is_cc_mlr(const tsan_ctx* tc, unsigned pid, int last, int current);
 
@@ -290,3 +295,5 @@ void check_pcount(tsan_ctx* tc, bool force);
 
 // stats.cpp
 void log_aval_stats(const char* name, const char* src, int pid, int pid2, const aggr_val* a);
+
+#include "packet.h"
