@@ -29,10 +29,10 @@
 
 LOG_MODULE(0);
 
-static config g_cfg;
-static config_t g_libcfg;
-static std::uint8_t g_buf[NUM_RECORDS * TS_RECORD_LEN];
-static volatile std::sig_atomic_t g_quit = 0;
+static constinit config g_cfg{};
+static constinit config_t g_libcfg{};
+static constinit std::uint8_t g_buf[NUM_RECORDS * TS_RECORD_LEN]{};
+static constinit volatile std::sig_atomic_t g_quit = 0;
 static constexpr char app_tag[8] = "FSCN"; // group of application log lines
 
 namespace {
