@@ -89,8 +89,8 @@ void note_tag(tsan_ctx* tc) {
     tag_info& tag = tc->tag;
     tag = {};
     tag.kind = kind_of(dat);
-    tag.ipg = static_cast<std::int8_t>(dat.ipg);
-    tag.istm = static_cast<std::int8_t>(dat.istm);
+    tag.ipg = static_cast<std::int16_t>(dat.ipg);
+    tag.istm = static_cast<std::int16_t>(dat.istm);
     tag.idx = tc->last_pkt_idx;
     tag.has_pcr = dat.program && dat.program->got_pcr;
     if (tag.has_pcr) {

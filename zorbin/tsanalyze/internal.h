@@ -43,12 +43,12 @@ enum class tag_kind : std::uint8_t { none, pat, pmt, stream, other };
 // something quotes it.
 struct tag_info {
     tag_kind kind;
-    bool has_pcr;     // the packet's program has seen a PCR
-    std::int8_t ipg;  // program index
-    std::int8_t istm; // stream index
-    u64 idx;          // packet index
-    u64 pcr;          // that program's last PCR
-    u64 since;        // packets since that PCR
+    bool has_pcr;      // the packet's program has seen a PCR
+    std::int16_t ipg;  // program index
+    std::int16_t istm; // stream index
+    u64 idx;           // packet index
+    u64 pcr;           // that program's last PCR
+    u64 since;         // packets since that PCR
 };
 
 // How much of the current packet's tag has been made: its text in ptag, the note in `tag`, or
