@@ -1,0 +1,119 @@
+// context_test.cpp - life of a context, packet tags, the pid look-up, and what live hosts call.
+#include <cstring>
+
+#include "program_test.h"
+
+namespace {
+
+class context_test : public program_test {};
+
+TEST_F(context_test, life) {
+    log.set_level(DEBUG_level);
+    const std::string tag(70, 'x');
+    int error = 55;
+    t = tsan_init(tag.c_str(), &cfg, &error);
+    EXPECT_EQ(error, 55);
+    const std::string shown = "tsan[" + tag.substr(0, 63) + "] (" + address() + ")";
+    expect_lines({dbg("tsan_init: " + shown + " created")}, {});
+    for (const program_info& p : t->pg)
+        EXPECT_TRUE(p.pcr_idx == -1 && p.ref_idx == -1);
+    t->cfg.source[0] = '\0'; // as a context that was released before looks
+    tsan_free(t);
+    expect_lines({wrn("tsan_free: avoiding double-freeing of tsan[] (" + address() + ")")}, {});
+    strcpy(t->cfg.source, "src");
+    const std::string freed = dbg("tsan_free: freeing up tsan[src] (" + address() + ")");
+    release();
+    expect_lines({freed}, {});
+}
+
+TEST_F(context_test, tag_texts) {
+    constexpr u64 MAX = ~u64{0};
+    const struct {
+        tag_info tag;
+        std::string expected;
+    } rows[] = {
+        {{tag_kind::pat, false, -1, -1, 1, 0, 0}, "PAT[1]"},
+        {{tag_kind::pmt, false, 0, -1, 57, 0, 0}, "0:M[57]"},
+        {{tag_kind::pmt, true, 31, -1, 57, 0, 56}, "31:M[57]:(pcr=0)+56"},
+        {{tag_kind::stream, false, 31, 63, MAX, 5, 5}, "31:63[18446744073709551615]"},
+        {{tag_kind::other, false, -1, -1, 3, 0, 0}, "pkt[3]"},
+        {{tag_kind::none, true, 0, 0, 0, 0, 0}, ""},
+        {{tag_kind::stream, true, 31, 63, MAX, MAX, MAX}, // cut at 62 characters
+         "31:63[18446744073709551615]:(pcr=18446744073709551615)+1844674"},
+    };
+    for (const auto& row : rows) {
+        char text[PKTIDX_LEN];
+        memset(text, 'x', sizeof text);
+        tag_text(&row.tag, text);
+        EXPECT_EQ(text, row.expected);
+    }
+}
+
+// A tag tells of the state before its packet.
+TEST_F(context_test, tags_of_packets) {
+    cfg.trk.pcr_update = cfg.trk.misc_ignore = cfg.trk.pat_pmt_pkt = true;
+    load();
+    pg().stat.acount = 1;
+    log.set_level(INFO_level);
+    s.pcr(V, 900000).pcr(V, 903000).section(PMT, ts::pmt_section(1, V, VAS)).null().pcr(V, 0);
+    feed_new(s.section(0, ts::pat_section({{1, PMT}})));
+    expect_lines({inf("[src] new PCR=900000 [00:00:10.000] at 0:0[3]"),
+                  inf("[src] new PCR=903000 [00:00:10.033] at 0:0[4]:(pcr=900000)+1"),
+                  inf("[src] found PMT (pid100) at 0:M[5]:(pcr=903000)+1"),
+                  inf("upsert_pkt_info: [src] ignoring pid=8191 pkt[6]"),
+                  inf("[src] new PCR=0 [00:00:00.000] at 0:0[7]:(pcr=903000)+3"),
+                  inf("[src] found PAT at PAT[8]"),
+                  inf("another_PAT: (" + address() + ") new PAT is being compiled at PAT[8]"),
+                  inf("another_PAT: new PAT ready for comparison at PAT[8]")},
+                 {});
+    feed_new(s.data(V));
+    tsan_set_pidx(t, 41); // neither this nor anything else renames the last packet
+    EXPECT_STREQ(ptag(t), "0:0[9]:(pcr=0)+2");
+    EXPECT_EQ(tsan_get_pidx(t), 41U);
+    feed_new(s.data(V));
+    EXPECT_STREQ(ptag(t), "0:0[42]:(pcr=0)+35");
+    expect_lines({wrn("[src] packet index changed from 9 to 41")}, {});
+}
+
+// PMT pids come before streams, and the first of several equal pids wins, as in a search from 0.
+TEST_F(context_test, every_pid_is_found_where_a_search_finds_it) {
+    start();
+    s.section(0, ts::pat_section({{1, PMT}, {2, 200}, {3, PMT}, {4, 300}}));
+    s.section(200, ts::pmt_section(2, 201, {{0x1b, 201}, {0x0f, 202}, {0x0f, 201}, {6, 0}}));
+    s.section(PMT, ts::pmt_section(1, V, {{0x1b, V}, {0x0f, 202}, {6, 200}, {6, 0x11}}));
+    s.section(300, ts::pmt_section(4, 201, {{0x1b, 0x1fff}, {0x0f, 201}, {0x0f, 301}}));
+    feed_new(s);
+    for (unsigned pid = 0; pid < PID_COUNT; pid++) {
+        ssize_t ipg = pid == 0 ? -1 : get_pmt_pg(t, pid);
+        const bool is_pmt = ipg >= 0;
+        ssize_t istm = -1;
+        for (ssize_t i = 0; !is_pmt && pid != 0 && istm < 0 && i < 4; i++) {
+            istm = find_stream(pg(static_cast<std::size_t>(i)).stm,
+                               pg(static_cast<std::size_t>(i)).nstreams, pid);
+            ipg = istm < 0 ? -1 : i;
+        }
+        setup_dat(t, pid);
+        EXPECT_EQ(t->dat.ipg, ipg) << pid;
+        EXPECT_EQ(t->dat.istm, istm) << pid;
+        EXPECT_EQ(t->dat.is_pat, pid == 0);
+        EXPECT_EQ(t->dat.is_pmt, is_pmt) << pid;
+        EXPECT_EQ(t->dat.program, ipg < 0 ? nullptr : &t->pg[ipg]) << pid;
+        EXPECT_EQ(t->dat.stream, istm < 0 ? nullptr : &t->pg[ipg].stm[istm]) << pid;
+    }
+}
+
+TEST_F(context_test, local_periods) {
+    start();
+    t->nprogs = 2;
+    for (std::size_t i = 0; i < 3; i++)
+        for (aggr_val* a : {&pg(i).av_pdts_delta, &pg(i).av_pcr_delta, &pg(i).av_pcr_freq})
+            inc_aval(a, 7);
+    tsan_reset_local_stats(t);
+    for (std::size_t i = 0; i < 3; i++)
+        for (const aggr_val* a : {&pg(i).av_pdts_delta, &pg(i).av_pcr_delta, &pg(i).av_pcr_freq}) {
+            EXPECT_EQ(a->count, i < 2 ? 0U : 1U); // the third is not in use
+            EXPECT_EQ(a->g_count, 1U);
+        }
+}
+
+} // namespace
