@@ -18,4 +18,5 @@ endif()
 
 add_library(quarn_product INTERFACE)
 target_link_libraries(quarn_product INTERFACE quarn_options)
-target_compile_options(quarn_product INTERFACE -fno-exceptions -fno-rtti)
+# Without exceptions some platforms leave out the tables that call-stack dumps are made from.
+target_compile_options(quarn_product INTERFACE -fno-exceptions -fno-rtti -funwind-tables)
