@@ -214,8 +214,7 @@ std::uint64_t log_get_group(const log_ctx* log);
 // Attaches a ring, which the context then owns. Returns the ring it replaces, now the caller's.
 lard_t log_set_lard(log_ctx* log, lard_t ring);
 
-// ---- syslog
-// --------------------------------------------------------------------------------------
+// ---- syslog ------------------------------------------------------------------------------------
 
 // Forwards lines of WARN_level and more severe to syslog(3). `ident` is kept, not copied.
 // `option` and `facility` are those of openlog(3).
@@ -226,8 +225,7 @@ void disable_syslog(log_ctx* log);
 void glog_enable_syslog(const char* ident);
 void glog_disable_syslog();
 
-// ---- levels of modules and sections
-// --------------------------------------------------------------
+// ---- levels of modules and sections ------------------------------------------------------------
 
 void log_set_modules(log_ctx* log, int level);  // all modules; `log` notes that it was done
 void log_set_sections(log_ctx* log, int level); // all sections; `log` notes that it was done
@@ -251,8 +249,7 @@ int match_log_level(const char* text, int* level);
 // Name of a level, "??" for any that has none. The text is static.
 const char* log_level_str(int level);
 
-// ---- rotation
-// ------------------------------------------------------------------------------------
+// ---- rotation ----------------------------------------------------------------------------------
 //
 // A rotated file is named after the log, a dot and the Unix time of the rotation. Two rotations
 // within one second therefore share one name, and the second replaces the first: leave room for
@@ -275,8 +272,7 @@ time_t log_rota_eod(const log_ctx* log);
 // renamed and stays in use; -1 with a line on stderr otherwise.
 int log_rotate(log_ctx* log);
 
-// ---- one line
-// ------------------------------------------------------------------------------------
+// ---- one line ----------------------------------------------------------------------------------
 //
 // LOG and log_machine are what a module uses; these are the steps they are made of.
 
@@ -310,8 +306,7 @@ void log_lard(log_ctx* log, int level);
             log_emit((log), g_llctx, (level), __VA_ARGS__);                                        \
     } while (false)
 
-// ---- call stack
-// ----------------------------------------------------------------------------------
+// ---- call stack --------------------------------------------------------------------------------
 
 // Writes the callers of this function, innermost first, one "#%d: %s" line per frame and at most
 // 16, into `buf` of `len` bytes, cut where it is full. Returns 0, or -1 without a dump.

@@ -24,14 +24,12 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-// ---- memory
-// --------------------------------------------------------------------------------------
+// ---- memory ------------------------------------------------------------------------------------
 
 [[nodiscard]] void* W_calloc(const char* caller, std::size_t n, std::size_t size);
 [[nodiscard]] void* W_realloc(const char* caller, void* ptr, std::size_t size);
 
-// ---- files
-// ---------------------------------------------------------------------------------------
+// ---- files -------------------------------------------------------------------------------------
 
 // A mode of 0 stands for 0644.
 [[nodiscard]] int W_open(const char* caller, const char* path, int flags, mode_t mode);
@@ -43,8 +41,7 @@ int W_ftruncate(const char* caller, int fd, off_t length);
 int W_dup2(const char* caller, int oldfd, int newfd);
 int W_pipe(const char* caller, int fds[2]);
 
-// ---- input and output
-// ----------------------------------------------------------------------------
+// ---- input and output --------------------------------------------------------------------------
 //
 // With `guilty` 0 the failures EAGAIN, EPIPE, EINTR and ECONNRESET are expected and not logged;
 // the call still returns -1. With any other value every failure is logged.
@@ -61,8 +58,7 @@ ssize_t W_pread_f(const char* caller, int fd, void* buf, std::size_t len, off_t 
 ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, std::size_t count,
                      std::uint32_t guilty);
 
-// ---- sockets
-// -------------------------------------------------------------------------------------
+// ---- sockets -----------------------------------------------------------------------------------
 
 // Success is logged at DEBUG_level.
 [[nodiscard]] int W_socket(const char* caller, int domain, int type, int protocol);
@@ -83,16 +79,14 @@ ssize_t W_sendto(const char* caller, int fd, const void* buf, std::size_t len, i
 ssize_t W_recvfrom(const char* caller, int fd, void* buf, std::size_t len, int flags,
                    sockaddr* from, socklen_t* fromlen);
 
-// ---- waiting
-// -------------------------------------------------------------------------------------
+// ---- waiting -----------------------------------------------------------------------------------
 
 // EINTR is logged only while module 2 logs at DEBUG_level or is in a section above level 1.
 int W_select(const char* caller, int nfds, fd_set* rd, fd_set* wr, fd_set* ex, timeval* tmout);
 // A time-out (result 0) is logged at WARN_level. `tmout_ms` in milliseconds, negative: for ever.
 int W_poll(const char* caller, pollfd* fds, nfds_t nfds, int tmout_ms);
 
-// ---- processes
-// -----------------------------------------------------------------------------------
+// ---- processes ---------------------------------------------------------------------------------
 
 pid_t W_fork(const char* caller);
 int W_kill(const char* caller, pid_t pid, int sig);

@@ -34,8 +34,7 @@
 
 #include "log.h" // the TMF_ flags
 
-// ---- clocks
-// --------------------------------------------------------------------------------------
+// ---- clocks ------------------------------------------------------------------------------------
 
 // The coarse clocks cost less and count milliseconds only.
 inline constexpr bool using_fast_clocks = false;
@@ -49,8 +48,7 @@ void set_clk_now(timespec* tms, clockid_t clk_id);
 void set_now(timespec* tms);      // monotonic clock
 void set_real_now(timespec* tms); // real-time clock
 
-// ---- distances
-// -----------------------------------------------------------------------------------
+// ---- distances ---------------------------------------------------------------------------------
 
 #define timespeccmp(a, b, op)                                                                      \
     (((a)->tv_sec == (b)->tv_sec) ? ((a)->tv_nsec op(b)->tv_nsec) : ((a)->tv_sec op(b)->tv_sec))
@@ -117,8 +115,7 @@ int set_tspan(tspan* span, int mode, const timespec* tms, std::uint32_t ticks);
 bool tspan_timed_out(const tspan* span, const timespec* last_tm, std::uint32_t last_tick,
                      std::uint32_t tick);
 
-// ---- texts
-// ---------------------------------------------------------------------------------------
+// ---- texts -------------------------------------------------------------------------------------
 
 // Non-zero while mk_timestr is at work on what a signal handler must not touch.
 extern volatile sig_atomic_t g_tmlock;

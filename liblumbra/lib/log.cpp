@@ -29,30 +29,29 @@ constinit int g_sigctx = 0;
 static constinit int g_saved_ll[LL_MAX_MODULES] = {};
 static constinit bool mlevels_pushed = false;
 
-// ---- facts about levels
-// --------------------------------------------------------------------------
+// ---- facts about levels ------------------------------------------------------------------------
 
 namespace {
 struct level_facts {
     int level;
+    int priority; // of syslog
     const char* tag;
     const char* name;
-    int priority; // of syslog
 };
 
 constexpr level_facts levels[] = {
-    {PANIC_level, "(PNC)", "panic", LOG_ALERT},
-    {ERR_level, "(ERR)", "error", LOG_ERR},
+    {PANIC_level, LOG_ALERT, "(PNC)", "panic"},
+    {ERR_level, LOG_ERR, "(ERR)", "error"},
     // intended: "ctitical" has been the name for so long that readers of logs match it, and the
     // priority is above that of the more severe ERR_level.
-    {CRIT_level, "(CRI)", "ctitical", LOG_CRIT},
-    {WARN_level, "(WRN)", "warning", LOG_WARNING},
-    {NORM_level, "(NRM)", "normal", LOG_NOTICE},
-    {INFO_level, "(INF)", "info", LOG_INFO},
-    {DEBUG_level, "(DBG)", "debug", LOG_DEBUG},
-    {SECTION_level, "(SCT)", "section", LOG_DEBUG},
+    {CRIT_level, LOG_CRIT, "(CRI)", "ctitical"},
+    {WARN_level, LOG_WARNING, "(WRN)", "warning"},
+    {NORM_level, LOG_NOTICE, "(NRM)", "normal"},
+    {INFO_level, LOG_INFO, "(INF)", "info"},
+    {DEBUG_level, LOG_DEBUG, "(DBG)", "debug"},
+    {SECTION_level, LOG_DEBUG, "(SCT)", "section"},
 };
-constexpr level_facts no_level = {0, "( ? )", "??", LOG_DEBUG};
+constexpr level_facts no_level = {0, LOG_DEBUG, "( ? )", "??"};
 
 struct level_word {
     const char* text;
@@ -106,8 +105,7 @@ int read_level_env(const char* name, int dflt) {
     return strcmp(text, "0") == 0 ? 0 : dflt;
 }
 
-// ---- contexts
-// ------------------------------------------------------------------------------------
+// ---- contexts ----------------------------------------------------------------------------------
 
 void glog_init(const char* app_tag) {
     assert(app_tag);
@@ -161,8 +159,7 @@ lard_t log_set_lard(log_ctx* log, lard_t ring) {
     return previous;
 }
 
-// ---- syslog
-// --------------------------------------------------------------------------------------
+// ---- syslog ------------------------------------------------------------------------------------
 
 void config_syslog(log_ctx* log, const char* ident, int option, int facility) {
     log->syslg.option = option;
@@ -184,8 +181,7 @@ void glog_disable_syslog() {
     disable_syslog(&g_log);
 }
 
-// ---- levels of modules and sections
-// --------------------------------------------------------------
+// ---- levels of modules and sections ------------------------------------------------------------
 
 void log_set_modules(log_ctx* log, int level) {
     std::fill(std::begin(g_mod_ll), std::end(g_mod_ll), level);

@@ -32,8 +32,7 @@ bool logbuf_empty() {
     return g_outbuf[0] == '\0';
 }
 
-// ---- building
-// ------------------------------------------------------------------------------------
+// ---- building ----------------------------------------------------------------------------------
 
 static int flags2clock(std::uint32_t flags, clockid_t* clk) {
     const unsigned timer = flags & TMF_CLOCK_MASK;
@@ -132,8 +131,7 @@ int logbuf_prepare(log_ctx* log, int level, const char* fmt, ...) {
     return n;
 }
 
-// ---- writing
-// -------------------------------------------------------------------------------------
+// ---- writing -----------------------------------------------------------------------------------
 
 // Streams without a descriptor (memory streams) are told apart by themselves.
 static bool same_output(FILE* a, FILE* b) {
@@ -174,8 +172,7 @@ void log_lard(log_ctx* log, int level) {
         log->lh->lard_set_temp(log->lh->opaque, -level);
 }
 
-// ---- emission
-// ------------------------------------------------------------------------------------
+// ---- emission ----------------------------------------------------------------------------------
 
 void log_emit(log_ctx* log, const loglevel_ctx& ll, int level, const char* fmt, ...) {
     va_list ap;

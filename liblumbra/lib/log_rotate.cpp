@@ -45,8 +45,7 @@ time_t log_rota_eod(const log_ctx* log) {
     return log->rota.max_log_tm;
 }
 
-// ---- names
-// ---------------------------------------------------------------------------------------
+// ---- names -------------------------------------------------------------------------------------
 
 // Writes the name that `path` gets when it is rotated at `tm`. Returns its length, fit or not.
 static int name_at(char* out, std::size_t room, const char* path, time_t tm) {
@@ -88,8 +87,7 @@ int move_if_present(const char* path) {
     return rc;
 }
 
-// ---- the ring of files kept
-// ----------------------------------------------------------------------
+// ---- the ring of files kept --------------------------------------------------------------------
 
 static void delete_oldest(const char* oldest, const log_ctx* log, time_t now) {
     if (unlink(oldest) != 0) {
@@ -122,8 +120,7 @@ static void handle_rotation(log_ctx* log, time_t now, const char* new_name) {
     errno = 0;
 }
 
-// ---- rotating
-// ------------------------------------------------------------------------------------
+// ---- rotating ----------------------------------------------------------------------------------
 
 // Whether the context writes to a file at all; `*rc` is the result if it does not.
 static bool can_rotate(const log_ctx* log, int* rc) {

@@ -39,8 +39,7 @@ bool no_fault(int err, std::uint32_t guilty) {
     return guilty == 0 && (is_eagain(err) || err == EPIPE || err == EINTR || err == ECONNRESET);
 }
 
-// ---- memory
-// --------------------------------------------------------------------------------------
+// ---- memory ------------------------------------------------------------------------------------
 
 void* W_calloc(const char* caller, std::size_t n, std::size_t size) {
     void* mem = calloc(n, size);
@@ -65,8 +64,7 @@ void* W_realloc(const char* caller, void* ptr, std::size_t size) {
     return mem;
 }
 
-// ---- files
-// ---------------------------------------------------------------------------------------
+// ---- files -------------------------------------------------------------------------------------
 
 int W_open(const char* caller, const char* path, int flags, mode_t mode) {
     const mode_t used = mode != 0 ? mode : 0644;
@@ -136,8 +134,7 @@ int W_pipe(const char* caller, int fds[2]) {
     return rc;
 }
 
-// ---- input and output
-// ----------------------------------------------------------------------------
+// ---- input and output --------------------------------------------------------------------------
 
 ssize_t W_write_f(const char* caller, int fd, const void* buf, std::size_t len,
                   std::uint32_t guilty) {
@@ -186,11 +183,10 @@ ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, s
     return n;
 }
 
-// ---- sockets
-// -------------------------------------------------------------------------------------
+// ---- sockets -----------------------------------------------------------------------------------
 
 static long length_behind(const socklen_t* len) {
-    return len != nullptr ? long{*len} : 0L;
+    return len != nullptr ? static_cast<long>(*len) : 0L;
 }
 
 int W_socket(const char* caller, int domain, int type, int protocol) {
@@ -310,8 +306,7 @@ ssize_t W_recvfrom(const char* caller, int fd, void* buf, std::size_t len, int f
     return n;
 }
 
-// ---- waiting
-// -------------------------------------------------------------------------------------
+// ---- waiting -----------------------------------------------------------------------------------
 
 // An interrupted wait is an everyday event, of interest to somebody who debugs.
 static bool tells_interrupts() {
@@ -343,8 +338,7 @@ int W_poll(const char* caller, pollfd* fds, nfds_t nfds, int tmout_ms) {
     return n;
 }
 
-// ---- processes
-// -----------------------------------------------------------------------------------
+// ---- processes ---------------------------------------------------------------------------------
 
 pid_t W_fork(const char* caller) {
     const pid_t pid = fork();

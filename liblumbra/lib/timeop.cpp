@@ -17,8 +17,7 @@ constexpr long NSEC_PER_SEC = 1'000'000'000;
 constexpr ssize_t TIMESTR_BUSY = -35;
 } // namespace
 
-// ---- clocks
-// --------------------------------------------------------------------------------------
+// ---- clocks ------------------------------------------------------------------------------------
 
 void set_clk_now(timespec* tms, clockid_t clk_id) {
     if (clock_gettime(clk_id, tms) != 0) {
@@ -35,8 +34,7 @@ void set_real_now(timespec* tms) {
     set_clk_now(tms, using_fast_clocks ? CLOCK_REALTIME_COARSE : CLOCK_REALTIME);
 }
 
-// ---- distances
-// -----------------------------------------------------------------------------------
+// ---- distances ---------------------------------------------------------------------------------
 
 long tms2ms(const timespec* tms) {
     if (tms->tv_sec == -1)
@@ -143,8 +141,7 @@ bool tspan_timed_out(const tspan* span, const timespec* last_tm, std::uint32_t l
     }
 }
 
-// ---- the text of a second
-// ------------------------------------------------------------------------
+// ---- the text of a second ----------------------------------------------------------------------
 
 namespace {
 constexpr std::size_t SECOND_TEXT_MAX = 80; // six numbers of any width
@@ -195,8 +192,7 @@ static bool second_text(time_t second, bool gmt, char (&out)[SECOND_TEXT_MAX]) {
     return true;
 }
 
-// ---- texts
-// ---------------------------------------------------------------------------------------
+// ---- texts -------------------------------------------------------------------------------------
 
 const char* get_timezone(int refresh) {
     static char zone[16];
@@ -314,8 +310,7 @@ time_t get_endofday_utime(time_t tstamp) {
     return mktime(&parts);
 }
 
-// ---- reading a stamp back
-// ------------------------------------------------------------------------
+// ---- reading a stamp back ----------------------------------------------------------------------
 
 // Takes a number of `min` to `max` digits, and the character `end` behind it unless that is NUL.
 static bool take_number(const char** text, int min, int max, char end, long long* out) {

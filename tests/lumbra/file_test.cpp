@@ -64,7 +64,7 @@ TEST_F(file_test, what_stands_in_the_way_is_moved_aside) {
         write_line("new");
         log_close(&log);
         EXPECT_EQ(read_file(name), row.old_file == row.name ? "old\n(NRM)  new\n" : "(NRM)  new\n");
-        if (row.old_file != "" && row.old_file != row.name) {
+        if (!row.old_file.empty() && row.old_file != row.name) {
             EXPECT_EQ(read_file(path(row.old_file)), "old\n");
         }
     }

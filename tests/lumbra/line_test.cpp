@@ -141,7 +141,7 @@ TEST_F(line_test, levels_and_sections_decide) {
             g_sec_ll[row.section] = row.section_level;
         }
         log_emit(&log, module, row.level, "x\n");
-        EXPECT_EQ(one.text() != "", row.passes);
+        EXPECT_EQ(!one.text().empty(), row.passes);
     }
 }
 

@@ -19,31 +19,35 @@ static const std::optional<timespec>& fake_of(clockid_t id) {
     return id == CLOCK_MONOTONIC ? g_clock.mono : none;
 }
 
-extern "C" {
-int __real_clock_gettime(clockid_t id, timespec* tms);
-time_t __real_time(time_t* out);
+// The names under which calls of these reach the linker: on 32-bit platforms not those they have in
+// the source, because time_t has 64 bits there too.
+#if __WORDSIZE == 32
+#define LINKED_GETTIME "__clock_gettime64"
+#define LINKED_TIME "__time64"
+#else
+#define LINKED_GETTIME "clock_gettime"
+#define LINKED_TIME "time"
+#endif
 
-int __wrap_clock_gettime(clockid_t id, timespec* tms) {
+extern "C" {
+int real_clock_gettime(clockid_t id, timespec* tms) __asm__("__real_" LINKED_GETTIME);
+time_t real_time(time_t* out) __asm__("__real_" LINKED_TIME);
+int wrap_clock_gettime(clockid_t id, timespec* tms) __asm__("__wrap_" LINKED_GETTIME);
+time_t wrap_time(time_t* out) __asm__("__wrap_" LINKED_TIME);
+
+int wrap_clock_gettime(clockid_t id, timespec* tms) {
     if (!fake_of(id))
-        return __real_clock_gettime(id, tms);
+        return real_clock_gettime(id, tms);
     *tms = *fake_of(id);
     return 0;
 }
 
-time_t __wrap_time(time_t* out) {
+time_t wrap_time(time_t* out) {
     if (!g_clock.real)
-        return __real_time(out);
+        return real_time(out);
     if (out != nullptr)
         *out = g_clock.real->tv_sec;
     return g_clock.real->tv_sec;
-}
-
-int __wrap___clock_gettime64(clockid_t id, timespec* tms) {
-    return __wrap_clock_gettime(id, tms);
-}
-
-time_t __wrap___time64(time_t* out) {
-    return __wrap_time(out);
 }
 
 [[gnu::format(printf, 2, 0)]] static void take_syslog(int priority, const char* fmt, va_list ap) {

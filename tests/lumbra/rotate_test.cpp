@@ -102,7 +102,7 @@ TEST_F(rotate_test, size_of_an_old_file_counts) {
 TEST_F(rotate_test, at_the_end_of_the_day) {
     use_zone(BERLIN);
     const time_t midnight = 1711922400; // 2024-04-01 00:00:00 CEST
-    log_set_rota(&log, 0, 3, midnight - 20 * 3600);
+    log_set_rota(&log, 0, 3, midnight - 72000);
     EXPECT_EQ(log_rota_eod(&log), midnight - 1);
     g_clock.real->tv_sec = midnight - 1;
     write_line(1); // the last second of the day still belongs to it

@@ -24,7 +24,7 @@ class syswrap_test : public lumbra_test {
     // The line written since the last call of this.
     std::string line() {
         const std::string all = out.text();
-        const std::string latest = all.substr(seen);
+        std::string latest = all.substr(seen);
         seen = all.size();
         return latest;
     }
@@ -52,13 +52,14 @@ struct failing_call {
     int err;
 };
 
-const std::string EBADF_TEXT = " ERROR(9): Bad file descriptor\n";
-
 TEST_F(syswrap_test, failures_are_told_and_keep_errno) {
-    constexpr std::size_t huge = LONG_MAX;
-    const std::string huge_text = std::to_string(huge);
+    constexpr std::size_t huge = SIZE_MAX - 4095; // more than any platform grants
+    const std::string huge_text = "-4096";
     const std::string none = "/nonexistent/x";
     const std::string self = std::to_string(getpid());
+    const sockaddr addr = {};
+    char where[32];
+    snprintf(where, sizeof(where), "%p", static_cast<const void*>(&addr));
     off_t offset = 9;
     int slots[2] = {-5, -6};
     const auto is_null = [](const void* p) { return p == nullptr ? -1L : 0L; };
@@ -77,7 +78,8 @@ TEST_F(syswrap_test, failures_are_told_and_keep_errno) {
         {[] { return W_dup2("t", -1, 5); }, "dup2(-1, 5)", EBADF},
         {[&] { return without_descriptors([&] { return W_pipe("t", slots); }); }, "pipe([-5,-6])",
          EMFILE},
-        {[] { return W_write_f("t", -1, nullptr, 5, 0); }, "write(-1, (nil), 5)", EBADF},
+        {[&] { return W_write_f("t", -1, &addr, 5, 0); },
+         std::string("write(-1, ") + where + ", 5)", EBADF},
         {[] { return W_read_f("t", -1, nullptr, 5, 0); }, "read(-1, (nil), 5)", EBADF},
         {[] { return W_pread_f("t", -1, nullptr, 5, 9, 0); }, "pread(-1, (nil), 5, 9)", EBADF},
         {[&] { return W_sendfile_f("t", -1, -2, &offset, 3, 0); }, "LNX sendfile(-1<--2, 9, 3)",
@@ -90,7 +92,8 @@ TEST_F(syswrap_test, failures_are_told_and_keep_errno) {
         {[] { return W_bind("t", -1, nullptr, 16); }, "bind(-1, (nil), 16):", EBADF},
         {[] { return W_listen("t", -1, 4); }, "listen(-1, 4)", EBADF},
         {[] { return W_accept("t", -1, nullptr, nullptr); }, "accept(-1, (nil), 0)", EBADF},
-        {[] { return W_connect("t", -1, nullptr, 16); }, "connect(-1, (nil), 16)", EBADF},
+        {[&] { return W_connect("t", -1, &addr, 16); },
+         std::string("connect(-1, ") + where + ", 16)", EBADF},
         {[] { return W_sendto("t", -1, nullptr, 0, 1, nullptr, 0); },
          "sendto(-1, (nil), 0, 1, ...)", EBADF},
         {[] { return W_recvfrom("t", -1, nullptr, 0, 2, nullptr, nullptr); },
@@ -158,17 +161,6 @@ TEST_F(syswrap_test, expected_failures_are_silent_unless_guilty) {
     for (int fd : {quiet[0], quiet[1], broken[1]})
         close(fd);
     signal(SIGPIPE, SIG_DFL);
-}
-
-TEST_F(syswrap_test, excused_lines_leave_nothing_behind) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
-    char c;
-    EXPECT_EQ(W_read_f("t", fds[0], &c, 1, 0), -1);
-    EXPECT_EQ(line(), "");
-    EXPECT_EQ(W_close("t", fds[0]), 0);
-    EXPECT_EQ(W_close("t", fds[1]), 0);
-    EXPECT_EQ(line(), "");
 }
 
 TEST_F(syswrap_test, successes_are_told_to_those_who_debug) {
@@ -252,7 +244,7 @@ TEST_F(syswrap_test, waiting) {
         timeval tmout = {5, 0};
         EXPECT_EQ(W_select("t", 0, nullptr, nullptr, nullptr, &tmout), -1);
         EXPECT_EQ(errno, EINTR);
-        EXPECT_EQ(line() != "", level == DEBUG_level);
+        EXPECT_EQ(!line().empty(), level == DEBUG_level);
     }
     setitimer(ITIMER_REAL, &never, nullptr);
 }
