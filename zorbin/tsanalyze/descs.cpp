@@ -1,6 +1,10 @@
 // descs.cpp - makes the descriptors of a PMT safe to print. bitstream's validators step through
 // some descriptors by 8-bit sums of lengths that the stream supplies; a sum that wraps to 0 would
-// keep them in place for ever. Called for private copies of PMT sections; owns nothing.
+// keep them in place for ever. Its lists follow the length that they claim, and one of its formats
+// does not fit 32-bit platforms. Called for private copies of PMT sections; owns nothing.
+#include <algorithm>
+#include <ctime>
+
 #include <bitstream/mpeg/psi/pmt.h>
 
 #include "internal.h"
@@ -66,13 +70,30 @@ bool is_endless(const std::uint8_t* desc) {
     return false;
 }
 
+// bitstream prints the time in a local time offset as a long. Where time_t is wider, the texts
+// behind it would be looked for at whatever its upper half says.
+bool prints_wrong_time(const std::uint8_t* desc) {
+    constexpr std::uint8_t LOCAL_TIME_OFFSET = 0x58;
+    return sizeof(time_t) > sizeof(long) && desc_get_tag(desc) == LOCAL_TIME_OFFSET;
+}
+
+// Ends a list where its section ends. What lies behind, a packet's stuffing or padding, would be
+// printed as up to two thousand descriptors more.
+void cut(const std::uint8_t* pmt, std::uint8_t* descs) {
+    const std::ptrdiff_t end = psi_get_length(pmt) + PSI_HEADER_SIZE - PSI_CRC_SIZE;
+    const std::ptrdiff_t room = end - (descs - pmt) - DESCS_HEADER_SIZE;
+    if (descs_get_length(descs) > room)
+        descs_set_length(descs, static_cast<std::uint16_t>(std::max<std::ptrdiff_t>(room, 0)));
+}
+
 // A tag in the user-private range is printed as unknown, byte by byte, so that a change in such a
 // descriptor still shows.
-void defuse(std::uint8_t* descs) {
+void defuse(const std::uint8_t* pmt, std::uint8_t* descs) {
+    cut(pmt, descs);
     const std::uint16_t len = descs_get_length(descs);
     for (std::size_t pos = 0; pos < len;) {
         std::uint8_t* desc = descs + DESCS_HEADER_SIZE + pos;
-        if (is_endless(desc))
+        if (is_endless(desc) || prints_wrong_time(desc))
             desc_set_tag(desc, desc_get_tag(desc) | 0x80);
         pos += DESC_HEADER_SIZE + std::size_t{desc_get_length(desc)};
     }
@@ -82,11 +103,11 @@ void defuse(std::uint8_t* descs) {
 
 // `pmt` is a section in a zero-padded copy of SECTION_WORK bytes.
 void defuse_descriptors(std::uint8_t* pmt) {
-    defuse(pmt_get_descs(pmt));
+    defuse(pmt, pmt_get_descs(pmt));
     for (std::uint8_t i = 0; i < 255; i++) {
         std::uint8_t* es = pmt_get_es(pmt, i);
         if (!es)
             return;
-        defuse(pmtn_get_descs(es));
+        defuse(pmt, pmtn_get_descs(es));
     }
 }
