@@ -272,6 +272,9 @@ void update_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid);
 void copy_stm_stats(stream_info* dst, const stream_info* src);
 const char* stream_type_text(std::uint8_t scode); // static text
 
+// render.cpp: the text of a PMT in a private copy, appended to `txt`. Allocates nothing.
+void render_pmt(std::uint8_t* pld, ctxt_spec* txt);
+
 // descs.cpp
 void defuse_descriptors(std::uint8_t* pmt);
 

@@ -4,10 +4,8 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdlib>
-#include <cstring>
 
 #include <bitstream/mpeg/psi/pmt.h>
-#include <bitstream/mpeg/psi/pmt_print.h>
 
 #include "internal.h"
 #include "syswrap.h"
@@ -128,19 +126,6 @@ static ssize_t add_pmt_stream(tsan_ctx* tc, const std::uint8_t* es) {
 
 // ---- rendering ---------------------------------------------------------------------------------
 
-// Text callback of bitstream: names in descriptors stay the bytes they are. The caller frees the
-// result with free; bitstream does not test it, so a failed allocation is not let through either.
-static char* same_text(void*, const char*, char* text, std::size_t len) {
-    auto* copy = static_cast<char*>(W_calloc(__func__, 1, len + 1));
-    if (copy)
-        std::memcpy(copy, text, len);
-    return copy;
-}
-
-static void render(std::uint8_t* pld, ctxt_spec* txt) {
-    pmt_print(pld, add_ctxt_line, txt, same_text, nullptr, PRINT_TEXT);
-}
-
 // Whether a rendering kept every line; repeating it then warns of nothing.
 static bool is_whole(const ctxt_spec* txt) {
     return txt->buf && txt->buflen - txt->textlen > RENDERING_RESERVE;
@@ -164,7 +149,7 @@ void process_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     if (count != 0)
         pg->curr_pmt_pid = pid;
     if (!pg->txt_pmt.buf && open_ctxt(&pg->txt_pmt, MAX_PMT_TXT) == 0)
-        render(pld, &pg->txt_pmt);
+        render_pmt(pld, &pg->txt_pmt);
     if (tc->cfg.trk.pmt_diff) {
         LOG(&g_log, INFO_level, "%s: PMT pid=%u, %zu entries\n", __func__, pid, count);
         dump_ctxt(log_fp(&g_log), "Using PMT:", &pg->txt_pmt);
@@ -198,7 +183,7 @@ int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     ctxt_spec new_txt;
     if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0)
         return 0;
-    render(pld, &new_txt);
+    render_pmt(pld, &new_txt);
     const bool differs = cmp_ctxt(&pg->txt_pmt, &new_txt) != 0 || debug_pmt_cmp(tc);
     if (differs) {
         alert_pmt_diff(tc, pid, &new_txt, count, pmt_get_pcrpid(pld));
