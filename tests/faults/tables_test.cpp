@@ -1,4 +1,6 @@
 // tables_test.cpp - tables whose lengths and descriptors lie, and what they may cost.
+#include <unistd.h>
+
 #include "fixture.h"
 
 namespace {
@@ -38,6 +40,23 @@ TEST_F(tables_test, lists_end_with_their_section) {
         EXPECT_EQ(log.human_lines("may overflow"), std::vector<std::string>{});
         EXPECT_EQ(log.human_lines("ALERT PMT-DIFF").size(), row.is_program ? 0U : 3U);
     }
+}
+
+// The first descriptor takes the tag of the second, which has to be changed, for a length of its
+// own: with the new tag it would be read for ever.
+TEST_F(tables_test, descriptors_that_reach_into_each_other) {
+    alarm(20);
+    ts::bytes names{'e', 'n', 'g', 54};
+    names.resize(58);
+    ts::bytes descriptors = ts::descriptor(0x5d, names);
+    const ts::bytes vbi = ts::descriptor(0x45, {1, 254});
+    descriptors.insert(descriptors.end(), vbi.begin(), vbi.end());
+    cfg.trk.pmt_diff = true;
+    load();
+    give(ts::pmt_section(1, VIDEO_PID, {{0x1b, VIDEO_PID}}, {}, descriptors));
+    alarm(0);
+    EXPECT_EQ(log.human_lines("desc dd unknown").size(), 1U);
+    EXPECT_EQ(log.human_lines("desc c5 unknown").size(), 1U);
 }
 
 // The printer shows a time and behind it a text: whatever the time, the text is found.

@@ -79,35 +79,50 @@ bool prints_wrong_time(const std::uint8_t* desc) {
 
 // Ends a list where its section ends. What lies behind, a packet's stuffing or padding, would be
 // printed as up to two thousand descriptors more.
-void cut(const std::uint8_t* pmt, std::uint8_t* descs) {
+bool cut(const std::uint8_t* pmt, std::uint8_t* descs) {
     const std::ptrdiff_t end = psi_get_length(pmt) + PSI_HEADER_SIZE - PSI_CRC_SIZE;
     const std::ptrdiff_t room = end - (descs - pmt) - DESCS_HEADER_SIZE;
-    if (descs_get_length(descs) > room)
-        descs_set_length(descs, static_cast<std::uint16_t>(std::max<std::ptrdiff_t>(room, 0)));
+    if (descs_get_length(descs) <= room)
+        return false;
+    descs_set_length(descs, static_cast<std::uint16_t>(std::max<std::ptrdiff_t>(room, 0)));
+    return true;
 }
 
 // A tag in the user-private range is printed as unknown, byte by byte, so that a change in such a
-// descriptor still shows.
-void defuse(const std::uint8_t* pmt, std::uint8_t* descs) {
-    cut(pmt, descs);
+// descriptor still shows. Returns whether any tag was changed.
+bool defuse(std::uint8_t* descs) {
     const std::uint16_t len = descs_get_length(descs);
+    bool changed = false;
     for (std::size_t pos = 0; pos < len;) {
         std::uint8_t* desc = descs + DESCS_HEADER_SIZE + pos;
-        if (is_endless(desc) || prints_wrong_time(desc))
+        if (is_endless(desc) || prints_wrong_time(desc)) {
             desc_set_tag(desc, desc_get_tag(desc) | 0x80);
+            changed = true;
+        }
         pos += DESC_HEADER_SIZE + std::size_t{desc_get_length(desc)};
     }
+    return changed;
+}
+
+// Applies an operation to the program's list and to that of every stream; true if it ever was.
+template <class Operation>
+bool for_each_list(std::uint8_t* pmt, Operation apply) {
+    bool result = apply(pmt_get_descs(pmt));
+    for (std::uint8_t i = 0; i < 255; i++) {
+        std::uint8_t* es = pmt_get_es(pmt, i);
+        if (!es)
+            break;
+        result |= apply(pmtn_get_descs(es));
+    }
+    return result;
 }
 
 } // namespace
 
-// `pmt` is a section in a zero-padded copy of SECTION_WORK bytes.
+// `pmt` is a section in a zero-padded copy of SECTION_WORK bytes. A descriptor may reach into the
+// ones behind it, so a tag that is changed can make it endless: all are looked at until none is.
 void defuse_descriptors(std::uint8_t* pmt) {
-    defuse(pmt, pmt_get_descs(pmt));
-    for (std::uint8_t i = 0; i < 255; i++) {
-        std::uint8_t* es = pmt_get_es(pmt, i);
-        if (!es)
-            return;
-        defuse(pmt, pmtn_get_descs(es));
+    for_each_list(pmt, [pmt](std::uint8_t* descs) { return cut(pmt, descs); });
+    while (for_each_list(pmt, defuse)) {
     }
 }
