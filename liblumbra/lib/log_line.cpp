@@ -94,7 +94,9 @@ static int put_pid(line_end* line, pid_t pid) {
 }
 
 static int put_group(line_end* line, const log_ctx* log) {
-    assert(0 == log->group.sym8[sizeof(log->group.sym8) - 1]);
+    // clang-format off
+    assert(0 == log->group.sym8[sizeof(log->group.sym8)-1]);
+    // clang-format on
     return put_field(line, "group", log->group.sym8);
 }
 
