@@ -152,7 +152,7 @@ TEST_F(syswrap_test, expected_failures_are_silent_unless_guilty) {
             errno = 0;
             EXPECT_EQ(row.call(guilty), -1);
             EXPECT_EQ(errno, row.err);
-            EXPECT_THAT(line(), testing::StartsWith(guilty != 0 ? row.told : ""));
+            EXPECT_EQ(line().substr(0, strlen(row.told)), guilty != 0 ? row.told : "");
         }
     }
     EXPECT_TRUE(no_fault(EINTR, 0));

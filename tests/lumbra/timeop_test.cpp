@@ -88,6 +88,8 @@ TEST_F(timeop_test, time_outs) {
         g_clock = {.real = row.now, .mono = other};
         EXPECT_EQ(timed_out_real(&last, &tmout), row.out);
     }
+    const timespec whole = {2, 400'000'000}, now = {13, 0}; // the deadline itself
+    EXPECT_FALSE(timed_out_ext(&last, &whole, &now));
     const timespec for_ever = {std::numeric_limits<time_t>::max(), 0};
     EXPECT_FALSE(timed_out(&last, &for_ever));
 }
