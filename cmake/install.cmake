@@ -19,6 +19,7 @@ install(EXPORT quarnTargets NAMESPACE quarn:: DESTINATION ${package_dir} COMPONE
 configure_package_config_file(cmake/quarnConfig.cmake.in quarnConfig.cmake
                               INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(quarnConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+file(RELATIVE_PATH QUARN_PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/quarn.pc.in quarn.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/quarnConfig.cmake ${CMAKE_BINARY_DIR}/quarnConfigVersion.cmake
         DESTINATION ${package_dir} COMPONENT dev)
@@ -26,3 +27,24 @@ install(FILES ${CMAKE_BINARY_DIR}/quarn.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 install(FILES examples/live_host.cpp examples/CMakeLists.txt
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-dev/examples COMPONENT dev)
+
+# cpack in the build directory makes the .deb files; it asks dpkg-shlibdeps (package dpkg-dev) for
+# the libraries that the program needs.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME quarn)
+set(CPACK_PACKAGE_CONTACT "the quarn maintainers <quarn@localhost>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL quarn dev)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_QUARN_PACKAGE_NAME quarn)
+set(CPACK_DEBIAN_QUARN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME quarn-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS libconfig-dev)
+set(CPACK_DEBIAN_QUARN_DESCRIPTION "Follows the tables, continuity counters, clocks and time stamps of a transport
+stream capture and reports every anomaly as a human and as a machine line.")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "Development files. The analyzer of quarn as a library that any host can feed packet by packet.")
+include(CPack)
