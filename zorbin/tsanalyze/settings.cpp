@@ -22,6 +22,11 @@ LOG_MODULE(0);
 
 namespace {
 
+// What a configuration file that does not name the key stands for.
+constexpr std::int64_t D_MAX_NO_ANALYZE = 9000; // packets
+constexpr std::int64_t D_MAX_DELTA_MS = 500;    // ms
+constexpr std::int64_t D_PCOUNT = 10000;        // packets
+
 struct size_key {
     const char* key;
     std::size_t tsan_config::*field;
@@ -30,12 +35,12 @@ struct size_key {
 
 // Read in this order; the first one that cannot be used ends the reading.
 constexpr size_key SIZE_KEYS[] = {
-    {"max_skipped_pkts", &tsan_config::max_skip_pkts, 9000},
-    {"max_pdts_delta_ms", &tsan_config::max_pdts_delta, 500},
+    {"max_skipped_pkts", &tsan_config::max_skip_pkts, D_MAX_NO_ANALYZE},
+    {"max_pdts_delta_ms", &tsan_config::max_pdts_delta, D_MAX_DELTA_MS},
     {"max_pcr_delta_ms", &tsan_config::max_pcr_delta, 0},
     {"pcr_freq_ms", &tsan_config::pcr_freq_ms, 0},
     {"dump_stats_period", &tsan_config::dump_stats_period, 0},
-    {"max_ndat_pcount", &tsan_config::max_ndat_pcount, 10000},
+    {"max_ndat_pcount", &tsan_config::max_ndat_pcount, D_PCOUNT},
 };
 
 struct track_switch {
