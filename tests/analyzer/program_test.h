@@ -18,6 +18,7 @@ inline constexpr unsigned V = 101;   // H.264, carries the PCR
 inline constexpr unsigned A = 102;   // AAC
 inline constexpr unsigned S = 103;   // private PES data
 inline const std::vector<ts::elementary> VAS{{0x1b, V}, {0x0f, A}, {0x06, S}};
+inline constexpr u64 WRAP = u64{1} << 33; // the 90 kHz clock counts modulo this
 
 // A packet that carries exactly these bytes: an adaptation field takes the room before them.
 inline ts::packet_spec filled(unsigned pid, bool pusi, const ts::bytes& payload) {
@@ -57,6 +58,7 @@ class program_test : public analyzer_test {
         log.clear();
     }
     program_info& pg(std::size_t i = 0) { return t->pg[i]; }
+    stream_info& stm(std::size_t i) { return pg().stm[i]; }
 
     ts::stream s; // feed_new(s) hands over what was added
 };
