@@ -3,18 +3,13 @@
 
 namespace {
 
-constexpr u64 WRAP = u64{1} << 33;
-
-class pts_test : public program_test {
-  protected:
-    stream_info& stm(std::size_t i) { return pg().stm[i]; }
-};
+class pts_test : public program_test {};
 
 TEST_F(pts_test, stamps_and_flags) {
     cfg.trk.pdts_update = true;
     load();
-    log.set_level(INFO_level);
     pg().stat.acount = 1;
+    log.set_level(INFO_level);
     feed_new(s.pes(A, ts::AUDIO_ID, {900000, 810000}));
     expect_lines({inf("update_pts_dts: [src] PTS=900000 [00:00:10.000] pid=102 at 0:1[3]"),
                   inf("update_pts_dts: [src] DTS=810000 [00:00:09.000] pid=102 at 0:1[3]")},
@@ -24,30 +19,25 @@ TEST_F(pts_test, stamps_and_flags) {
     EXPECT_FALSE(stm(1).pts_updated);
     EXPECT_TRUE(stm(1).dts_updated);
     EXPECT_EQ(stm(1).pts_pktnum, 4U);
-    feed_new(s.pes(A, ts::AUDIO_ID, {900090}));
-    log.clear();
-    EXPECT_EQ(stm(1).last_pts, 900090U);
-    EXPECT_EQ(stm(1).dts_pktnum, 4U);
 
-    feed_new(s.pes(A, ts::AUDIO_ID, {{}, 5}).pes(A, 0xbb, {1}));     // DTS alone; no stream's id
+    s.pes(A, ts::AUDIO_ID, {{}, 5}).pes(A, 0xbb, {1});               // DTS alone; no stream's id
     s.add({.pid = A, .payload = ts::pes_header(ts::AUDIO_ID, {1})}); // no unit start
     ts::bytes cut = ts::pes_header(ts::AUDIO_ID, {1, 2});
-    cut.pop_back(); // a DTS that the packet does not hold to its end
-    s.add(filled(A, true, cut));
-    feed_new(s);
-    expect_lines({inf("update_pts_dts: [src] PTS=1 [00:00:00.000] pid=102 at 0:1[9]")}, {});
+    cut.pop_back(); // the packet ends in the DTS
+    feed_new(s.add(filled(A, true, cut)));
+    expect_lines({inf("update_pts_dts: [src] PTS=1 [00:00:00.000] pid=102 at 0:1[8]")}, {});
     EXPECT_EQ(stm(1).last_dts, 810090U);
+    EXPECT_EQ(stm(1).dts_pktnum, 4U);
 }
 
 TEST_F(pts_test, audio_against_video) {
     cfg.max_pdts_delta = 500;
     const struct {
-        u64 video, audio, total;
-        u64 zero, plus;
+        u64 video, audio, total, zero, plus;
     } rows[] = {{1000050, 1000000, 0, 1, 0},   {1000000, 1000089, 0, 1, 0},
-                {1000000, 1000000, 0, 0, 0},   {1000000, 1045000, 500, 0, 0},
-                {1000000, 1045089, 500, 0, 0}, {1000000, 1045090, 501, 0, 1},
-                {1045090, 1000000, 501, 0, 1}, {WRAP - 1, 44, 95443717 - 0, 0, 1}};
+                {1000000, 1000000, 0, 0, 0},   {1000000, 1045089, 500, 0, 0},
+                {1000000, 1045090, 501, 0, 1}, {1045090, 1000000, 501, 0, 1},
+                {WRAP - 1, 44, 95443717, 0, 1}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.video << " " << row.audio);
         load();
@@ -56,7 +46,6 @@ TEST_F(pts_test, audio_against_video) {
         EXPECT_EQ(pg().av_pdts_delta.total, row.total);
         EXPECT_EQ(pg().alert.av_delta0, row.zero);
         EXPECT_EQ(pg().alert.av_deltaplus, row.plus);
-        EXPECT_FALSE(stm(1).pts_updated);
     }
 }
 
@@ -65,15 +54,13 @@ TEST_F(pts_test, what_is_held_against_video) {
     load();
     feed_new(s.pes(A, ts::AUDIO_ID, {1, 2})); // no video stamp yet: both wait
     EXPECT_EQ(pg().av_pdts_delta.count, 0U);
-    feed_new(s.pes(V, ts::VIDEO_ID, {9}).data(A)); // the PTS is checked, the DTS goes on waiting
+    feed_new(s.pes(V, ts::VIDEO_ID, {9}).data(A)); // the DTS goes on waiting
     EXPECT_EQ(pg().av_pdts_delta.count, 1U);
-    EXPECT_TRUE(stm(1).dts_updated);
     feed_new(s.pes(V, ts::VIDEO_ID, {99, 9}).pes(S, ts::PRIVATE_ID, {1, 2}));
     EXPECT_EQ(pg().av_pdts_delta.count, 1U); // neither video nor private data is checked
-    feed_new(s.data(A));
+    feed_new(s.data(A, 2));
     EXPECT_EQ(pg().av_pdts_delta.count, 2U);
-
-    load({{0x0f, A}, {0x06, S}}, A); // no video
+    load({{0x0f, A}, {0x06, S}}, S); // no video
     feed_new(s.pes(S, ts::PRIVATE_ID, {9}).pes(A, ts::AUDIO_ID, {1}));
     EXPECT_EQ(pg().av_pdts_delta.count, 0U);
 }
