@@ -175,6 +175,7 @@ struct tsan_ctx {
     seen_section seen_pat;
     section_collector pat_sections;
     section_collector pmt_sections[MAX_PMTS];
+    bool pmt_compared;            // the last cmp_PMT had memory to tell
     pid_entry pid_map[PID_COUNT]; // follows pmt_pid and the stream tables, see map_pids
     std::uint8_t work[SECTION_WORK];
 };
@@ -255,7 +256,7 @@ void note_seen(seen_section* seen, const section_view& section, std::size_t coun
 // pat.cpp: `pld` is a whole section.
 void process_PAT(tsan_ctx* tc, const std::uint8_t* pld);
 void another_PAT(tsan_ctx* tc, const section_view& section);
-void merge_PATs(tsan_ctx* tc, const std::uint8_t* pld);
+[[nodiscard]] bool merge_PATs(tsan_ctx* tc, const std::uint8_t* pld);
 void dump_pat(tsan_ctx* tc, const char* msg, std::uint8_t** psec);
 [[nodiscard]] ssize_t find_pid(const unsigned* pids, std::size_t count, unsigned pid);
 void free_pats(tsan_ctx* tc);

@@ -109,9 +109,9 @@ static void free_new_pat(tsan_ctx* tc) {
 static void compare_pats(tsan_ctx* tc, const section_view& section) {
     const bool single = section.bytes[7] == 0;
     const u64 changes = tc->gac.pat_diff;
-    if (!psi_table_compare(tc->pat.sec, tc->new_pat->sec))
-        merge_PATs(tc, section.bytes.data());
-    if (single && tc->gac.pat_diff == changes)
+    const bool known =
+        psi_table_compare(tc->pat.sec, tc->new_pat->sec) || merge_PATs(tc, section.bytes.data());
+    if (known && single && tc->gac.pat_diff == changes)
         note_seen(&tc->seen_pat, section, 0);
 }
 
@@ -185,13 +185,14 @@ static void compact(tsan_ctx* tc, merge_lists* m) {
 
 // `pld` is the section that completed new_pat. The first PAT stays what later ones are compared
 // with, and the program slots stay as they are: the next PMT on a moved pid shows as PMT-DIFF.
-void merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
+// False when memory is short: the next repetition has to tell.
+bool merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
     const unsigned last_section = psi_get_lastsection(pld);
     std::size_t room = tc->nprogs;
     for_each_program(tc->new_pat->sec, last_section, [&](unsigned, unsigned, unsigned) { room++; });
     auto* lists = static_cast<unsigned*>(W_calloc(__func__, 2 * room + 1, sizeof(unsigned)));
     if (!lists)
-        return;
+        return false;
     merge_lists m = {lists, lists + room, tc->nprogs, tc->nprogs, 0, 0};
     std::copy_n(tc->pmt_pid, tc->nprogs, m.pids);
     std::copy_n(tc->pmt_pid, tc->nprogs, m.mark);
@@ -204,11 +205,12 @@ void merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
     tc->pmt_pid[tc->nprogs] = 0;
     std::free(lists);
     if (m.nadded == 0 && m.ndel == 0)
-        return;
+        return true;
     tc->seen_pat.len = 0;
     map_pids(tc);
     alert_pat_diff(tc, m.nadded, m.ndel);
     reset_ndat_pcount(tc);
+    return true;
 }
 
 // ---- text --------------------------------------------------------------------------------------

@@ -181,7 +181,8 @@ int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     program_info* pg = prog(tc);
     const std::size_t count = count_entries(pld);
     ctxt_spec new_txt;
-    if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0)
+    tc->pmt_compared = open_ctxt(&new_txt, MAX_PMT_TXT) == 0;
+    if (!tc->pmt_compared)
         return 0;
     render_pmt(pld, &new_txt);
     const bool differs = cmp_ctxt(&pg->txt_pmt, &new_txt) != 0 || debug_pmt_cmp(tc);
@@ -237,6 +238,6 @@ void compare_PMT(tsan_ctx* tc, const section_view& section, unsigned pid) {
     defuse_descriptors(pld);
     if (cmp_PMT(tc, pld, pid) != 0)
         update_PMT(tc, pld, pid);
-    else if (is_whole(&pg->txt_pmt))
+    else if (tc->pmt_compared && is_whole(&pg->txt_pmt))
         note_seen(&pg->seen_pmt, section, count_entries(pld));
 }
