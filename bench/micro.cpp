@@ -1,8 +1,8 @@
 // micro.cpp - what the analyzer takes for one packet of each kind, in a context that has read the
 // tables of one program and writes its logs to /dev/null in the way that quarn does: unbuffered.
 //
-// An iteration feeds sixteen packets, one for each continuity counter, unless its name says
-// otherwise; items_per_second counts packets, or alerts.
+// An iteration feeds a round of packets: sixteen, one for each continuity counter, or those of a
+// section. items_per_second counts packets; in changed_pmt and alert_pair it counts alerts.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
