@@ -22,7 +22,7 @@ arm() {
     "${root[@]}" dpkg --add-architecture armhf
   fi
   tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev \
-    libconfig-dev:armhf libgtest-dev:armhf libgmock-dev:armhf
+    libconfig-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf
   cmake --preset arm
   cmake --build --preset arm
   ctest --preset arm
