@@ -18,6 +18,7 @@
 #include <memory>
 #include <string_view>
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <strings.h>
 #include <syslog.h>
@@ -26,6 +27,7 @@
 #include "appcfg.h"
 #include "log.h"
 #include "meta.h"
+#include "syswrap.h"
 
 LOG_MODULE(0);
 
@@ -296,6 +298,17 @@ struct run_totals {
     return rc;
 }
 
+// Opens what the caller has closed of the standard streams: the input file or a syslog connection
+// would get the stream's number, and with it what is written to the stream.
+void hold_std_streams() {
+    int fd = -1;
+    do {
+        fd = W_open(__func__, "/dev/null", O_RDWR, 0);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        W_close(__func__, fd);
+}
+
 void init_logs() {
     std::uint64_t group = 0;
     static_assert(sizeof group == sizeof app_tag);
@@ -397,6 +410,7 @@ void handle_quit(int signo) {
 }
 
 int main(int argc, char* argv[]) {
+    hold_std_streams();
     if (argc < 2)
         usage(argc > 0 ? argv[0] : g_app_name, EXIT_FAILURE);
     init_logs();
