@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
         have -= used;
         std::memmove(buf, buf + used, have);
         tsan_next_seg(t);
-        tsan_check_dump_stats(nullptr, t);
+        tsan_check_dump_stats(stderr, t); // without a stream the period would not begin anew
     }
     tsan_check_ndat(t);
     tsan_alog_stats(t);
