@@ -63,3 +63,9 @@ inline constexpr std::size_t TIMESTR_LEN = 64; // enough for every millisecond c
 // Writes `ms` as hours (at least two digits, not reduced to days), minutes, seconds and
 // milliseconds: "25:01:01.001". The buffer must hold the text.
 void ms2timestr(u64 ms, char* buf, std::size_t slen);
+
+// The time text of a millisecond count, for use within one statement.
+struct time_text {
+    char text[TIMESTR_LEN] = {};
+    explicit time_text(u64 ms) { ms2timestr(ms, text, sizeof text); }
+};

@@ -20,6 +20,16 @@ using ts_bytes = std::span<const std::uint8_t>;
 
 // ---- transport packet --------------------------------------------------------------------------
 
+// The four bytes of the header as one number, sync byte first.
+constexpr std::uint32_t ts_header(ts_packet pkt) {
+    return std::uint32_t{pkt[0]} << 24 | std::uint32_t{pkt[1]} << 16 | std::uint32_t{pkt[2]} << 8 |
+           pkt[3];
+}
+
+// A header in sync that announces payload, no adaptation field and no payload unit start.
+inline constexpr std::uint32_t TS_PLAIN_MASK = 0xff400030;
+inline constexpr std::uint32_t TS_PLAIN = 0x47000010;
+
 constexpr unsigned ts_pid(ts_packet pkt) {
     return (pkt[1] & 0x1fU) << 8 | pkt[2];
 }

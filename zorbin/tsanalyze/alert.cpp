@@ -10,12 +10,6 @@ LOG_MODULE(0);
 static constexpr std::size_t LOSTSYNC_LIMIT = 9; // cases that a period may hold
 static constexpr long LOSTSYNC_PERIOD = 2;       // seconds
 
-// The time text of a millisecond count, for use within one statement.
-struct time_text {
-    char text[TIMESTR_LEN] = {};
-    explicit time_text(u64 ms) { ms2timestr(ms, text, sizeof text); }
-};
-
 // intended: the machine line is written whatever the settings say, and the case is counted before
 // either line.
 int tsan_alert_lostsync(tsan_t tc) {

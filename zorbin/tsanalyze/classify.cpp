@@ -36,12 +36,9 @@ void new_pcr(tsan_ctx* tc, ts_packet pkt) {
     pg->pcr_pktnum = tc->last_pkt_idx;
     pg->pcr_ptag = tc->tag;
     pg->got_pcr = true;
-    if (tc->cfg.trk.pcr_update) {
-        char text[TIMESTR_LEN] = {};
-        ms2timestr(pcr / 90, text, sizeof text);
-        LOG(&g_log, INFO_level, "[%s] new PCR=%llu [%s] at %s\n", source(tc), pg->last_pcr, text,
-            ptag(tc));
-    }
+    if (tc->cfg.trk.pcr_update)
+        LOG(&g_log, INFO_level, "[%s] new PCR=%llu [%s] at %s\n", source(tc), pg->last_pcr,
+            time_text(pcr / 90).text, ptag(tc));
 }
 
 // A PES packet may start here, and bring time stamps.

@@ -19,6 +19,9 @@ tsan_t tsan_init(const char* source_tag, const tsan_config* cfg, int* err) {
         return nullptr;
     }
     tc->cfg = *cfg;
+    tc->counts_only =
+        cfg->is_enabled && cfg->cc_track && !cfg->trk.cc_track && !cfg->trk.sdt_ignore;
+    tc->checks_audio = cfg->max_pcr_delta != 0 || cfg->max_pdts_delta != 0;
     if (source_tag)
         std::snprintf(tc->cfg.source, sizeof tc->cfg.source, "%s", source_tag);
     for (program_info& pg : tc->pg)

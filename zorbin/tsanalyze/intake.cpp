@@ -75,8 +75,7 @@ PER_PACKET void stream_packet(tsan_ctx* tc, ts_packet pkt, unsigned pid) {
         check_pcount(tc, false);
 }
 
-int tsan_process(tsan_t tc, const std::uint8_t* data) {
-    const ts_packet pkt(data, TS_PACKET_LEN);
+[[gnu::noinline]] static int any_packet(tsan_ctx* tc, ts_packet pkt) {
     const unsigned pid = ts_pid(pkt);
     setup_dat(tc, pid);
     if (tc->start_tm.tv_sec == 0 && tc->start_tm.tv_nsec == 0) [[unlikely]]
@@ -95,4 +94,9 @@ int tsan_process(tsan_t tc, const std::uint8_t* data) {
     if (tc->last_pkt_idx < tc->cfg.max_skip_pkts)
         return 0;
     return idle(tc);
+}
+
+int tsan_process(tsan_t tc, const std::uint8_t* data) {
+    const ts_packet pkt(data, TS_PACKET_LEN);
+    return take_plain_packet(tc, pkt) ? 0 : any_packet(tc, pkt);
 }

@@ -148,13 +148,15 @@ inline constexpr std::uint8_t PID_IS_PMT = 1;
 inline constexpr std::uint8_t PID_IS_STREAM = 2;
 
 // Where a pid belongs.
-struct pid_entry {
+struct alignas(4) pid_entry {
     std::uint8_t kind; // PID_IS_..., 0: belongs to nothing
     std::uint8_t ipg, istm;
 };
 
 struct tsan_ctx {
     tsan_config cfg;
+    bool counts_only;           // by the settings, a packet in order is just counted
+    bool checks_audio;          // audio time stamps are held against something
     unsigned pmt_pid[MAX_PMTS]; // in PAT order; the first 0 ends the list
     program_info pg[MAX_PMTS];  // same order
     std::size_t nprogs;

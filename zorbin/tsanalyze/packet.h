@@ -11,23 +11,20 @@
 inline constexpr int MIN_CC = 0;
 inline constexpr int MAX_CC = 15; // the counter is 4 bits wide
 
+PER_PACKET void setup_stream(tsan_ctx* tc, pid_entry entry) {
+    program_info* const pg = &tc->pg[entry.ipg];
+    tc->dat = {entry.ipg, entry.istm, false, false, pg, &pg->stm[entry.istm]};
+}
+
 // Fills `dat` from the pid.
 PER_PACKET void setup_dat(tsan_ctx* tc, unsigned pid) {
-    dgram_info& dat = tc->dat;
     const pid_entry entry = tc->pid_map[pid];
-    dat.is_pat = pid == PAT_PID_NUM;
-    dat.is_pmt = entry.kind == PID_IS_PMT;
-    if (entry.kind == PID_IS_STREAM) [[likely]] {
-        dat.ipg = entry.ipg;
-        dat.istm = entry.istm;
-        dat.program = &tc->pg[entry.ipg];
-        dat.stream = &dat.program->stm[entry.istm];
-    } else {
-        dat.ipg = dat.is_pmt ? ssize_t{entry.ipg} : -1;
-        dat.istm = -1;
-        dat.program = dat.is_pmt ? &tc->pg[entry.ipg] : nullptr;
-        dat.stream = nullptr;
-    }
+    if (entry.kind == PID_IS_STREAM) [[likely]]
+        setup_stream(tc, entry);
+    else if (entry.kind == PID_IS_PMT)
+        tc->dat = {entry.ipg, -1, false, true, &tc->pg[entry.ipg], nullptr};
+    else
+        tc->dat = {-1, -1, pid == PAT_PID_NUM, false, nullptr, nullptr};
 }
 
 // A new packet: nothing of its tag has been made yet.
@@ -79,6 +76,11 @@ PER_PACKET void cc_track(tsan_ctx* tc, stream_info* si, int cc) {
         trace_cc(tc, si->pid, cc);
 }
 
+// Whether an audio stream has a time stamp that has not been held against the PCR and the video.
+PER_PACKET bool audio_is_due(const tsan_ctx* tc, const stream_info* si) {
+    return tc->checks_audio && si->stype == 'A' && (si->pts_updated || si->dts_updated);
+}
+
 // Runs the checks on a packet of stream `si` of the current program.
 PER_PACKET void analyze_pkt(tsan_ctx* tc, ts_packet pkt, stream_info* si) {
     if (!tc->cfg.is_enabled) [[unlikely]]
@@ -86,6 +88,33 @@ PER_PACKET void analyze_pkt(tsan_ctx* tc, ts_packet pkt, stream_info* si) {
     const bool has_payload = ts_has_payload(pkt);
     if (tc->cfg.cc_track && has_payload) [[likely]]
         cc_track(tc, si, ts_cc(pkt));
-    if (si->stype == 'A' && (si->pts_updated || si->dts_updated) && has_payload) [[unlikely]]
+    if (audio_is_due(tc, si) && has_payload) [[unlikely]]
         check_audio(tc, si);
+}
+
+// Most packets are plain: payload of a stream in order, no PES start, no adaptation field, and no
+// settings or pending checks that want more than counting. Takes such a packet; false for any
+// other, which is left as it was. (A stream whose counter is known is one whose program's analysis
+// has begun.)
+PER_PACKET bool take_plain_packet(tsan_ctx* tc, ts_packet pkt) {
+    const std::uint32_t header = ts_header(pkt);
+    const pid_entry entry = tc->pid_map[ts_pid(pkt)];
+    if ((header & TS_PLAIN_MASK) != TS_PLAIN || entry.kind != PID_IS_STREAM)
+        return false;
+    program_info* const pg = &tc->pg[entry.ipg];
+    stream_info* const si = &pg->stm[entry.istm];
+    const int cc = ts_cc(pkt);
+    if (!tc->counts_only || tc->ndat_pcount != 0 || si->cc.value < 0)
+        return false;
+    if (cc != ((si->cc.value + 1) & MAX_CC) || audio_is_due(tc, si))
+        return false;
+    setup_stream(tc, entry);
+    tc->last_pkt_idx++;
+    tc->ptotal++;
+    tc->atotal++;
+    mk_ptag(tc);
+    count_packet(pg, si);
+    tc->last_cca.nmlr = -1;
+    si->cc.value = cc;
+    return true;
 }

@@ -7,10 +7,8 @@ LOG_MODULE(0);
 static void trace_stamp(tsan_ctx* tc, const char* name, u64 value, unsigned pid) {
     if (!tc->cfg.trk.pdts_update)
         return;
-    char text[TIMESTR_LEN] = {};
-    ms2timestr(value / 90, text, sizeof text);
     LOG(&g_log, INFO_level, "%s: [%s] %s=%llu [%s] pid=%u at %s\n", "update_pts_dts", source(tc),
-        name, value, text, pid, ptag(tc));
+        name, value, time_text(value / 90).text, pid, ptag(tc));
 }
 
 // A stamp that repeats clears the flag: what an earlier header left unchecked is out of date.
