@@ -16,4 +16,5 @@ endif()
 add_test(NAME syslog
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/syslog/run $<TARGET_FILE:quarn>
           ${golden_inputs}/cc_break.ts ${CMAKE_CURRENT_BINARY_DIR}/syslog)
-set_tests_properties(syslog PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 60)
+set_tests_properties(syslog PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 60
+  ENVIRONMENT "QUARN_EMULATOR=${golden_emulator}")
