@@ -1,5 +1,6 @@
 // alloc_test.cpp - memory that runs out. The linker sends every allocation of the analyzer through
 // here; the tests let one of them fail, each in turn, or all from one on.
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -71,8 +72,8 @@ constexpr unsigned AUDIO = 102;
 constexpr unsigned OTHER_PMT = 200; // of program 2
 
 ts::bytes text_of(std::initializer_list<std::uint8_t> chars) {
-    ts::bytes text{static_cast<std::uint8_t>(chars.size())};
-    text.insert(text.end(), chars);
+    ts::bytes text(1 + chars.size(), static_cast<std::uint8_t>(chars.size()));
+    std::copy(chars.begin(), chars.end(), text.begin() + 1);
     return text;
 }
 
