@@ -143,8 +143,7 @@ inline bool log_wanted(const log_ctx* log, const loglevel_ctx& ll, int level) {
     return log_level_passes(ll, level) || lard_enabled(log);
 }
 
-// ---- set-up
-// --------------------------------------------------------------------------------------
+// ---- set-up -------------------------------------------------------------------------------------
 //
 // A log file of at most 10 MB that is also rotated at midnight and keeps its last eight rotations:
 //

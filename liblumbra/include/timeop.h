@@ -84,8 +84,7 @@ long diff_ms(const timespec* a, const timespec* b);
 // span = till - from; a negative span has a negative tv_sec.
 void calc_timespan(const timespec* from, const timespec* till, timespec* span);
 
-// ---- time-outs
-// -----------------------------------------------------------------------------------
+// ---- time-outs ----------------------------------------------------------------------------------
 
 // Whether now lies strictly behind last_tm + tmout. `in_real_time` is MONOTONIC or REAL_TIME and
 // picks the clock unless the caller brings its own `clknow`.

@@ -73,8 +73,7 @@ void calc_timespan(const timespec* from, const timespec* till, timespec* span) {
     *span = diff;
 }
 
-// ---- time-outs
-// -----------------------------------------------------------------------------------
+// ---- time-outs ----------------------------------------------------------------------------------
 
 bool timed_out_as(const timespec* last_tm, const timespec* tmout, int in_real_time,
                   const timespec* clknow) {
