@@ -295,7 +295,8 @@ void log_lard(log_ctx* log, int level);
 [[gnu::format(printf, 4, 5), gnu::cold]] void log_emit(log_ctx* log, const loglevel_ctx& ll,
                                                        int level, const char* fmt, ...);
 
-// Writes one line at MIN_level whatever the levels say; nothing if it formats to nothing.
+// Writes one line at MIN_level whatever the levels say, and never to the ring. A line that formats
+// to nothing or does not fit is not written: a program that reads fields is better off without it.
 [[gnu::format(printf, 2, 3), gnu::cold]] void log_machine(log_ctx* log, const char* fmt, ...);
 
 // One message. The arguments of a line that nobody wants are not evaluated.
