@@ -2,6 +2,7 @@
 // and by the analyzer for its periods. Owns the zone text and the text of the last second stamped.
 #include "timeop.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -232,8 +233,11 @@ ssize_t mk_timestr(const timespec* tms, std::uint32_t flags, char* buf, std::siz
     if (g_tmlock != 0)
         return TIMESTR_BUSY;
     char second[SECOND_TEXT_MAX];
+    // The flag orders only itself: without the fences the compiler may touch the cache outside.
     g_tmlock = 1;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     const bool known = second_text(tms->tv_sec, (flags & TMF_GMT) != 0, second);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     g_tmlock = 0;
     if (!known) {
         perror("gmtime_r/localtime_r");
