@@ -25,7 +25,7 @@ static bool replay(const fs::path& path) {
         std::perror(path.c_str());
         return false;
     }
-    std::vector<std::uint8_t> bytes(fs::file_size(path));
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(fs::file_size(path)));
     const bool whole = std::fread(bytes.data(), 1, bytes.size(), in) == bytes.size();
     std::fclose(in);
     std::printf("%s\n", path.c_str());
