@@ -59,6 +59,7 @@ TEST_F(cc_test, a_reset_needs_an_earlier_jump_to_zero) {
     EXPECT_EQ(jumps(A, {5, 0}), " 5/0");
     clock.advance_ms(1500);
     EXPECT_EQ(jumps(A, {1, 0}), " R1/0");
+    EXPECT_EQ(t->last_cca.delta, 15); // a reset counts for grouping too
     clock.advance_ms(200);
     EXPECT_EQ(jumps(A, {1, 0}), " 1/0"); // and starts the time again
     clock.advance_ms(999);

@@ -52,20 +52,6 @@ TEST_F(classify_test, each_line_has_its_own_switch) {
         }
 }
 
-TEST_F(classify_test, pcr) {
-    cfg.pcr_freq_ms = 40;
-    load();
-    ts::packet p = ts::make_packet({.pid = V, .has_payload = false, .adapt = ts::adaptation{9000}});
-    p[3] |= 0x10; // a payload is announced that the adaptation field leaves no room for
-    feed(p);
-    EXPECT_TRUE(pg().got_pcr);
-    EXPECT_EQ(pg().last_pcr, 9000U);
-    EXPECT_EQ(pg().pcr_pktnum, 3U);
-    EXPECT_EQ(pg().av_pcr_freq.count, 0U); // nothing came before it
-    feed_new(s.pcr(A, 1));                 // not the program's pid
-    EXPECT_EQ(pg().last_pcr, 9000U);
-}
-
 // The SDT's pid is passed over even when a PMT lists it as a stream or the PAT as a PMT.
 TEST_F(classify_test, sdt_pid) {
     load({{0x1b, ts::SDT_PID}, {0x0f, A}}, ts::SDT_PID);

@@ -120,6 +120,7 @@ TEST_F(pat_test, texts_show_the_first_pat) {
     restart();
     give({100, 200});
     give({100}, {.version = 1});
+    EXPECT_EQ(t->pmt_pid[1], 0U); // ends the list
     log.clear();
     give({100, 300}, {.version = 2}); // headings are filtered by level, the texts are not
     expect_lines({wrn("[src] pid300 ADDED in new PAT"),
@@ -143,6 +144,10 @@ TEST_F(pat_test, more_than_32_programs) {
     EXPECT_EQ(programs(), range(100, 32));
     feed_new(s.section(131, ts::pmt_section(1, V, VAS)));
     EXPECT_EQ(pg(31).nstreams, 3U);
+    restart();
+    give(range(100, 40)); // from one section no more are read
+    expect_silence();
+    EXPECT_EQ(programs(), range(100, 32));
 }
 
 // A repetition that needs no work leaves the same lines as one that is compiled.
@@ -165,7 +170,9 @@ TEST_F(pat_test, repetitions) {
         EXPECT_EQ(texts[0], texts[1]);
         EXPECT_EQ(split_lines(texts[0]).size(), 3U);
     }
-    EXPECT_EQ(t->gac.pat_diff, 3U);
+    give({100, 202}, {.version = 2}); // what was noted does not hide a change
+    give({100, 201}, {.version = 1});
+    EXPECT_EQ(t->gac.pat_diff, 5U);
     give({100, 200}); // the first PAT is what others are compared with, so it never differs
     EXPECT_EQ(programs(), (pids{100, 201}));
 }

@@ -92,12 +92,13 @@ TEST_F(pmt_test, counters_follow_the_pid) {
     feed_new(s.data(V, 5).data(A, 3).data(S, 2));
     give({{0x0f, A}, {0x1b, V}, {0x06, S}});
     EXPECT_EQ(table(), "A102=3 V101=5 S103=2");
-    feed_new(s.data(A).data(V));
+    feed_new(s.pes(A, ts::AUDIO_ID, {5, 6}).data(V));
     EXPECT_EQ(pg().alert.cc_break, 0U);
     // A new stream begins with the count of its place's former one; a new type keeps a pid's.
     give({{0x1b, 110}, {0x1b, V}, {0x04, A}}, 110);
     EXPECT_EQ(table(), "V110=4 V101=6 A102=4");
-    EXPECT_EQ(stm(0).cc.value, -1);
+    EXPECT_TRUE(stm(0).cc.value == -1 && stm(0).last_pts == 0 && stm(0).last_dts == 0);
+    EXPECT_TRUE(stm(2).last_pts == 5 && stm(2).last_dts == 6);
     EXPECT_EQ(stm(2).scode, 4U);
     give({{0x1b, V}, {0x06, S}}); // what S once had is lost
     EXPECT_EQ(table(), "V101=6 S103=6");
@@ -149,9 +150,28 @@ TEST_F(pmt_test, there_and_back) {
     for (int i = 0; i < 2; i++) {
         EXPECT_EQ(pg().seen_pmt.len == 0, i == 1);
         log.clear();
+        t->work[0] = 0x55; // nothing is copied on the short way
         give(VAS, V, 1);
+        EXPECT_EQ(t->work[0] == 0x55, i == 0);
         expect_lines({inf("cmp_PMT: ok pid=100 3/3")}, {});
         pg().seen_pmt.len = 0;
+    }
+}
+
+// A descriptor that reaches behind its section makes what follows there part of the text.
+TEST_F(pmt_test, what_a_descriptor_claims_counts) {
+    load();
+    ts::bytes payload = ts::pointed(ts::pmt_section(1, V, {{0x1b, V, ts::descriptor(0xc0, {1})}}));
+    payload[payload.size() - 6] = 9; // its byte, the CRC and four bytes behind
+    const struct {
+        std::uint8_t tail;
+        u64 alerts;
+    } rows[] = {{1, 1}, {1, 1}, {1, 1}, {2, 2}, {2, 2}, {2, 2}, {1, 3}};
+    for (const auto& row : rows) {
+        ts::bytes filled_up = payload;
+        filled_up.resize(184, row.tail);
+        feed_new(s.add({.pid = PMT, .pusi = true, .payload = filled_up}));
+        EXPECT_EQ(pg().alert.pmt_diff, row.alerts);
     }
 }
 

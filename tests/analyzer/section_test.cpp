@@ -5,9 +5,11 @@ namespace {
 
 using sections = std::vector<ts::bytes>;
 sections g_taken;
+std::size_t g_behind = 0; // bytes behind the last one
 
 void take(tsan_ctx*, const section_view& v) {
     g_taken.emplace_back(v.bytes.begin(), v.bytes.end());
+    g_behind = v.behind.size();
 }
 
 ts::bytes cut(const ts::bytes& b, std::size_t from, std::size_t to) {
@@ -42,6 +44,7 @@ const ts::bytes PMT_SECTION = ts::pmt_section(1, V, VAS);
 
 // Three pieces, empty ones included: handed on once, with the last byte.
 TEST_F(section_test, split_anywhere) {
+    log.set_level(DEBUG_level);
     for (const auto& [sec, table] :
          {std::pair{PAT, table_kind::pat}, std::pair{PMT_SECTION, table_kind::pmt}})
         for (std::size_t i = 1; i < sec.size(); i++)
@@ -51,7 +54,10 @@ TEST_F(section_test, split_anywhere) {
                 const ts::bytes first = ts::pointed(cut(sec, 0, i));
                 EXPECT_EQ(give(true, first, table), 0U);
                 EXPECT_EQ(give(false, cut(sec, i, j), table), j == sec.size() ? 1U : 0U);
-                EXPECT_EQ(give(false, cut(sec, j, sec.size()), table), j < sec.size() ? 1U : 0U);
+                ts::bytes rest = cut(sec, j, sec.size());
+                rest.resize(rest.size() + 5, 0xff); // stuffing
+                EXPECT_EQ(give(false, rest, table), j < sec.size() ? 1U : 0U);
+                EXPECT_EQ(g_behind, j < sec.size() ? 5U : 0U);
                 // The rest stands before the pointer's target, where another section starts.
                 EXPECT_EQ(give(true, first, table), 0U);
                 EXPECT_EQ(give(false, cut(sec, i, j), table), j == sec.size() ? 1U : 0U);
@@ -113,8 +119,9 @@ TEST_F(section_test, refused_and_dropped) {
          {{true, ts::pointed(cut(huge, 0, 183))},
           {false, cut(huge, 183, 367)},
           {false, PAT},
-          {true, ts::pointed(PAT)}},
-         1,
+          {true, ts::pointed(PAT)},
+          {false, PAT}},
+         2,
          {wrn("[src] PAT section of 1025 bytes refused (pid0) at ")}},
         {"just not too long",
          {{true, ts::pointed(cut(full, 0, 183))},
