@@ -278,6 +278,7 @@ static void close_analyzer(tsan_t t) {
 }
 
 void close_analyzers(const twins& t) {
+    compare_contexts(*t.quick, *t.careful);
     end_segment(t);
     compare_contexts(*t.quick, *t.careful);
     close_analyzer(t.quick);
