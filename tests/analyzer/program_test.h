@@ -53,7 +53,7 @@ class program_test : public analyzer_test {
         start();
         s = {};
         s.section(0, ts::pat_section({{1, PMT}}));
-        s.section(PMT, ts::pmt_section(1, pcr_pid, streams));
+        s.sections(PMT, {ts::pmt_section(1, pcr_pid, streams)});
         feed_new(s);
         log.clear();
     }
