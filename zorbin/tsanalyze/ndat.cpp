@@ -10,11 +10,18 @@ static u64 program_pcount(const tsan_ctx* tc) {
     return tc->dat.program ? tc->dat.program->stat.pcount : 0;
 }
 
+// The packet count of the next scan. A distance that cannot be counted is never reached.
+static u64 next_scan(const tsan_ctx* tc) {
+    u64 due = 0;
+    const bool endless = __builtin_add_overflow(program_pcount(tc), tc->cfg.max_ndat_pcount, &due);
+    return endless ? ~u64{0} : due;
+}
+
 void reset_ndat_pcount(tsan_ctx* tc) {
     if (tc->cfg.max_ndat_pcount == 0)
         return;
     void* const address = tc;
-    tc->ndat_pcount = program_pcount(tc) + tc->cfg.max_ndat_pcount;
+    tc->ndat_pcount = next_scan(tc);
     LOG(&g_log, DEBUG_level, "%s: (%p) NDAT pcount=%llu\n", __func__, address, tc->ndat_pcount);
 }
 
@@ -41,7 +48,7 @@ void check_pcount(tsan_ctx* tc, bool force) {
     LOG(&g_log, WARN_level, "[%s] %zu tracks NOT receiving data\n", source(tc), silent);
     reset_ndat_pcount(tc);
     // intended: armed again even when the deadline is switched off; the next packet then scans.
-    tc->ndat_pcount = program_pcount(tc) + tc->cfg.max_ndat_pcount;
+    tc->ndat_pcount = next_scan(tc);
 }
 
 void tsan_check_ndat(tsan_t tc) {
