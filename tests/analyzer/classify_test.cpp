@@ -25,8 +25,9 @@ TEST_F(classify_test, each_line_has_its_own_switch) {
          [](ts::stream& x) { x.pcr(V, 900); },
          {inf("[src] new PCR=900 [00:00:00.010] at 0:0[3]")}},
         {&tracking_opt::cc_track,
-         [](ts::stream& x) { x.set_cc(A, 12).data(A); },
-         {inf("cc_track: [src] CC=12 pid=102 at 0:1[3]")}},
+         [](ts::stream& x) { x.set_cc(A, 12).data(A, 2); },
+         {inf("cc_track: [src] CC=12 pid=102 at 0:1[3]"),
+          inf("cc_track: [src] CC=13 pid=102 at 0:1[4]")}},
         {&tracking_opt::pdts_update,
          [](ts::stream& x) {
              x.pes(V, ts::VIDEO_ID, {450, 90});
@@ -54,11 +55,14 @@ TEST_F(classify_test, each_line_has_its_own_switch) {
 
 // The SDT's pid is passed over even when a PMT lists it as a stream or the PAT as a PMT.
 TEST_F(classify_test, sdt_pid) {
+    cfg.trk.sdt_ignore = true;
     load({{0x1b, ts::SDT_PID}, {0x0f, A}}, ts::SDT_PID);
-    s.pes(ts::SDT_PID, ts::VIDEO_ID, {1}, 2);
+    log.set_level(INFO_level);
+    s.pes(ts::SDT_PID, ts::VIDEO_ID, {1}, 2).data(ts::SDT_PID, 2);
     s.section(0, ts::pat_section({{1, PMT}, {2, ts::SDT_PID}}, {.version = 1}));
     feed_new(s.section(ts::SDT_PID, ts::pmt_section(2, 201, {{0x1b, 201}})));
-    EXPECT_EQ(stm(0).pcount, 1U); // counted all the same
+    EXPECT_EQ(log.human_lines("disregarding SDT").size(), 4U);
+    EXPECT_EQ(stm(0).pcount, 3U); // counted all the same
     EXPECT_EQ(stm(0).last_pts, 0U);
     EXPECT_FALSE(pg().got_pcr);
     EXPECT_EQ(pg(1).nstreams, 0U);
