@@ -52,19 +52,24 @@ TEST_F(misc_test, time_texts) {
         ms2timestr(ms, text, sizeof text);
         EXPECT_STREQ(text, expected);
     }
-    char small[12];
-    EXPECT_ASSERT(ms2timestr(90061001, small, sizeof small), "n < (ssize_t)slen");
+    char text[14];
+    ms2timestr(90061001, text, 14);
+    EXPECT_STREQ(text, "25:01:01.001");
+    ms2timestr(90061001, text, 13); // the last byte but one ends the text
+    EXPECT_STREQ(text, "25:01:01.00");
+    EXPECT_ASSERT(ms2timestr(90061001, text, 12), "n < (ssize_t)slen");
 }
 
 TEST_F(misc_test, captured_lines_are_cut_then_dropped) {
     ctxt_spec c = open(40);
     add_ctxt_line(&c, "%s", "0123456789012345678"); // 19 and a newline: room for 18 is left
-    add_ctxt_line(&c, "%d", 42);
-    EXPECT_EQ(text(c), "0123456789012345678\n42\n");
+    add_ctxt_line(&c, "%d", 4);
+    add_ctxt_line(&c, "%d", 2); // room for 16
+    EXPECT_EQ(text(c), "0123456789012345678\n4\n2\n");
     expect_silence();
     add_ctxt_line(&c, "lost");
-    EXPECT_EQ(c.textlen, 23);
-    expect_lines({wrn("add_ctxt_line: PMT buffer may overflow, 15 bytes left")}, {});
+    EXPECT_EQ(c.textlen, 24);
+    expect_lines({wrn("add_ctxt_line: PMT buffer may overflow, 14 bytes left")}, {});
     close_ctxt(&c);
 
     c = open(40);
@@ -74,6 +79,25 @@ TEST_F(misc_test, captured_lines_are_cut_then_dropped) {
     EXPECT_EQ(c.textlen, 39);
     expect_lines({wrn("add_ctxt_line: PMT buffer may overflow, -1 bytes left")}, {});
     close_ctxt(&c);
+}
+
+TEST_F(misc_test, captured_texts_are_compared_and_moved) {
+    ctxt_spec a = open(100), b = open(200), closed{};
+    EXPECT_EQ(cmp_ctxt(&a, &closed), 0); // nothing against nothing
+    add_ctxt_line(&a, "one");
+    EXPECT_EQ(cmp_ctxt(&a, &b), 1);
+    add_ctxt_line(&b, "two");
+    EXPECT_NE(cmp_ctxt(&a, &b), 0);
+    replace_ctxt(&a, &b);
+    EXPECT_EQ(a.buflen, 200);
+    EXPECT_TRUE(!b.buf && b.buflen == 0 && b.textlen == 0);
+    dump_ctxt(g_log.fp, "Heading:", &a);
+    dump_ctxt(g_log.fp, nullptr, &a);
+    dump_ctxt(g_log.fp, "Nothing:", &b);
+    dump_ctxt(nullptr, "Nowhere:", &a);
+    expect_lines({"Heading:", "two", "two"}, {});
+    close_ctxt(&a);
+    close_ctxt(&a);
 }
 
 } // namespace
