@@ -36,7 +36,7 @@ static bool gather(psi_block* block, const std::uint8_t* pld) {
     return true;
 }
 
-// Calls visit(section, entry, pid) for every program entry of a complete table.
+// Calls visit(entry, pid) for every program entry that is read of a complete table.
 template <class Visitor>
 static void for_each_program(std::uint8_t** sec, unsigned last_section, Visitor visit) {
     for (unsigned i = 0; i <= last_section; i++) {
@@ -44,9 +44,18 @@ static void for_each_program(std::uint8_t** sec, unsigned last_section, Visitor 
             const std::uint8_t* entry = pat_get_program(sec[i], k);
             if (!entry)
                 break;
-            visit(i, k, unsigned{patn_get_pid(entry)});
+            visit(k, unsigned{patn_get_pid(entry)});
         }
     }
+}
+
+// All program entries of a complete table, those that are not read included.
+static std::size_t listed_programs(std::uint8_t** sec, unsigned last_section) {
+    std::size_t count = 0;
+    for (unsigned i = 0; i <= last_section; i++)
+        for (std::uint8_t k = 0; k < UINT8_MAX && pat_get_program(sec[i], k); k++)
+            count++;
+    return count;
 }
 
 ssize_t find_pid(const unsigned* pids, std::size_t count, unsigned pid) {
@@ -78,13 +87,11 @@ void process_PAT(tsan_ctx* tc, const std::uint8_t* pld) {
     }
     assert(0 == tc->nprogs);
     const unsigned last_section = psi_get_lastsection(pld);
-    std::size_t dropped = 0;
-    for_each_program(tc->pat.sec, last_section, [&](unsigned, unsigned k, unsigned pid) {
+    for_each_program(tc->pat.sec, last_section, [tc](unsigned k, unsigned pid) {
         if (tc->nprogs < MAX_PMTS)
             add_program(tc, k, pid);
-        else
-            dropped++;
     });
+    const std::size_t dropped = listed_programs(tc->pat.sec, last_section) - tc->nprogs;
     if (dropped != 0)
         LOG(&g_log, ERR_level, "%s: [%s] too many programs: %zu dropped, %zu kept at %s\n",
             __func__, source(tc), dropped, tc->nprogs, ptag(tc));
@@ -189,7 +196,7 @@ static void compact(tsan_ctx* tc, merge_lists* m) {
 bool merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
     const unsigned last_section = psi_get_lastsection(pld);
     std::size_t room = tc->nprogs;
-    for_each_program(tc->new_pat->sec, last_section, [&](unsigned, unsigned, unsigned) { room++; });
+    for_each_program(tc->new_pat->sec, last_section, [&](unsigned, unsigned) { room++; });
     auto* lists = static_cast<unsigned*>(W_calloc(__func__, 2 * room + 1, sizeof(unsigned)));
     if (!lists)
         return false;
@@ -197,7 +204,7 @@ bool merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
     std::copy_n(tc->pmt_pid, tc->nprogs, m.pids);
     std::copy_n(tc->pmt_pid, tc->nprogs, m.mark);
     for_each_program(tc->new_pat->sec, last_section,
-                     [&](unsigned, unsigned, unsigned pid) { merge_entry(tc, &m, pid); });
+                     [&](unsigned, unsigned pid) { merge_entry(tc, &m, pid); });
     compact(tc, &m);
     tc->nprogs = m.n - m.ndel;
     assert(tc->nprogs < MAX_PMTS);
