@@ -48,33 +48,6 @@ TEST_F(context_test, tag_texts) {
     }
 }
 
-// A tag tells of the state before its packet.
-TEST_F(context_test, tags_of_packets) {
-    cfg.trk.pcr_update = cfg.trk.pdts_update = cfg.trk.misc_ignore = true;
-    cfg.trk.pat_pmt_pkt = true;
-    load();
-    pg().stat.acount = 1;
-    log.set_level(INFO_level);
-    s.pcr(V, 900000).pes(V, ts::VIDEO_ID, {90}, 903000).null();
-    feed_new(s.section(PMT, ts::pmt_section(1, V, VAS)).pcr(V, 0).add({.pid = 0}));
-    expect_lines({inf("[src] new PCR=900000 [00:00:10.000] at 0:0[3]"),
-                  inf("[src] new PCR=903000 [00:00:10.033] at 0:0[4]:(pcr=900000)+1"),
-                  inf("update_pts_dts: [src] PTS=90 [00:00:00.001] pid=101 at "
-                      "0:0[4]:(pcr=900000)+1"),
-                  inf("upsert_pkt_info: [src] ignoring pid=8191 pkt[5]"),
-                  inf("[src] found PMT (pid100) at 0:M[6]:(pcr=903000)+2"),
-                  inf("[src] new PCR=0 [00:00:00.000] at 0:0[7]:(pcr=903000)+3"),
-                  inf("[src] found PAT at PAT[8]")},
-                 {});
-    feed_new(s.data(V));
-    tsan_set_pidx(t, 41); // does not rename the last packet
-    expect_lines({wrn("[src] packet index changed from 9 to 41")}, {});
-    EXPECT_STREQ(ptag(t), "0:0[9]:(pcr=0)+2");
-    EXPECT_EQ(tsan_get_pidx(t), 41U);
-    feed_new(s.data(V));
-    EXPECT_STREQ(ptag(t), "0:0[42]:(pcr=0)+35");
-}
-
 // PMT pids come before streams, and the first of several equal pids wins, as in a search from 0.
 TEST_F(context_test, every_pid_is_found_where_a_search_finds_it) {
     const auto look_up_all = [this] {

@@ -81,23 +81,4 @@ TEST_F(misc_test, captured_lines_are_cut_then_dropped) {
     close_ctxt(&c);
 }
 
-TEST_F(misc_test, captured_texts_are_compared_and_moved) {
-    ctxt_spec a = open(100), b = open(200), closed{};
-    EXPECT_EQ(cmp_ctxt(&a, &closed), 0); // nothing against nothing
-    add_ctxt_line(&a, "one");
-    EXPECT_EQ(cmp_ctxt(&a, &b), 1);
-    add_ctxt_line(&b, "two");
-    EXPECT_NE(cmp_ctxt(&a, &b), 0);
-    replace_ctxt(&a, &b);
-    EXPECT_EQ(a.buflen, 200);
-    EXPECT_TRUE(!b.buf && b.buflen == 0 && b.textlen == 0);
-    dump_ctxt(g_log.fp, "Heading:", &a);
-    dump_ctxt(g_log.fp, nullptr, &a);
-    dump_ctxt(g_log.fp, "Nothing:", &b);
-    dump_ctxt(nullptr, "Nowhere:", &a);
-    expect_lines({"Heading:", "two", "two"}, {});
-    close_ctxt(&a);
-    close_ctxt(&a);
-}
-
 } // namespace

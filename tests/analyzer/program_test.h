@@ -36,9 +36,6 @@ inline std::string err(const std::string& text) {
 inline std::string wrn(const std::string& text) {
     return "(WRN)  " + text;
 }
-inline std::string nrm(const std::string& text) {
-    return "(NRM)  " + text;
-}
 inline std::string inf(const std::string& text) {
     return "(INF)  " + text;
 }
