@@ -3,7 +3,6 @@
 // A line that begins with "> " is a step (see STEPS), the lines behind it are what it wrote ("h" on
 // the application log, "m" on the access log) or shows. QUARN_RENEW in the environment prints the
 // whole file anew, for a look at the differences.
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
