@@ -17,29 +17,24 @@ tsan_config default_config();
 // log begin with their level tag and two blanks, "(WRN)  ALERT ...".
 class analyzer_test : public ::testing::Test {
   protected:
-    ~analyzer_test() override;
+    using lines = std::vector<std::string>;
+
+    ~analyzer_test() override { release(); }
 
     void start();   // creates the context from cfg, after releasing an earlier one, and clears logs
     void release(); // releases the context, if there is one
     [[nodiscard]] std::string address() const; // of the context, as messages print it
 
-    // Hands packets over in order; each must be accepted. feed() starts the context if need be.
-    void feed(const ts::packet& p);
+    // Hands packets over in order; each must be accepted. The context is started if need be.
+    void feed(const ts::packet& p) { ASSERT_EQ(process(p), 0) << "packet " << tsan_get_pidx(t); }
     void feed(const ts::stream& s);
-    // Hands over the packets that a stream has got since the last feed_new of it.
-    void feed_new(const ts::stream& s);
-    // Hands one over and returns the result.
-    [[nodiscard]] int process(const ts::packet& p);
+    void feed_new(const ts::stream& s); // the packets that it has got since the last feed_new of it
+    [[nodiscard]] int process(const ts::packet& p); // hands one over and returns the result
 
-    // Compare what was written since the last comparison, then clear both logs. expect_alerts
-    // leaves out human lines other than alerts.
-    void expect_lines(const std::vector<std::string>& human,
-                      const std::vector<std::string>& machine);
-    void expect_alerts(const std::vector<std::string>& human,
-                       const std::vector<std::string>& machine);
+    // Compares what was written since the last comparison, then clears both logs.
+    void expect_lines(const lines& human, const lines& machine);
     void expect_silence() { expect_lines({}, {}); }
-    // The statistics dump.
-    [[nodiscard]] std::string stats();
+    [[nodiscard]] std::string stats(); // the statistics dump
 
     tsan_config cfg = default_config();
     log_capture log;

@@ -15,38 +15,34 @@ class log_capture {
     explicit log_capture(int level = NORM_level);
     ~log_capture();
     log_capture(const log_capture&) = delete;
-    log_capture& operator=(const log_capture&) = delete;
 
-    void set_level(int level); // of module 0, the module of the analyzer and of the driver
+    void set_level(int level) { g_mod_ll[0] = level; } // of the analyzer's and the driver's module
 
     // All that was written since the start or since the last clear().
-    [[nodiscard]] std::string human();
-    [[nodiscard]] std::string machine();
-    [[nodiscard]] std::vector<std::string> human_lines();
-    [[nodiscard]] std::vector<std::string> machine_lines();
+    [[nodiscard]] std::string human() { return human_.read(); }
+    [[nodiscard]] std::string machine() { return machine_.read(); }
     // The human lines that contain `part`.
     [[nodiscard]] std::vector<std::string> human_lines(std::string_view part);
     void clear();
 
   private:
     struct sink { // one context and what it looked like before
+        explicit sink(log_ctx* captured);
+        ~sink();
+        void open();
+        std::string read();
+
         log_ctx* log;
         log_ctx saved;
-        char* text; // owned by fp until it is closed
-        std::size_t length;
-        FILE* fp;
+        char* text = nullptr; // owned by fp until it is closed
+        std::size_t length = 0;
+        FILE* fp = nullptr;
     };
-    static void attach(sink& s, log_ctx* log);
-    static void detach(sink& s);
-    static void rewind(sink& s);
-    static std::string read(sink& s);
-
-    sink human_{};
-    sink machine_{};
+    sink human_{&g_log};
+    sink machine_{&g_access_log};
     int saved_levels_[LL_MAX_MODULES];
 };
 
-// The lines of a text without their line feeds; a last line need not have one.
+// The lines of a text without their line feeds, and the reverse.
 std::vector<std::string> split_lines(std::string_view text);
-// The reverse, for comparisons whose difference shall be shown line by line.
 std::string join_lines(const std::vector<std::string>& lines);

@@ -3,7 +3,8 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstdio>
+#include <fstream>
+#include <iterator>
 
 namespace ts {
 
@@ -13,9 +14,9 @@ std::uint8_t byte(std::uint64_t value) {
     return static_cast<std::uint8_t>(value & 0xff);
 }
 
-void put16(bytes& out, unsigned value) {
-    out.push_back(byte(value >> 8));
-    out.push_back(byte(value));
+// Appends the low byte of each value.
+void put(bytes& out, std::initializer_list<std::uint64_t> values) {
+    std::transform(values.begin(), values.end(), std::back_inserter(out), byte);
 }
 
 void append(bytes& out, const bytes& more) {
@@ -26,15 +27,10 @@ void append(bytes& out, const bytes& more) {
 bytes adaptation_field(const adaptation& a, std::size_t least) {
     bytes field;
     const std::size_t wanted = std::max(a.length, least);
-    if (a.pcr || a.discontinuity || wanted > 0) {
-        field.push_back(byte((a.discontinuity ? 0x80U : 0U) | (a.pcr ? 0x10U : 0U)));
-    }
     if (a.pcr) {
-        const std::uint64_t base = *a.pcr;
-        for (unsigned shift : {25U, 17U, 9U, 1U}) {
-            field.push_back(byte(base >> shift));
-        }
-        field.push_back(byte((base & 1) << 7 | 0x7e)); // six reserved bits, extension 0
+        const std::uint64_t base = *a.pcr; // then six reserved bits, extension 0
+        put(field, {0x10, base >> 25, base >> 17, base >> 9, base >> 1, base << 7 | 0x7e, 0});
+    } else if (wanted > 0) {
         field.push_back(0);
     }
     field.resize(std::max(wanted, field.size()), 0xff);
@@ -45,11 +41,8 @@ bytes adaptation_field(const adaptation& a, std::size_t least) {
 
 // One time stamp: prefix, 33 bits in three parts, a marker bit behind each.
 void put_stamp(bytes& out, unsigned prefix, std::uint64_t value) {
-    out.push_back(byte(prefix << 4 | (value >> 30 & 7) << 1 | 1));
-    out.push_back(byte(value >> 22));
-    out.push_back(byte((value >> 15 & 0x7f) << 1 | 1));
-    out.push_back(byte(value >> 7));
-    out.push_back(byte((value & 0x7f) << 1 | 1));
+    put(out, {prefix << 4 | (value >> 30 & 7) << 1 | 1, value >> 22, (value >> 14 & 0xfe) | 1,
+              value >> 7, (value << 1 & 0xfe) | 1});
 }
 
 } // namespace
@@ -58,13 +51,11 @@ packet make_packet(const packet_spec& spec) {
     bytes p{0x47, byte((spec.pusi ? 0x40U : 0U) | spec.pid >> 8), byte(spec.pid)};
     const bool has_adaptation = spec.adapt.has_value() || !spec.has_payload;
     p.push_back(byte((has_adaptation ? 0x20U : 0U) | (spec.has_payload ? 0x10U : 0U) | spec.cc));
-    if (has_adaptation) {
-        append(p, adaptation_field(spec.adapt.value_or(adaptation{}),
-                                   spec.has_payload ? 0 : PACKET_SIZE - 5));
-    }
+    const std::size_t least = spec.has_payload ? 0 : PACKET_SIZE - 5;
+    if (has_adaptation)
+        append(p, adaptation_field(spec.adapt.value_or(adaptation{}), least));
     append(p, spec.payload);
-    assert(spec.pid <= NULL_PID && spec.cc <= 15);
-    assert(p.size() <= PACKET_SIZE);
+    assert(spec.pid <= NULL_PID && spec.cc <= 15 && p.size() <= PACKET_SIZE);
     p.resize(PACKET_SIZE, 0xff);
     packet result;
     std::copy(p.begin(), p.end(), result.begin());
@@ -72,15 +63,13 @@ packet make_packet(const packet_spec& spec) {
 }
 
 bytes pes_header(unsigned stream_id, const stamps& when) {
-    bytes h{0, 0, 1, byte(stream_id), 0, 0, 0x80};
-    h.push_back(byte((when.pts ? 0x80U : 0U) | (when.dts ? 0x40U : 0U)));
-    h.push_back(byte((when.pts ? 5U : 0U) + (when.dts ? 5U : 0U)));
-    if (when.pts) {
-        put_stamp(h, when.dts ? 3 : 2, *when.pts);
-    }
-    if (when.dts) {
+    const unsigned pts = when.pts ? 1 : 0, dts = when.dts ? 1 : 0;
+    bytes h;
+    put(h, {0, 0, 1, stream_id, 0, 0, 0x80, pts << 7 | dts << 6, 5 * (pts + dts)});
+    if (when.pts)
+        put_stamp(h, 2 + dts, *when.pts);
+    if (when.dts)
         put_stamp(h, 1, *when.dts);
-    }
     return h;
 }
 
@@ -88,49 +77,42 @@ std::uint32_t crc32(std::span<const std::uint8_t> data) {
     std::uint32_t crc = 0xffffffff;
     for (std::uint8_t b : data) {
         crc ^= static_cast<std::uint32_t>(b) << 24;
-        for (int bit = 0; bit < 8; bit++) {
+        for (int bit = 0; bit < 8; bit++)
             crc = (crc & 0x80000000) != 0 ? crc << 1 ^ 0x04c11db7 : crc << 1;
-        }
     }
     return crc;
 }
 
 bytes make_section(unsigned table_id, unsigned ext, const table_head& head, const bytes& body) {
-    const unsigned length = static_cast<unsigned>(5 + body.size() + 4);
+    const std::size_t length = 5 + body.size() + 4;
     assert(length <= 0xfff);
-    bytes s{byte(table_id)};
-    put16(s, 0xb000 | length); // long header, reserved bits set
-    put16(s, ext);
-    s.push_back(byte(0xc0 | head.version << 1 | (head.current ? 1U : 0U)));
-    s.push_back(byte(head.section));
-    s.push_back(byte(head.last));
+    bytes s;
+    put(s, {table_id, 0xb0 | length >> 8, length}); // long header, reserved bits set
+    put(s, {ext >> 8, ext, 0xc1 | head.version << 1, head.section, head.last});
     append(s, body);
     const std::uint32_t crc = crc32(s);
-    put16(s, crc >> 16);
-    put16(s, crc & 0xffff);
+    put(s, {crc >> 24, crc >> 16, crc >> 8, crc});
     return s;
 }
 
 bytes pat_section(const std::vector<program>& programs, const table_head& head, unsigned tsid) {
     bytes body;
-    for (const program& p : programs) {
-        put16(body, p.number);
-        put16(body, 0xe000 | p.pid);
-    }
+    for (const program& p : programs)
+        put(body, {p.number >> 8, p.number, 0xe0 | p.pid >> 8, p.pid});
     return make_section(0, tsid, head, body);
 }
 
 bytes pmt_section(unsigned number, unsigned pcr_pid, const std::vector<elementary>& streams,
                   const table_head& head, const bytes& descriptors) {
     bytes body;
-    put16(body, 0xe000 | pcr_pid);
-    put16(body, 0xf000 | static_cast<unsigned>(descriptors.size()));
-    append(body, descriptors);
+    const auto pid_and_descriptors = [&body](unsigned pid, const bytes& descs) {
+        put(body, {0xe0 | pid >> 8, pid, 0xf0 | descs.size() >> 8, descs.size()});
+        append(body, descs);
+    };
+    pid_and_descriptors(pcr_pid, descriptors);
     for (const elementary& es : streams) {
         body.push_back(byte(es.type));
-        put16(body, 0xe000 | es.pid);
-        put16(body, 0xf000 | static_cast<unsigned>(es.descriptors.size()));
-        append(body, es.descriptors);
+        pid_and_descriptors(es.pid, es.descriptors);
     }
     return make_section(2, number, head, body);
 }
@@ -164,15 +146,11 @@ std::vector<packet> section_packets(unsigned pid, unsigned first_cc,
         const std::size_t room = PACKET_SIZE - (starts_here ? 5 : 4);
         const std::size_t stop = starts_here || next == starts.end() ? all.size() : *next;
         const std::size_t count = std::min(room, stop - at);
-        bytes payload;
-        if (starts_here) {
-            payload.push_back(byte(*next - at));
-        }
-        payload.insert(payload.end(), all.begin() + static_cast<std::ptrdiff_t>(at),
-                       all.begin() + static_cast<std::ptrdiff_t>(at + count));
-        const unsigned cc = (first_cc + static_cast<unsigned>(result.size())) & 15;
-        result.push_back(
-            make_packet({.pid = pid, .cc = cc, .pusi = starts_here, .payload = payload}));
+        packet_spec spec{.pid = pid, .cc = first_cc++ & 15, .pusi = starts_here};
+        if (starts_here)
+            spec.payload.push_back(byte(*next - at));
+        std::copy_n(&all[at], count, std::back_inserter(spec.payload));
+        result.push_back(make_packet(spec));
         at += count;
     }
     return result;
@@ -185,11 +163,6 @@ unsigned stream::step(unsigned pid) {
     const unsigned cc = next;
     next = (next + 1) & 15;
     return cc;
-}
-
-stream& stream::add(const packet& p) {
-    packets_.push_back(p);
-    return *this;
 }
 
 stream& stream::add(packet_spec spec) {
@@ -212,16 +185,14 @@ stream& stream::sections(unsigned pid, const std::vector<bytes>& secs, const byt
 stream& stream::pes(unsigned pid, unsigned stream_id, const stamps& when,
                     std::optional<std::uint64_t> pcr) {
     packet_spec spec{.pid = pid, .pusi = true, .payload = pes_header(stream_id, when)};
-    if (pcr) {
+    if (pcr)
         spec.adapt = adaptation{.pcr = pcr};
-    }
     return add(spec);
 }
 
 stream& stream::data(unsigned pid, std::size_t count) {
-    for (std::size_t i = 0; i < count; i++) {
+    while (count-- > 0)
         add(packet_spec{.pid = pid});
-    }
     return *this;
 }
 
@@ -230,41 +201,23 @@ stream& stream::pcr(unsigned pid, std::uint64_t value) {
 }
 
 stream& stream::null(std::size_t count) {
-    for (std::size_t i = 0; i < count; i++) {
-        add(make_packet({}));
-    }
-    return *this;
-}
-
-stream& stream::lose(unsigned pid, unsigned count) {
-    unsigned& next = next_cc_[pid];
-    next = (next + count) & 15;
-    return *this;
-}
-
-stream& stream::set_cc(unsigned pid, unsigned cc) {
-    next_cc_[pid] = cc & 15;
+    packets_.insert(packets_.end(), count, make_packet({}));
     return *this;
 }
 
 bytes stream::flat() const {
     bytes all;
-    all.reserve(packets_.size() * PACKET_SIZE);
-    for (const packet& p : packets_) {
+    for (const packet& p : packets_)
         all.insert(all.end(), p.begin(), p.end());
-    }
     return all;
 }
 
 bool stream::write(const std::string& path, const bytes& tail) const {
     bytes all = flat();
     append(all, tail);
-    FILE* f = fopen(path.c_str(), "wb");
-    if (f == nullptr) {
-        return false;
-    }
-    const bool written = all.empty() || fwrite(all.data(), 1, all.size(), f) == all.size();
-    return fclose(f) == 0 && written;
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(all.data()), static_cast<std::streamsize>(all.size()));
+    return out.flush().good();
 }
 
 } // namespace ts

@@ -30,7 +30,6 @@ using bytes = std::vector<std::uint8_t>;
 
 struct adaptation {
     std::optional<std::uint64_t> pcr; // base, 90 kHz; the extension is written as 0
-    bool discontinuity = false;
     std::size_t length = 0; // at least this many bytes behind the length byte; stuffing fills up
 };
 
@@ -61,7 +60,6 @@ struct table_head {
     unsigned version = 0;
     unsigned section = 0; // section_number
     unsigned last = 0;    // last_section_number
-    bool current = true;
 };
 
 struct program {
@@ -99,8 +97,9 @@ std::vector<packet> section_packets(unsigned pid, unsigned first_cc,
 // Collects packets and counts the continuity counter of each pid, from 0.
 class stream {
   public:
-    stream& add(const packet& p);  // as it is; no counter moves
-    stream& add(packet_spec spec); // with the pid's next counter
+    // Adds a packet as it is, without moving a counter; or with its pid's next counter.
+    stream& add(const packet& p) { return packets_.push_back(p), *this; }
+    stream& add(packet_spec spec);
     stream& section(unsigned pid, const bytes& sec, const bytes& prefix = {});
     stream& sections(unsigned pid, const std::vector<bytes>& secs, const bytes& prefix = {});
     stream& pes(unsigned pid, unsigned stream_id, const stamps& when,
@@ -108,8 +107,9 @@ class stream {
     stream& data(unsigned pid, std::size_t count = 1); // payload inside a PES packet
     stream& pcr(unsigned pid, std::uint64_t value);    // adaptation field only: no counter step
     stream& null(std::size_t count = 1);
-    stream& lose(unsigned pid, unsigned count = 1); // steps the counter without a packet
-    stream& set_cc(unsigned pid, unsigned cc);      // counter of the pid's next packet
+    // Sets the counter of the pid's next packet; or steps it without a packet.
+    stream& set_cc(unsigned pid, unsigned cc) { return next_cc_[pid] = cc & 15, *this; }
+    stream& lose(unsigned pid, unsigned n = 1) { return set_cc(pid, next_cc_[pid] + n); }
 
     [[nodiscard]] const std::vector<packet>& packets() const { return packets_; }
     [[nodiscard]] std::size_t size() const { return packets_.size(); }
