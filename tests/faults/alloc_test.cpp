@@ -168,6 +168,7 @@ TEST_F(alloc_test, one_fails) {
     EXPECT_EQ(sound.pmt_changes, 6U);
     const std::size_t all = calls;
     ASSERT_GT(all, 50U);
+    RecordProperty("allocations", static_cast<int>(all));
     for (std::size_t n = 2; n <= all; n++) {
         SCOPED_TRACE(n);
         log.clear();
