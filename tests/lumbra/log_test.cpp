@@ -1,9 +1,7 @@
-// Which lines are written and where they go; log files and pipes; rotation; programming errors.
+// Which lines are written and where they go; pipes; programming errors.
 #include "lumbra_test.h"
 
 #include <csignal>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "strops.h"
@@ -29,29 +27,12 @@ namespace {
 struct log_test : lumbra_test {
     ~log_test() override { log_close(&file); }
 
-    string open(const string& name = "log", const string& before = "", std::uint32_t flags = 0) {
-        const timespec mtimes[2] = {{1000, 0}, {1000, 0}};
-        std::ofstream(name) << before;
-        utimensat(AT_FDCWD, name.c_str(), mtimes, 0);
-        file = {};
+    void open() {
+        ASSERT_EQ(log_open_ex(&file, "log", 0), 0);
         log_timefmt(&file, TMF_NONE);
-        return outcome([&] { return log_open_ex(&file, name.c_str(), flags); });
-    }
-    // Writes a line for each letter, at times that follow each other.
-    string put(const string& letters, time_t from = 0) {
-        return outcome([&] {
-            for (const char letter : letters) {
-                clock.set_real({from++, 0});
-                log_machine(&file, "%c\n", letter);
-            }
-            return "";
-        });
     }
 
-    const std::function<int()> rotate = [this] { return log_rotate(&file); };
-    const std::function<string()> close_file = [this] {
-        return log_close(&file), file.fp = nullptr, "closed";
-    };
+    std::function<string()> shut = [this] { return log_close(&file), file.fp = nullptr, "shut"; };
     log_ctx file = {};
 };
 
@@ -105,15 +86,15 @@ TEST_F(log_test, ring_receives_every_line) {
         LOG(&g_log, level, "%d\n", ++evaluated);
     log_machine(&g_log, "no ring\n");
     EXPECT_EQ(log.human(), "(NRM)  2\n(WRN)  3\n(ERR)  4\nno ring\n");
-    EXPECT_EQ(open(), "0");
+    open();
     log_set_lard(&file, log_set_lard(&g_log, nullptr));
-    EXPECT_EQ(outcome(close_file) << told,
-              "closed (DBG)  1\n(NRM)  2\n(WRN)  3\n+1 (ERR)  4\n+3 destroyed");
+    EXPECT_EQ(outcome(shut) << told,
+              "shut (DBG)  1\n(NRM)  2\n(WRN)  3\n+1 (ERR)  4\n+3 destroyed");
     EXPECT_FALSE(lard_enabled(&file));
 }
 
 TEST_F(log_test, syslog_takes_warnings_and_worse) {
-    EXPECT_EQ(open(), "0");
+    open();
     log_set_modules(&g_log, SECTION_level);
     config_syslog(&file, "me", 2, 8);
     for (const int level : {-127, -77, -4, -3, -2, -1, 0, 64})
@@ -121,121 +102,47 @@ TEST_F(log_test, syslog_takes_warnings_and_worse) {
     g_sigctx = 1;
     LOG(&file, ERR_level, "from a signal handler\n");
     g_sigctx = 0;
-    EXPECT_EQ(outcome(close_file), "closed");
+    EXPECT_EQ(outcome(shut), "shut");
     disable_syslog(&g_log);
     glog_enable_syslog("app");
     EXPECT_EQ(syslog_told, "me 2 8 15 %s 15 %s 9 %s 11 %s 10 %s 12 %s closed closed app 3 128");
 }
 
 TEST_F(log_test, outputs_and_their_mirror) {
-    ASSERT_EQ(open("a"), "0");
+    open();
     for (FILE* mirror : {fdopen(fileno(file.fp), "w"), fopen("b", "w")}) {
         log_mirror(&file, mirror);
-        put("x");
+        log_machine(&file, "x\n");
     }
-    close_file(); // and null, which takes nothing
-    EXPECT_EQ(put("y") << files(), "|a=x\nx\n|b=x\ny\n");
+    shut(); // and null, which takes nothing
+    log_machine(&file, "y\n");
+    EXPECT_EQ(files(), "[b]x\ny\n[log]x\nx\n");
 }
 
-TEST_F(log_test, opening) {
-    const string deep(126, 'n'), longest(128, 'x');
-    const auto opened = [&](const string& name, const string& before, std::uint32_t flags) {
-        const string result = open(name, before, flags)
-                              << put("x") << files() << outcome(close_file);
-        renew_directory();
-        return result;
-    };
-    EXPECT_EQ(opened("log", "", 0), "0 |log=x\n closed");
-    EXPECT_EQ(opened("log", "old", 0), "0 |log=x\n|log.1000=old closed");
-    EXPECT_EQ(opened("log", "old", F_APPEND_OLD), "0 |log=oldx\n closed");
-    EXPECT_EQ(opened(deep, "old", 0), "0 |" + deep + "=oldx\n closed"); // the new name is too long
-    EXPECT_EQ(opened(longest, "", 0), "0 |" + longest + "=x\n closed");
-    EXPECT_EQ(open(longest + "x"), "-1 Log pathname/command is too long, 128 bytes allowed\n");
-    EXPECT_THAT(open("no/log"), testing::EndsWith(" ERROR(2): No such file or directory\n"));
-    std::filesystem::create_directories("log.1000/x");
-    EXPECT_EQ(open("log", "old"), "0 Cannot rename(log, log.1000): ERROR(21): Is a directory\n");
-    close_file();
-    EXPECT_EQ(outcome([&] { return log_open_ex(&file, "missing", 0); }), "0");
-    close_file();
-    EXPECT_EQ(string() << log_open_ex(&file, nullptr, 0) << put("x"), "0 x\n");
-}
-
-// The lines about a rotation go to the file that has just been rotated, and fill it again.
-TEST_F(log_test, rotation_by_size) {
-    ASSERT_EQ(open("log", "a\n", F_APPEND_OLD), "0");
-    log_set_rota(&file, 4, 2, 0);
-    log_set_modules(&file, DEBUG_level);
-    std::swap(file, g_log);
-    for (const time_t now : {1001, 1002, 1003}) {
-        clock.set_real({now, 0});
-        log_machine(&g_log, "x\n");
-    }
-    EXPECT_EQ(files(),
-              "|log=(NRM)  [tests]: previous log rotated to [log.1003] tm=1003, idx=0\n"
-              "(DBG)  handle_rotation: replaced log.1001 with log.1003\n"
-              "|log.1002=(NRM)  [tests]: previous log rotated to [log.1001] tm=1001, idx=0\nx\n"
-              "|log.1003=(NRM)  [tests]: previous log rotated to [log.1002] tm=1002, idx=1\nx\n");
-    unlink("log.1002"); // a kept file that somebody else removed is forgotten
-    EXPECT_EQ(string() << log_rotate(&g_log) << g_log.rota.next_idx, "0 0");
-    EXPECT_THAT(files(), testing::HasSubstr("(ERR)  handle_rotation: unlink(log.1002) ERROR(2) :"));
-    std::swap(file, g_log);
-    string kept;
-    for (const unsigned asked : {0u, 127u, 128u}) {
-        log_set_rota(&file, 5, asked, 0);
-        kept = kept << log_rota_maxfiles(&file) << log_rota_eod(&file);
-    }
-    EXPECT_EQ(kept, "16 0 127 0 16 0");
-}
-
-TEST_F(log_test, rotation_at_the_end_of_the_day) {
-    use_zone("Berlin");
-    ASSERT_EQ(open(), "0");
-    const time_t midnight = 1711922400; // 2024-04-01 00:00:00 CEST
-    log_set_rota(&file, 0, 3, midnight - 72000);
-    put("abc", midnight - 1); // the last second of the day still belongs to it
-    EXPECT_EQ(files() << log_rota_eod(&file), "|log=c\n|log.1711922400=a\nb\n 1712008799");
-    log_set_eod(&file, 5);
-    EXPECT_EQ(log_rota_eod(&file), 5);
-}
-
-TEST_F(log_test, failed_rotation) {
-    const string why = "log_rotate: failed to rename [log] to [log.1], ERROR(21): Is a directory";
-    std::filesystem::create_directories("log.1/x");
-    ASSERT_EQ(open(), "0");
-    log_set_rota(&file, 4, 0, 0);
-    EXPECT_EQ(put("ab"), why + " - rotation is to be stopped\n");
-    EXPECT_EQ(log.human(), "(ERR)  log_rotate: " + why + " - rotation cancelled this time\n");
-    EXPECT_EQ(put("c", 1), ""); // waits for another full measure
-    EXPECT_EQ(put("d", 2) << files() << file.rota.next_idx, "|log=|log.1=|log.2=a\nb\nc\nd\n 1");
-    file.rota.max_idx = 0; // no bookkeeping
-    EXPECT_EQ(outcome(rotate) << file.rota.next_idx, "0 1");
+TEST_F(log_test, lost_directory) {
+    open();
     std::filesystem::remove_all(dir);
-    EXPECT_THAT(outcome(rotate) << put("e"), testing::ContainsRegex("^-1 .*\ndo_open: uid/gig="));
-    renew_directory();
-    ASSERT_EQ(open(), "0");
-    EXPECT_EQ(outcome([&] { return close(fileno(file.fp)) + log_rotate(&file); }) << put("f"),
-              "-1 log_rotate: failed to close [log], ERROR(9): Bad file descriptor\n");
-    file.fp = stdout;
-    EXPECT_EQ(outcome(rotate), "-1 log_rotate: stdout and stderr cannot be rotated.\n");
-    file.name[0] = '\0';
-    EXPECT_EQ(outcome(rotate), "0 log_rotate: nothing to rotate.\n");
+    const string ids = to_string(geteuid()) + "/" + to_string(getegid());
+    EXPECT_THAT(
+        outcome([&] { return log_rotate(&file); }),
+        testing::ContainsRegex("^-1 .*\ndo_open: uid/gig=" + ids + " fopen\\(log\\) ERROR"));
+    log_machine(&file, "goes nowhere\n");
 }
 
-TEST_F(log_test, pipes_and_closing) {
+TEST_F(log_test, pipes_survive_their_readers) {
     for (const int reaped : {WNOWAIT, 0}) { // the reader is gone; the host may have reaped it
         siginfo_t info;
         ASSERT_EQ(log_popen(&file, "exit 3"), 0);
-        EXPECT_EQ(outcome(rotate), "-1 log_rotate: not supported for pipe-based streams.\n");
         waitid(P_ALL, 0, &info, WEXITED | reaped);
-        EXPECT_EQ(put("abc") << outcome(close_file), "closed");
+        for (int n = 1; n <= 3; ++n)
+            log_machine(&file, "x\n");
+        EXPECT_EQ(outcome(shut), "shut");
     }
     ASSERT_EQ(log_popen(&file, "cat > piped"), 0);
-    log_timefmt(&file, TMF_NONE);
-    EXPECT_EQ(put("a") << outcome(close_file) << files(), "closed |piped=a\n");
-    ASSERT_EQ(open(), "0");
-    EXPECT_EQ(outcome([&] { return close(fileno(file.fp)), log_close(&file), "closed"; }),
-              "closed log_close: fclose error(9) for the application log: Bad file descriptor\n");
-    file.fp = nullptr;
+    EXPECT_EQ(outcome([&] { return log_rotate(&file); }),
+              "-1 log_rotate: not supported for pipe-based streams.\n");
+    fputs("x\n", log_fp(&file));
+    EXPECT_EQ(outcome(shut) << files(), "shut [piped]x\n");
 }
 
 TEST_F(log_test, call_stack) {
@@ -250,9 +157,9 @@ TEST_F(log_test, call_stack) {
 using log_DeathTest = log_test;
 
 TEST_F(log_DeathTest, killed_process_loses_no_line) {
-    ASSERT_EQ(open(), "0");
+    open();
     EXPECT_EXIT((log_machine(&file, "a\n"), raise(SIGKILL)), testing::KilledBySignal(SIGKILL), "");
-    EXPECT_EQ(files(), "|log=a\n");
+    EXPECT_EQ(files(), "[log]a\n");
 }
 
 TEST(lumbra_DeathTest, programming_errors) {

@@ -51,11 +51,13 @@ struct lumbra_test : testing::Test {
         const string result = string() << call();
         return result << testing::internal::GetCapturedStderr();
     }
-    static string files() { // of the directory, in order: "|name=line\nline\n|name="
+    static string files() { // of the directory, in order: "[name]line\nline\n[name]"
         std::ostringstream text;
         const std::filesystem::directory_iterator begin("."), end;
-        for (const auto& file : std::set<std::filesystem::path>(begin, end)) {
-            text << '|' << file.filename().string() << '=' << std::ifstream(file).rdbuf();
+        for (const std::filesystem::path& file : std::set<std::filesystem::path>(begin, end)) {
+            const string name = file.filename();
+            text << '[' << (name.size() < 99 ? name : name[0] + to_string(name.size())) << ']';
+            text << std::ifstream(file).rdbuf();
             text.clear(); // from an empty one
         }
         return text.str();

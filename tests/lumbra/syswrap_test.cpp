@@ -128,7 +128,7 @@ TEST_F(syswrap_test, results) {
     EXPECT_EQ(string() << fstat(fd, &st) << (st.st_mode & 07777) << W_write_f("t", fd, "abcd", 4, 0)
                        << W_lseek("t", fd, -1, SEEK_END) << W_pread_f("t", fd, mem, 2, 1, 0) << mem
                        << W_ftruncate("t", fd, 3) << files() << log.human(),
-              "0 420 4 3 2 bc 0 |new=abc");
+              "0 420 4 3 2 bc 0 [new]abc");
     g_mod_ll[2] = DEBUG_level;
     W_close("t", fd);
     const string num = to_string(W_socket("t", AF_UNIX, SOCK_DGRAM, 0));
