@@ -159,24 +159,24 @@ class elementary : public source {
     ts::packet next(double now) override {
         if (used_ == pes_.size())
             open_pes();
-        ts::packet_spec spec{.pid = pid_, .cc = step(), .pusi = used_ == 0};
+        ts::packet_fields fields{.pid = pid_, .cc = step(), .pusi = used_ == 0};
         std::size_t room = PAYLOAD;
         if (with_pcr_ && now - last_pcr_ >= PCR_PERIOD) {
             const auto ticks = static_cast<std::uint64_t>(now * CLOCK);
-            spec.adapt = ts::adaptation{.pcr = ORIGIN + ticks};
+            fields.adapt = ts::adaptation{.pcr = ORIGIN + ticks};
             room -= PCR_ROOM;
             last_pcr_ = now;
         }
         const std::size_t count = std::min(room, pes_.size() - used_);
         if (count < room) {
-            spec.adapt = spec.adapt.value_or(ts::adaptation{});
-            spec.adapt->length = PAYLOAD - count - 1;
+            fields.adapt = fields.adapt.value_or(ts::adaptation{});
+            fields.adapt->length = PAYLOAD - count - 1;
         }
         const auto from = pes_.begin() + static_cast<std::ptrdiff_t>(used_);
-        spec.payload.assign(from, from + static_cast<std::ptrdiff_t>(count));
+        fields.payload.assign(from, from + static_cast<std::ptrdiff_t>(count));
         used_ += count;
         due_ = used_ < pes_.size() ? due_ + step_ : next_start_;
-        return ts::make_packet(spec);
+        return ts::make_packet(fields);
     }
 
   protected:

@@ -89,10 +89,10 @@ std::vector<ts::packet> pmt_packets(std::size_t streams, unsigned version) {
 }
 
 // The same packet with each counter in turn.
-std::vector<ts::packet> in_sequence(ts::packet_spec spec) {
+std::vector<ts::packet> in_sequence(ts::packet_fields fields) {
     std::vector<ts::packet> all;
-    for (spec.cc = 0; spec.cc < COUNTERS; spec.cc++)
-        all.push_back(ts::make_packet(spec));
+    for (fields.cc = 0; fields.cc < COUNTERS; fields.cc++)
+        all.push_back(ts::make_packet(fields));
     return all;
 }
 

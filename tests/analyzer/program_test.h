@@ -21,11 +21,11 @@ inline const std::vector<ts::elementary> VAS{{0x1b, V}, {0x0f, A}, {0x06, S}};
 inline constexpr u64 WRAP = u64{1} << 33; // the 90 kHz clock counts modulo this
 
 // A packet that carries exactly these bytes: an adaptation field takes the room before them.
-inline ts::packet_spec filled(unsigned pid, bool pusi, const ts::bytes& payload) {
-    ts::packet_spec spec{.pid = pid, .pusi = pusi, .payload = payload};
+inline ts::packet_fields filled(unsigned pid, bool pusi, const ts::bytes& payload) {
+    ts::packet_fields fields{.pid = pid, .pusi = pusi, .payload = payload};
     if (payload.size() < 184)
-        spec.adapt = ts::adaptation{.pcr = {}, .length = 183 - payload.size()};
-    return spec;
+        fields.adapt = ts::adaptation{.pcr = {}, .length = 183 - payload.size()};
+    return fields;
 }
 
 using lines = std::vector<std::string>;

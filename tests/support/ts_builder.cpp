@@ -47,15 +47,16 @@ void put_stamp(bytes& out, unsigned prefix, std::uint64_t value) {
 
 } // namespace
 
-packet make_packet(const packet_spec& spec) {
-    bytes p{0x47, byte((spec.pusi ? 0x40U : 0U) | spec.pid >> 8), byte(spec.pid)};
-    const bool has_adaptation = spec.adapt.has_value() || !spec.has_payload;
-    p.push_back(byte((has_adaptation ? 0x20U : 0U) | (spec.has_payload ? 0x10U : 0U) | spec.cc));
-    const std::size_t least = spec.has_payload ? 0 : PACKET_SIZE - 5;
+packet make_packet(const packet_fields& fields) {
+    bytes p{0x47, byte((fields.pusi ? 0x40U : 0U) | fields.pid >> 8), byte(fields.pid)};
+    const bool has_adaptation = fields.adapt.has_value() || !fields.has_payload;
+    p.push_back(
+        byte((has_adaptation ? 0x20U : 0U) | (fields.has_payload ? 0x10U : 0U) | fields.cc));
+    const std::size_t least = fields.has_payload ? 0 : PACKET_SIZE - 5;
     if (has_adaptation)
-        append(p, adaptation_field(spec.adapt.value_or(adaptation{}), least));
-    append(p, spec.payload);
-    assert(spec.pid <= NULL_PID && spec.cc <= 15 && p.size() <= PACKET_SIZE);
+        append(p, adaptation_field(fields.adapt.value_or(adaptation{}), least));
+    append(p, fields.payload);
+    assert(fields.pid <= NULL_PID && fields.cc <= 15 && p.size() <= PACKET_SIZE);
     p.resize(PACKET_SIZE, 0xff);
     packet result;
     std::copy(p.begin(), p.end(), result.begin());
@@ -146,11 +147,11 @@ std::vector<packet> section_packets(unsigned pid, unsigned first_cc,
         const std::size_t room = PACKET_SIZE - (starts_here ? 5 : 4);
         const std::size_t stop = starts_here || next == starts.end() ? all.size() : *next;
         const std::size_t count = std::min(room, stop - at);
-        packet_spec spec{.pid = pid, .cc = first_cc++ & 15, .pusi = starts_here};
+        packet_fields fields{.pid = pid, .cc = first_cc++ & 15, .pusi = starts_here};
         if (starts_here)
-            spec.payload.push_back(byte(*next - at));
-        std::copy_n(&all[at], count, std::back_inserter(spec.payload));
-        result.push_back(make_packet(spec));
+            fields.payload.push_back(byte(*next - at));
+        std::copy_n(&all[at], count, std::back_inserter(fields.payload));
+        result.push_back(make_packet(fields));
         at += count;
     }
     return result;
@@ -165,13 +166,13 @@ unsigned stream::step(unsigned pid) {
     return cc;
 }
 
-stream& stream::add(packet_spec spec) {
-    spec.cc = spec.has_payload ? step(spec.pid) : (next_cc_[spec.pid] + 15) & 15;
-    return add(make_packet(spec));
+stream& stream::add(packet_fields fields) {
+    fields.cc = fields.has_payload ? step(fields.pid) : (next_cc_[fields.pid] + 15) & 15;
+    return add(make_packet(fields));
 }
 
 stream& stream::section(unsigned pid, const bytes& sec, const bytes& prefix) {
-    return add(packet_spec{.pid = pid, .pusi = true, .payload = pointed(sec, prefix)});
+    return add(packet_fields{.pid = pid, .pusi = true, .payload = pointed(sec, prefix)});
 }
 
 stream& stream::sections(unsigned pid, const std::vector<bytes>& secs, const bytes& prefix) {
@@ -184,20 +185,20 @@ stream& stream::sections(unsigned pid, const std::vector<bytes>& secs, const byt
 
 stream& stream::pes(unsigned pid, unsigned stream_id, const stamps& when,
                     std::optional<std::uint64_t> pcr) {
-    packet_spec spec{.pid = pid, .pusi = true, .payload = pes_header(stream_id, when)};
+    packet_fields fields{.pid = pid, .pusi = true, .payload = pes_header(stream_id, when)};
     if (pcr)
-        spec.adapt = adaptation{.pcr = pcr};
-    return add(spec);
+        fields.adapt = adaptation{.pcr = pcr};
+    return add(fields);
 }
 
 stream& stream::data(unsigned pid, std::size_t count) {
     while (count-- > 0)
-        add(packet_spec{.pid = pid});
+        add(packet_fields{.pid = pid});
     return *this;
 }
 
 stream& stream::pcr(unsigned pid, std::uint64_t value) {
-    return add(packet_spec{.pid = pid, .has_payload = false, .adapt = adaptation{.pcr = value}});
+    return add(packet_fields{.pid = pid, .has_payload = false, .adapt = adaptation{.pcr = value}});
 }
 
 stream& stream::null(std::size_t count) {

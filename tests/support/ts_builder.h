@@ -33,7 +33,7 @@ struct adaptation {
     std::size_t length = 0; // at least this many bytes behind the length byte; stuffing fills up
 };
 
-struct packet_spec {
+struct packet_fields {
     unsigned pid = NULL_PID;
     unsigned cc = 0;
     bool pusi = false;                 // payload_unit_start_indicator
@@ -42,7 +42,7 @@ struct packet_spec {
     bytes payload{};                   // must fit; what is left of the packet is 0xff
 };
 
-packet make_packet(const packet_spec& spec);
+packet make_packet(const packet_fields& fields);
 
 // ---- PES ---------------------------------------------------------------------------------------
 
@@ -99,7 +99,7 @@ class stream {
   public:
     // Adds a packet as it is, without moving a counter; or with its pid's next counter.
     stream& add(const packet& p) { return packets_.push_back(p), *this; }
-    stream& add(packet_spec spec);
+    stream& add(packet_fields fields);
     stream& section(unsigned pid, const bytes& sec, const bytes& prefix = {});
     stream& sections(unsigned pid, const std::vector<bytes>& secs, const bytes& prefix = {});
     stream& pes(unsigned pid, unsigned stream_id, const stamps& when,
