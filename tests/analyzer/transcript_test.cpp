@@ -57,7 +57,10 @@ class transcript_test : public program_test {
     static u64 num(const words& w, std::size_t i, u64 otherwise = 0) {
         return i < w.size() ? std::stoull(w[i]) : otherwise;
     }
-    static unsigned pid(const words& w) { return static_cast<unsigned>(num(w, 1)); }
+    static unsigned small(const words& w, std::size_t i, unsigned otherwise = 0) {
+        return static_cast<unsigned>(num(w, i, otherwise));
+    }
+    static unsigned pid(const words& w) { return small(w, 1); }
     // "v=1" gives 1.
     static unsigned option(const words& w, const std::string& name, unsigned otherwise = 0) {
         for (const std::string& word : w)
@@ -159,104 +162,58 @@ class transcript_test : public program_test {
     std::string shown;
 };
 
-#define STEP [](transcript_test & x, [[maybe_unused]] const words& w)
-const std::map<std::string, transcript_test::step> transcript_test::STEPS{{"start", STEP{x.start();
-x.s = {};
-} // namespace
-}
-, {"load", STEP{x.load(w.size() > 1 ? streams(w) : VAS, option(w, "pcr", V));
-}
-}
-, {"level", STEP{x.log.set_level(w[1] == "debug" ? DEBUG_level : INFO_level);
-}
-}
-, {"cfg", STEP{x.set(w[1], std::stol(w[2]));
-}
-}
-,                // of the contexts made after it
-    {"pat", STEP{// pids with program numbers from 0, v= s= l=
-                 std::vector<ts::program> list;
-for (std::size_t i = 1; i < w.size() && isdigit(w[i][0]); i++)
-    list.push_back({static_cast<unsigned>(i - 1), static_cast<unsigned>(num(w, i))});
-x.s.section(0, ts::pat_section(list, head(w)));
-}
-}
-, {"pmt", STEP{// pid, streams, pcr= v=
-               x.s.sections(pid(w), {ts::pmt_section(1, option(w, "pcr", V), streams(w), head(w))});
-}
-}
-, {"data", STEP{x.s.data(pid(w), num(w, 2, 1));
-}
-}
-, {"null", STEP{x.s.null(num(w, 1, 1));
-}
-}
-, {"cc", STEP{// pid, counters
-              for (std::size_t i = 2; i < w.size(); i++)
-                  x.s.set_cc(pid(w), static_cast<unsigned>(num(w, i)))
-                      .data(pid(w));
-}
-}
-, {"lose", STEP{x.s.lose(pid(w), static_cast<unsigned>(num(w, 2))).data(pid(w));
-}
-}
-, {"empty", STEP{x.s.add(ts::make_packet({.pid = pid(w), .cc = 9, .has_payload = false}));
-}
-}
-, {"pcr", STEP{x.s.pcr(pid(w), num(w, 2));
-}
-}
-, {"pes", STEP{// pid, stream id, PTS or -, DTS or -, PCR
-               ts::stamps when;
-if (w[3] != "-")
-    when.pts = num(w, 3);
-if (w[4] != "-")
-    when.dts = num(w, 4);
-const auto id = static_cast<unsigned>(num(w, 2));
-w.size() > 5 ? x.s.pes(pid(w), id, when, num(w, 5)) : x.s.pes(pid(w), id, when);
-}
-}
-, {"bad", STEP{// sync byte
-               ts::packet p = ts::make_packet({.pid = pid(w), .cc = 3});
-p[0] = 0x46;
-x.shown = "result " + std::to_string(x.process(p)) + "\n";
-}
-}
-, {"wait", STEP{x.clock->advance_ms(static_cast<long>(num(w, 1)));
-}
-}
-, {"segment", STEP{tsan_next_seg(x.t);
-}
-}
-, {"scan", STEP{tsan_check_ndat(x.t);
-}
-}
-, {"index", STEP{tsan_set_pidx(x.t, num(w, 1));
-}
-}
-, {"statlines", STEP{tsan_alog_stats(x.t);
-}
-}
-, {"stats", STEP{x.shown = x.marked("s ", x.stats());
-}
-}
-, {"forget", STEP{tsan_reset_local_stats(x.t);
-}
-}
-, {"number", STEP{x.number();
-}
-}
-, {"unlisted", STEP{x.pg().pcr_idx = -1;
-x.pg().pcr_pid = 77;
-}
-}
-, // the PCR's stream
-    {"show", STEP{x.show();
-}
-}
-,
-}
-;
+// The steps by name. Their arguments follow in the transcript.
+// clang-format off
+#define STEP [](transcript_test& x, [[maybe_unused]] const words& w)
+const std::map<std::string, transcript_test::step> transcript_test::STEPS = {
+    {"start", STEP { x.start(); x.s = {}; }},
+    {"load", STEP { x.load(w.size() > 1 ? streams(w) : VAS, option(w, "pcr", V)); }},
+    {"level", STEP { x.log.set_level(w[1] == "debug" ? DEBUG_level : INFO_level); }},
+    {"cfg", STEP { x.set(w[1], std::stol(w[2])); }}, // of the contexts made after it
+    {"pat", STEP { // pids with program numbers from 0, v= s= l=
+        std::vector<ts::program> list;
+        for (std::size_t i = 1; i < w.size() && isdigit(w[i][0]); i++)
+            list.push_back({static_cast<unsigned>(i - 1), small(w, i)});
+        x.s.section(0, ts::pat_section(list, head(w)));
+    }},
+    {"pmt", STEP { // pid, streams, pcr= v=
+        x.s.sections(pid(w), {ts::pmt_section(1, option(w, "pcr", V), streams(w), head(w))});
+    }},
+    {"data", STEP { x.s.data(pid(w), small(w, 2, 1)); }},
+    {"null", STEP { x.s.null(small(w, 1, 1)); }},
+    {"cc", STEP { // pid, counters
+        for (std::size_t i = 2; i < w.size(); i++)
+            x.s.set_cc(pid(w), small(w, i)).data(pid(w));
+    }},
+    {"lose", STEP { x.s.lose(pid(w), small(w, 2)).data(pid(w)); }},
+    {"empty", STEP { x.s.add(ts::make_packet({.pid = pid(w), .cc = 9, .has_payload = false})); }},
+    {"pcr", STEP { x.s.pcr(pid(w), num(w, 2)); }},
+    {"pes", STEP { // pid, stream id, PTS or -, DTS or -, PCR
+        ts::stamps when;
+        if (w[3] != "-")
+            when.pts = num(w, 3);
+        if (w[4] != "-")
+            when.dts = num(w, 4);
+        const unsigned id = small(w, 2);
+        w.size() > 5 ? x.s.pes(pid(w), id, when, num(w, 5)) : x.s.pes(pid(w), id, when);
+    }},
+    {"bad", STEP { // sync byte
+        ts::packet p = ts::make_packet({.pid = pid(w), .cc = 3});
+        p[0] = 0x46;
+        x.shown = "result " + std::to_string(x.process(p)) + "\n";
+    }},
+    {"wait", STEP { x.clock->advance_ms(static_cast<long>(num(w, 1))); }},
+    {"segment", STEP { tsan_next_seg(x.t); }},
+    {"scan", STEP { tsan_check_ndat(x.t); }},
+    {"index", STEP { tsan_set_pidx(x.t, num(w, 1)); }},
+    {"statlines", STEP { tsan_alog_stats(x.t); }},
+    {"stats", STEP { x.shown = x.marked("s ", x.stats()); }},
+    {"forget", STEP { tsan_reset_local_stats(x.t); }},
+    {"number", STEP { x.number(); }},
+    {"unlisted", STEP { x.pg().pcr_idx = -1; x.pg().pcr_pid = 77; }}, // the PCR's stream
+    {"show", STEP { x.show(); }},
+};
+// clang-format on
 
 // What is left of a transcript under the two switches of alerts.
 std::string filtered(const std::string& text, bool no_rlog, bool access_log) {
