@@ -32,6 +32,7 @@ struct log_test : lumbra_test {
         log_timefmt(&file, TMF_NONE);
     }
 
+    std::function<int()> rotate = [this] { return log_rotate(&file); };
     std::function<string()> shut = [this] { return log_close(&file), file.fp = nullptr, "shut"; };
     log_ctx file = {};
 };
@@ -40,7 +41,8 @@ TEST_F(log_test, long_and_empty_messages) {
     const string line = "(ERR)  " + string(2039, 'x'), longest = line.substr(7);
     EXPECT_EQ(logbuf_prepare(&g_log, ERR_level, "%s", longest.c_str()), 2039);
     EXPECT_EQ(g_outbuf, line);
-    EXPECT_EQ(logbuf_prepare(&g_log, ERR_level, "%sx", longest.c_str()), -1);
+    const auto over = [&] { return logbuf_prepare(&g_log, ERR_level, "%sx", longest.c_str()); };
+    EXPECT_THAT(outcome(over), testing::StartsWith("-1 fprintf/vfprintf: "));
     LOG(&g_log, ERR_level, "%sxyz\n", longest.c_str()); // cut and still written
     LOG(&g_log, ERR_level, "%s", "");
     log_machine(&g_log, "%sx\n", line.c_str()); // but of no use to a machine
@@ -78,7 +80,7 @@ TEST_F(log_test, ring_receives_every_line) {
     static string told;
     lard ring = {nullptr, [](void*, const char* s) { told += s; },
                  [](void*, int temp) { told += "+" + to_string(temp) + " "; },
-                 [](void*) { told += "destroyed"; }};
+                 [](void*) { told += "gone"; }};
     int evaluated = 0;
     LOG(&g_log, INFO_level, "%d\n", ++evaluated); // nobody wants it
     EXPECT_EQ(log_set_lard(&g_log, &ring), nullptr);
@@ -88,8 +90,7 @@ TEST_F(log_test, ring_receives_every_line) {
     EXPECT_EQ(log.human(), "(NRM)  2\n(WRN)  3\n(ERR)  4\nno ring\n");
     open();
     log_set_lard(&file, log_set_lard(&g_log, nullptr));
-    EXPECT_EQ(outcome(shut) << told,
-              "shut (DBG)  1\n(NRM)  2\n(WRN)  3\n+1 (ERR)  4\n+3 destroyed");
+    EXPECT_EQ(outcome(shut) << told, "shut (DBG)  1\n(NRM)  2\n(WRN)  3\n+1 (ERR)  4\n+3 gone");
     EXPECT_FALSE(lard_enabled(&file));
 }
 
@@ -122,11 +123,11 @@ TEST_F(log_test, outputs_and_their_mirror) {
 TEST_F(log_test, lost_directory) {
     open();
     std::filesystem::remove_all(dir);
-    const string ids = to_string(geteuid()) + "/" + to_string(getegid());
-    EXPECT_THAT(
-        outcome([&] { return log_rotate(&file); }),
-        testing::ContainsRegex("^-1 .*\ndo_open: uid/gig=" + ids + " fopen\\(log\\) ERROR"));
+    EXPECT_THAT(outcome(rotate),
+                testing::ContainsRegex("^-1 .*\ndo_open: uid/gig=[0-9]+/[0-9]+ f"));
     log_machine(&file, "goes nowhere\n");
+    strcpy(file.name, "|x"); // a pipe by its name
+    EXPECT_EQ(outcome(rotate), "-1 log_rotate: not supported for pipe-based streams.\n");
 }
 
 TEST_F(log_test, pipes_survive_their_readers) {
@@ -139,8 +140,7 @@ TEST_F(log_test, pipes_survive_their_readers) {
         EXPECT_EQ(outcome(shut), "shut");
     }
     ASSERT_EQ(log_popen(&file, "cat > piped"), 0);
-    EXPECT_EQ(outcome([&] { return log_rotate(&file); }),
-              "-1 log_rotate: not supported for pipe-based streams.\n");
+    EXPECT_EQ(outcome(rotate), "-1 log_rotate: not supported for pipe-based streams.\n");
     fputs("x\n", log_fp(&file));
     EXPECT_EQ(outcome(shut) << files(), "shut [piped]x\n");
 }
