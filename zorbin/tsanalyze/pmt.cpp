@@ -38,7 +38,7 @@ char code2stype(std::uint8_t scode) {
     switch (scode) {
     case 0x01: // MPEG-1
     case 0x02: // MPEG-2
-    case 0x10: // MPEG-4 part 2
+    case 0x10: // MPEG-4 Visual
     case 0x1b: // H.264
     case 0x24: // H.265
     case 0x42: // AVS
