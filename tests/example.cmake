@@ -1,7 +1,6 @@
 # The example host: built out of tree against an installed copy, by the compiler of this build.
-add_executable(make_live example/make_live.cpp support/ts_builder.cpp)
-target_include_directories(make_live PRIVATE support)
-target_link_libraries(make_live PRIVATE quarn_options)
+add_executable(make_live example/make_live.cpp)
+target_link_libraries(make_live PRIVATE tsmake quarn_options)
 
 if(NOT CMAKE_CROSSCOMPILING)
   string(JOIN " " example_flags ${CMAKE_CXX_FLAGS} ${QUARN_SANITIZERS})

@@ -1,13 +1,11 @@
 # Golden runs: one test per case directory. The program runs on small captures that are written at
 # build time; golden/run says what a case holds, golden/renew records them anew.
-add_executable(golden_captures golden/make_captures.cpp support/ts_builder.cpp)
-target_include_directories(golden_captures PRIVATE support)
-target_link_libraries(golden_captures PRIVATE quarn_options)
+add_executable(golden_captures golden/make_captures.cpp)
+target_link_libraries(golden_captures PRIVATE tsmake quarn_options)
 
 # Only compiled here, so that it keeps compiling; samples/make-demo runs it.
-add_executable(sample_damage ${CMAKE_SOURCE_DIR}/samples/damage.cpp support/ts_builder.cpp)
-target_include_directories(sample_damage PRIVATE support)
-target_link_libraries(sample_damage PRIVATE quarn_options)
+add_executable(sample_damage ${CMAKE_SOURCE_DIR}/samples/damage.cpp)
+target_link_libraries(sample_damage PRIVATE tsmake quarn_options)
 
 set(golden_inputs ${CMAKE_CURRENT_BINARY_DIR}/golden/inputs)
 set(samples ${CMAKE_SOURCE_DIR}/samples/demo.ts ${CMAKE_SOURCE_DIR}/samples/quarn.conf)

@@ -1,8 +1,8 @@
 // ts_builder.h - lays out transport packets, PES headers and PAT/PMT sections byte by byte
 // (ISO/IEC 13818-1).
 //
-// For tests and for the program that writes the captures of the golden runs. It shares no code with
-// the analyzer, so that a mistake in one of the two cannot hide in the other.
+// For tests, fuzz targets, benchmarks and the sample. It shares no code with the analyzer, so that a
+// mistake in one of the two cannot hide in the other.
 #pragma once
 
 #include <array>
