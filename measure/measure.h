@@ -1,0 +1,8 @@
+// Everything that a host of the measurement library needs.
+#pragma once
+
+#include "finding.h"
+#include "options.h"
+#include "rules.h"
+#include "stream.h"
+#include "summary.h"
