@@ -1,0 +1,94 @@
+// What the first look at the packets notes for the rules that need time. Events wait in the order
+// of their packets until the clock knows when each was there, then go to the timed rules.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <variant>
+#include <vector>
+
+#include "packet.h"
+#include "programs.h"
+
+namespace quarn {
+
+/// A section is complete (its last byte came in this packet).
+struct SectionEvent {
+    std::uint16_t pid = 0;
+    std::uint8_t table_id = 0;
+    std::uint16_t extension = 0; // table_id_extension; 0 for short sections
+    std::uint32_t sub_table =
+        0; // tells sub-tables of one table id and extension apart (EIT, SDT: network)
+    std::uint8_t number = 0; // section_number
+    std::uint8_t last_number = 0;
+    bool crc_right = true; // true where a section has no CRC
+    bool current = true;   // current_next_indicator
+    At begin;              // the packet in which its first byte came
+};
+
+/// The tables in force are different from here on (also the first ones).
+struct ProgramsEvent {
+    ProgramsPtr programs;
+};
+
+/// A table in force differs from the one before it (q.4), or did so without a new version (q.5).
+struct TableChangedEvent {
+    std::uint16_t pid = 0;
+    std::uint8_t table_id = 0;
+    std::vector<std::uint16_t> programs;
+    bool version_unchanged = false; // q.5; else q.4
+    std::vector<TableChange> changes;
+};
+
+/// A PES packet starts (or a unit start without a PES header where one should be: valid is false).
+struct PesEvent {
+    std::uint16_t pid = 0;
+    bool valid = false;              // start code there, header not cut
+    std::optional<std::int64_t> pts; // 90 kHz, below 2^33
+    std::optional<std::int64_t> dts; // only where the header has one
+    // What came since the last PES start of this pid:
+    bool disturbed = true;      // something is missing, damaged or scrambled, or it is the first
+    std::uint32_t packets = 0;  // packets with payload
+    std::uint32_t received = 0; // PES bytes behind the length field
+    std::uint32_t declared = 0; // PES_packet_length, 0: not said
+    std::optional<double> frame_ticks; // 90 kHz: sum of the audio frames that began since the last
+                                       // stamp; not set: not counted
+};
+
+/// Packets of a pid may be missing or damaged here: counters break, transport error, wrong sync
+/// byte.
+struct DisturbedEvent {
+    std::uint16_t pid = null_pid; // null_pid: all (alignment was lost)
+};
+
+/// The scrambling control bits of packets with payload of a pid change (also: the first packet).
+struct ScramblingEvent {
+    std::uint16_t pid = 0;
+    bool first = false;
+    bool scrambled = false;
+};
+
+/// Packets of one pid between two looks at the clock.
+struct PidSpanEvent {
+    std::uint16_t pid = 0;
+    At first; // first and last packet with payload
+    At last;
+    std::uint32_t packets = 0; // with payload
+};
+
+using EventBody = std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesEvent,
+                               DisturbedEvent, ScramblingEvent>;
+
+struct Event {
+    At at;
+    EventBody body;
+};
+
+/// Takes events from the first look, in the order of their packets.
+class EventSink {
+  public:
+    virtual ~EventSink() = default;
+    virtual void event(const At& at, EventBody&& body) = 0;
+};
+
+} // namespace quarn
