@@ -63,6 +63,13 @@ packet make_packet(const packet_fields& fields) {
     return result;
 }
 
+packet filled(unsigned pid, bool start, const bytes& payload) {
+    packet_fields fields{.pid = pid, .pusi = start, .payload = payload};
+    if (payload.size() < PACKET_SIZE - 4)
+        fields.adapt = adaptation{.pcr = {}, .length = PACKET_SIZE - 5 - payload.size()};
+    return make_packet(fields);
+}
+
 bytes pes_header(unsigned stream_id, const stamps& when) {
     const unsigned pts = when.pts ? 1 : 0, dts = when.dts ? 1 : 0;
     bytes h;
@@ -176,11 +183,17 @@ stream& stream::section(unsigned pid, const bytes& sec, const bytes& prefix) {
 }
 
 stream& stream::sections(unsigned pid, const std::vector<bytes>& secs, const bytes& prefix) {
-    for (const packet& p : section_packets(pid, next_cc_[pid], secs, prefix)) {
+    std::vector<bytes> all = std::exchange(held_, {});
+    all.insert(all.end(), secs.begin(), secs.end());
+    for (const packet& p : section_packets(pid, next_cc_[pid], all, prefix)) {
         step(pid);
         add(p);
     }
     return *this;
+}
+
+stream& stream::part(unsigned pid, const bytes& sec, unsigned n) {
+    return add(section_packets(pid, step(pid) + 16 - n % 16, {sec}).at(n));
 }
 
 stream& stream::pes(unsigned pid, unsigned stream_id, const stamps& when,

@@ -1,8 +1,8 @@
 // ts_builder.h - lays out transport packets, PES headers and PAT/PMT sections byte by byte
 // (ISO/IEC 13818-1).
 //
-// For tests, fuzz targets, benchmarks and the sample. It shares no code with the analyzer, so that a
-// mistake in one of the two cannot hide in the other.
+// For tests, fuzz targets, benchmarks and the sample. It shares no code with the analyzer, so that
+// a mistake in one of the two cannot hide in the other.
 #pragma once
 
 #include <array>
@@ -12,6 +12,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ts {
@@ -43,6 +44,8 @@ struct packet_fields {
 };
 
 packet make_packet(const packet_fields& fields);
+// A packet with exactly this payload: an adaptation field takes the room before it.
+packet filled(unsigned pid, bool start, const bytes& payload);
 
 // ---- PES ---------------------------------------------------------------------------------------
 
@@ -102,6 +105,10 @@ class stream {
     stream& add(packet_fields fields);
     stream& section(unsigned pid, const bytes& sec, const bytes& prefix = {});
     stream& sections(unsigned pid, const std::vector<bytes>& secs, const bytes& prefix = {});
+    // Of the packets of a section the one of index `n` alone.
+    stream& part(unsigned pid, const bytes& sec, unsigned n);
+    // Keeps a section back, which the next call of sections() sends in front of its own.
+    stream& hold(bytes sec) { return held_.push_back(std::move(sec)), *this; }
     stream& pes(unsigned pid, unsigned stream_id, const stamps& when,
                 std::optional<std::uint64_t> pcr = {});
     stream& data(unsigned pid, std::size_t count = 1); // payload inside a PES packet
@@ -122,6 +129,7 @@ class stream {
 
     std::vector<packet> packets_;
     std::map<unsigned, unsigned> next_cc_;
+    std::vector<bytes> held_;
 };
 
 } // namespace ts
