@@ -1,10 +1,10 @@
-# Faults that come from outside the stream: tables made to do harm, memory that runs out, and (the
-# scripts) streams and files that fail while the program uses them.
+# Faults that come from outside the stream: memory that runs out, and (the scripts) streams and files
+# that fail while the program uses them.
 quarn_tests(faults test_support tsanalyze lumbra)
-if(TARGET faults_tests)
-  target_link_options(faults_tests PRIVATE
-    LINKER:--wrap=malloc,--wrap=calloc,--wrap=realloc,--wrap=strdup,--wrap=free)
-endif()
+target_link_options(faults_tests PRIVATE
+  LINKER:--wrap=malloc,--wrap=calloc,--wrap=strdup,--wrap=free)
+target_compile_definitions(faults_tests PRIVATE
+  TROUBLED_STREAM="${CMAKE_CURRENT_SOURCE_DIR}/faults/troubled.txt")
 
 # One test per case of the script; it runs the real program.
 string(REPLACE ";" " " faults_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")

@@ -1,7 +1,9 @@
 // mpegts_test.cpp - accessors at the edges of packet and header, distances on the 33-bit clock.
-#include "program_test.h"
+#include "analyzer_test.h"
 
 namespace {
+
+constexpr u64 WRAP = u64{1} << 33; // the 90 kHz clock counts modulo this
 
 TEST(mpegts, payload_and_pcr_stay_in_the_packet) {
     const struct {
@@ -67,12 +69,16 @@ TEST(mpegts, distances) {
         {8589930000, 1000, 0, 5592, ""},
         {WRAP - 1, 44998, 0, 44999, ""}, // the margin
         {WRAP - 1, 44999, 0, 0,
-         wrn("calc_pcr_delta: PCR last=44999 < first=8589934591 diff=18446744065119662024\n")},
+         "(WRN)  "
+         "calc_pcr_delta: PCR last=44999 < first=8589934591 diff=18446744065119662024\n"},
         {0, WRAP - 1, PCR_LOG_GAP, WRAP - 1, ""}, // from 0 nothing is too far
-        {100, 50, 0, 0, wrn("calc_pcr_delta: PCR last=50 < first=100 diff=18446744073709551566\n")},
+        {100, 50, 0, 0,
+         "(WRN)  "
+         "calc_pcr_delta: PCR last=50 < first=100 diff=18446744073709551566\n"},
         {100, 45100, PCR_LOG_GAP, 45000, ""},
         {100, 45101, PCR_LOG_GAP, 45001,
-         wrn("calc_pcr_delta: PCR gap=45001 exceeds max=45000; last=45101, first=100\n")},
+         "(WRN)  "
+         "calc_pcr_delta: PCR gap=45001 exceeds max=45000; last=45101, first=100\n"},
         {100, 45101, 0, 45001, ""},
         {7, 7, 0, 0, ""},
     };

@@ -1,21 +1,29 @@
 // transcript_test.cpp - replays the steps of cases.txt and compares what they write and leave.
 //
-// A line that begins with "> " is a step (see STEPS), the lines behind it are what it wrote ("h" on
-// the application log, "m" on the access log) or shows. QUARN_RENEW in the environment prints the
-// whole file anew, for a look at the differences.
+// A line that begins with "> " is a step (one of ACTIONS below or of tsmake/steps.h), the lines
+// behind it are what it wrote ("h" on the application log, "m" on the access log) or shows.
+// QUARN_RENEW in the environment prints the whole file anew, for a look at the differences.
 #include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
 
+#include "analyzer_test.h"
 #include "fake_clock.h"
-#include "program_test.h"
 
 namespace {
 
-class transcript_test : public program_test {
+using ts::words;
+
+std::string numbers(const std::vector<u64>& list) {
+    return testing::PrintToString(list);
+}
+std::string aggregate(const aggr_val& a) {
+    return numbers({a.count, a.total, a.min, a.max});
+}
+
+class transcript_test : public analyzer_test {
   public:
-    using words = std::vector<std::string>;
     // Runs a case and returns it with the lines that it gave now.
     std::string replay(const std::string& text, bool no_rlog, bool access_log) {
         cfg = default_config();
@@ -23,27 +31,14 @@ class transcript_test : public program_test {
         cfg.access_log_alerts = access_log;
         log.set_level(NORM_level);
         fake_clock fresh;
+        fresh.advance_ms(age += 1'000'000); // what the process shares is of long ago
         clock = &fresh;
         std::string all;
         for (const std::string& line : split_lines(text)) {
-            if (!line.starts_with("> ")) {
-                all += line.starts_with("== ") || line.starts_with("# ") ? line + "\n" : "";
-                continue;
-            }
-            std::istringstream in(line.substr(2));
-            words w;
-            for (std::string word; in >> word;)
-                w.push_back(word);
-            shown.clear();
-            const auto found = STEPS.find(w[0]);
-            EXPECT_NE(found, STEPS.end()) << line;
-            if (found == STEPS.end())
-                return all;
-            found->second(*this, w);
-            if (t && s.size() != 0)
-                feed_new(s);
-            all += line + "\n" + marked("h ", log.human()) + marked("m ", log.machine()) + shown;
-            log.clear();
+            if (line.starts_with("> "))
+                all += line + "\n" + run(ts::split_words(line.substr(2)));
+            else if (line.starts_with("== ") || line.starts_with("# "))
+                all += line + "\n";
         }
         release();
         log.clear(); // of what a release says
@@ -51,39 +46,32 @@ class transcript_test : public program_test {
     }
 
   private:
-    using step = std::function<void(transcript_test&, const words&)>;
-    static const std::map<std::string, step> STEPS;
+    using action = std::function<void(transcript_test&, const words&)>;
+    static const std::map<std::string, action> ACTIONS;
 
-    static u64 num(const words& w, std::size_t i, u64 otherwise = 0) {
-        return i < w.size() ? std::stoull(w[i]) : otherwise;
+    std::string run(const words& w) {
+        shown.clear();
+        if (const auto found = ACTIONS.find(w[0]); found != ACTIONS.end())
+            found->second(*this, w);
+        else
+            EXPECT_TRUE(ts::add_step(s, w)) << w[0];
+        for (; fed < s.size(); fed++)
+            if (const int rc = process(s.packets()[fed]); rc != 0)
+                shown += "result " + std::to_string(rc) + "\n";
+        const std::string all = marked("h ", log.human()) + marked("m ", log.machine()) + shown;
+        log.clear();
+        return all;
     }
-    static unsigned small(const words& w, std::size_t i, unsigned otherwise = 0) {
-        return static_cast<unsigned>(num(w, i, otherwise));
-    }
-    static unsigned pid(const words& w) { return small(w, 1); }
-    // "v=1" gives 1.
-    static unsigned option(const words& w, const std::string& name, unsigned otherwise = 0) {
-        for (const std::string& word : w)
-            if (word.starts_with(name + "="))
-                return static_cast<unsigned>(std::stoul(word.substr(name.size() + 1)));
-        return otherwise;
-    }
-    static ts::table_head head(const words& w) {
-        return {.version = option(w, "v"), .section = option(w, "s"), .last = option(w, "l")};
-    }
-    static std::vector<ts::elementary> streams(const words& w) { // "1b:101" and so on
-        std::vector<ts::elementary> list;
-        for (const std::string& word : w)
-            if (const std::size_t colon = word.find(':'); colon != std::string::npos)
-                list.push_back({static_cast<unsigned>(std::stoul(word, nullptr, 16)),
-                                static_cast<unsigned>(std::stoul(word.substr(colon + 1)))});
-        return list;
+    void restart() {
+        start();
+        s = {};
+        fed = 0;
     }
     void set(const std::string& name, long value) {
-        const std::map<std::string, std::size_t*> sizes{{"pdts", &cfg.max_pdts_delta},
-                                                        {"pcr", &cfg.max_pcr_delta},
-                                                        {"freq", &cfg.pcr_freq_ms},
-                                                        {"ndat", &cfg.max_ndat_pcount}};
+        const std::map<std::string, std::size_t*> sizes{
+            {"pdts", &cfg.max_pdts_delta}, {"pcr", &cfg.max_pcr_delta},
+            {"freq", &cfg.pcr_freq_ms},    {"ndat", &cfg.max_ndat_pcount},
+            {"skip", &cfg.max_skip_pkts},  {"period", &cfg.dump_stats_period}};
         tracking_opt& trk = cfg.trk;
         const std::map<std::string, bool*> flags{
             {"sdt", &trk.sdt_ignore},    {"misc", &trk.misc_ignore},   {"tables", &trk.pat_pmt_pkt},
@@ -106,12 +94,6 @@ class transcript_test : public program_test {
         if (!text.empty() && text.back() != '\n')
             all.insert(all.size() - 1, "\\"); // no line feed
         return all;
-    }
-    static std::string numbers(const std::vector<u64>& list) {
-        return testing::PrintToString(list);
-    }
-    static std::string aggregate(const aggr_val& a) {
-        return numbers({a.count, a.total, a.min, a.max});
     }
     void number() { // each its own number, so that no two can be exchanged
         t->gac = {71, 72, 73};
@@ -157,61 +139,62 @@ class transcript_test : public program_test {
         }
         shown = out.str();
     }
+    // The statistics, or what a period makes of them.
+    void dump(const words& w) {
+        const int dumped = tsan_check_dump_stats(w.size() > 1 ? nullptr : g_log.fp, t);
+        shown = "dumped " + std::to_string(dumped) + "\n";
+    }
 
+    program_info& pg(std::size_t i = 0) { return t->pg[i]; }
+    int process(const ts::packet& p) {
+        if (t == nullptr)
+            start();
+        return tsan_process(t, p.data());
+    }
+
+    ts::stream s;
     fake_clock* clock = nullptr;
+    long age = 0; // of this process, in ms
     std::string shown;
+    std::size_t fed = 0; // packets of `s` handed over
 };
 
-// The steps by name. Their arguments follow in the transcript.
+unsigned long long num(const words& w) {
+    return std::stoull(w.at(1));
+}
+
 // clang-format off
-#define STEP [](transcript_test& x, [[maybe_unused]] const words& w)
-const std::map<std::string, transcript_test::step> transcript_test::STEPS = {
-    {"start", STEP { x.start(); x.s = {}; }},
-    {"load", STEP { x.load(w.size() > 1 ? streams(w) : VAS, option(w, "pcr", V)); }},
-    {"level", STEP { x.log.set_level(w[1] == "debug" ? DEBUG_level : INFO_level); }},
-    {"cfg", STEP { x.set(w[1], std::stol(w[2])); }}, // of the contexts made after it
-    {"pat", STEP { // pids with program numbers from 0, v= s= l=
-        std::vector<ts::program> list;
-        for (std::size_t i = 1; i < w.size() && isdigit(w[i][0]); i++)
-            list.push_back({static_cast<unsigned>(i - 1), small(w, i)});
-        x.s.section(0, ts::pat_section(list, head(w)));
+#define DO [](transcript_test& x, [[maybe_unused]] const words& w)
+const std::map<std::string, transcript_test::action> transcript_test::ACTIONS = {
+    {"start", DO { x.restart(); }},
+    {"load", DO { // a context that has read a PAT and a PMT, by default of V, A and S
+        x.restart();
+        words pmt{"pmt", "100"};
+        pmt.insert(pmt.end(), w.begin() + 1, w.end());
+        if (w.size() == 1)
+            pmt.insert(pmt.end(), {"1b:101", "0f:102", "06:103"});
+        x.run({"pat", "1:100"});
+        x.run(pmt);
     }},
-    {"pmt", STEP { // pid, streams, pcr= v=
-        x.s.sections(pid(w), {ts::pmt_section(1, option(w, "pcr", V), streams(w), head(w))});
+    {"level", DO { x.log.set_level(w[1] == "debug" ? DEBUG_level : INFO_level); }},
+    {"cfg", DO { x.set(w[1], std::stol(w[2])); }}, // of the contexts made after it
+    {"wait", DO { x.clock->advance_ms(static_cast<long>(num(w))); }},
+    {"segment", DO { tsan_next_seg(x.t); }},
+    {"lostsync", DO { x.shown = "result " + std::to_string(tsan_alert_lostsync(x.t)) + "\n"; }},
+    {"scan", DO { tsan_check_ndat(x.t); }},
+    {"index", DO { tsan_set_pidx(x.t, num(w)); }},
+    {"statlines", DO { // of so many dumps the last
+        for (u64 n = w.size() > 1 ? num(w) : 1; n > 0; n--) {
+            x.log.clear();
+            tsan_alog_stats(x.t);
+        }
     }},
-    {"data", STEP { x.s.data(pid(w), small(w, 2, 1)); }},
-    {"null", STEP { x.s.null(small(w, 1, 1)); }},
-    {"cc", STEP { // pid, counters
-        for (std::size_t i = 2; i < w.size(); i++)
-            x.s.set_cc(pid(w), small(w, i)).data(pid(w));
-    }},
-    {"lose", STEP { x.s.lose(pid(w), small(w, 2)).data(pid(w)); }},
-    {"empty", STEP { x.s.add(ts::make_packet({.pid = pid(w), .cc = 9, .has_payload = false})); }},
-    {"pcr", STEP { x.s.pcr(pid(w), num(w, 2)); }},
-    {"pes", STEP { // pid, stream id, PTS or -, DTS or -, PCR
-        ts::stamps when;
-        if (w[3] != "-")
-            when.pts = num(w, 3);
-        if (w[4] != "-")
-            when.dts = num(w, 4);
-        const unsigned id = small(w, 2);
-        w.size() > 5 ? x.s.pes(pid(w), id, when, num(w, 5)) : x.s.pes(pid(w), id, when);
-    }},
-    {"bad", STEP { // sync byte
-        ts::packet p = ts::make_packet({.pid = pid(w), .cc = 3});
-        p[0] = 0x46;
-        x.shown = "result " + std::to_string(x.process(p)) + "\n";
-    }},
-    {"wait", STEP { x.clock->advance_ms(static_cast<long>(num(w, 1))); }},
-    {"segment", STEP { tsan_next_seg(x.t); }},
-    {"scan", STEP { tsan_check_ndat(x.t); }},
-    {"index", STEP { tsan_set_pidx(x.t, num(w, 1)); }},
-    {"statlines", STEP { tsan_alog_stats(x.t); }},
-    {"stats", STEP { x.shown = x.marked("s ", x.stats()); }},
-    {"forget", STEP { tsan_reset_local_stats(x.t); }},
-    {"number", STEP { x.number(); }},
-    {"unlisted", STEP { x.pg().pcr_idx = -1; x.pg().pcr_pid = 77; }}, // the PCR's stream
-    {"show", STEP { x.show(); }},
+    {"stats", DO { tsan_dump_stats(g_log.fp, x.t); }},
+    {"dump", DO { x.dump(w); }},
+    {"forget", DO { tsan_reset_local_stats(x.t); }},
+    {"number", DO { x.number(); }},
+    {"unlisted", DO { x.pg().pcr_idx = -1; x.pg().pcr_pid = 77; }}, // the PCR's stream
+    {"show", DO { x.show(); }},
 };
 // clang-format on
 
@@ -220,7 +203,7 @@ std::string filtered(const std::string& text, bool no_rlog, bool access_log) {
     std::string left;
     for (const std::string& line : split_lines(text))
         if (!(no_rlog && line.starts_with("h (WRN)  ALERT ")) &&
-            !(!access_log && line.starts_with("m ALERT ")))
+            !(!access_log && line.starts_with("m ALERT ") && !line.starts_with("m ALERT LOST")))
             left += line + "\n";
     return left;
 }

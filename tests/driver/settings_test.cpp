@@ -8,7 +8,7 @@
 
 #include <gmock/gmock.h>
 
-#include "fixture.h"
+#include "analyzer_test.h"
 
 namespace {
 
