@@ -1,35 +1,36 @@
 // config.cpp - everything that people write: configuration files, -A and -k arguments, numbers,
 // names and time stamps. An input is one byte that says which, then the text, which is handed over
 // in a block of exactly its size.
-#include <cstdlib>
 #include <cstring>
-#include <initializer_list>
+#include <vector>
 
 #include "appcfg.h"
 #include "harness.h"
-#include "log.h"
 #include "strops.h"
 #include "timeop.h"
 
 namespace {
 
-void load_file(const char* text, std::size_t size, tsan_config* cfg) {
-    // A file may name others, which are no part of the input.
-    if (std::strstr(text, "@include") || size == 0)
-        return;
-    FILE* in = fmemopen(const_cast<char*>(text), size, "r");
-    config_t file;
-    config_init(&file);
-    if (config_read(&file, in) == CONFIG_TRUE) {
-        config_setting_t* group = config_lookup(&file, "zbn.stream_analyzer");
-        if (group)
-            static_cast<void>(tsan_load_config(group, cfg));
-    }
-    config_destroy(&file);
-    std::fclose(in);
-}
+tsan_config g_cfg;
 
-void parse_numbers(const char* text) {
+void file(char* text) {
+    // A file may name others, which are no part of the input.
+    if (std::strstr(text, "@include"))
+        return;
+    config_t parsed;
+    config_init(&parsed);
+    if (config_read_string(&parsed, text) == CONFIG_TRUE)
+        if (config_setting_t* group = config_lookup(&parsed, "zbn.stream_analyzer"))
+            static_cast<void>(tsan_load_config(group, &g_cfg));
+    config_destroy(&parsed);
+}
+void option(char* text) {
+    static_cast<void>(tsan_cli_opt(text, &g_cfg));
+}
+void switches(char* text) {
+    tsan_xtrack_opt(text, &g_cfg);
+}
+void number(char* text) {
     double real = 0;
     std::int64_t integer = 0;
     std::size_t size = 0;
@@ -38,55 +39,31 @@ void parse_numbers(const char* text) {
     static_cast<void>(a2int64(text, &integer));
     static_cast<void>(a2size(text, &size));
 }
-
-void parse_names(char* text) {
+void name(char* text) {
+    int level = 0;
     static_cast<void>(fac2str(str2fac(text)));
     static_cast<void>(timefmt_str(str_to_timefmt(text)));
-    int level = 0;
     static_cast<void>(match_log_level(text, &level));
     chomp(text);
 }
-
-void parse_time(const char* text) {
+void stamp(char* text) {
     timespec tms = {};
-    for (const std::uint32_t flags : {0U, TMF_SECONDS, TMF_GMT, TMF_RAW, TMF_GMT | TMF_SECONDS}) {
-        char back[64];
+    char back[64];
+    for (const std::uint32_t flags : {0U, TMF_SECONDS, TMF_GMT, TMF_RAW, TMF_GMT | TMF_SECONDS})
         if (scan_log_time(text, &tms, flags) == 0)
             static_cast<void>(mk_timestr(&tms, flags, back, sizeof back));
-    }
 }
 
-void run(input_reader* in) {
-    log_nowhere();
-    tsan_config cfg = {};
-    const unsigned which = in->byte();
-    std::size_t size = in->left();
-    const std::uint8_t* bytes = in->take(&size);
-    auto* text = static_cast<char*>(std::malloc(size + 1));
-    std::memcpy(text, bytes, size);
-    text[size] = '\0';
-    switch (which % 6) {
-    case 0:
-        load_file(text, size, &cfg);
-        break;
-    case 1:
-        static_cast<void>(tsan_cli_opt(text, &cfg));
-        break;
-    case 2:
-        static_cast<void>(tsan_xtrack_opt(text, &cfg));
-        break;
-    case 3:
-        parse_numbers(text);
-        break;
-    case 4:
-        parse_names(text);
-        break;
-    default:
-        parse_time(text);
-        break;
-    }
-    tsan_dump_config(nowhere(), "fuzz", &cfg);
-    std::free(text);
+void run(input_reader& in) {
+    static constexpr void (*READERS[])(char*) = {file, option, switches, number, name, stamp};
+    const unsigned which = in.byte();
+    const ts_bytes bytes = in.take(in.left());
+    std::vector<char> text(bytes.begin(), bytes.end());
+    text.push_back('\0');
+    text.shrink_to_fit();
+    g_cfg = {};
+    READERS[which % std::size(READERS)](text.data());
+    tsan_dump_config(log_fp(&g_log), "fuzz", &g_cfg);
 }
 
 } // namespace

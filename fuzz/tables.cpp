@@ -3,12 +3,7 @@
 //
 // An input is one byte that takes settings away, then records: what (see below), which table, the
 // body's length in two bytes, the body.
-#include <algorithm>
-#include <cstring>
-#include <initializer_list>
-
 #include "harness.h"
-#include "internal.h"
 #include "ts_builder.h"
 
 namespace {
@@ -30,147 +25,80 @@ enum kind : unsigned {
 constexpr unsigned BAD_CRC = 0x08;
 constexpr unsigned CUT = 0x10;    // the section starts at the end of a packet
 constexpr unsigned LOSE = 0x20;   // its second packet is missing
-constexpr unsigned ON_PAT = 0x40; // raw records: on the PAT's pid, also a section in which one ends
+constexpr unsigned ON_PAT = 0x40; // raw records: on the PAT's pid
 constexpr unsigned TWICE = 0x80;  // all of it two times
 
-// A section on its way, and the packet under construction.
-struct section_writer {
-    twins t;
-    unsigned what;
-    unsigned pid;
-    std::uint8_t section[4096 + 3];
-    std::size_t length;
-    std::uint8_t packet[TS_PACKET_LEN];
-};
-unsigned g_cc;
+const std::vector<ts::elementary> STREAMS{{0x1b, 0x101}, {0x0f, 0x102}, {0x06, 0x103}};
 
-void send(section_writer* w, bool unit_start) {
-    w->packet[0] = 0x47;
-    w->packet[1] = static_cast<std::uint8_t>((unit_start ? 0x40 : 0) | w->pid >> 8);
-    w->packet[2] = static_cast<std::uint8_t>(w->pid);
-    w->packet[3] = static_cast<std::uint8_t>(0x10 | (g_cc++ & 15));
-    feed_packet(w->t, w->packet);
+// A section with its header and CRC around a body that begins behind section_length.
+ts::bytes framed(unsigned table_id, const ts::bytes& body) {
+    const std::size_t length = body.size() + 4;
+    ts::bytes s(3 + body.size());
+    s[0] = static_cast<std::uint8_t>(table_id);
+    s[1] = static_cast<std::uint8_t>(0xb0 | length >> 8);
+    s[2] = static_cast<std::uint8_t>(length);
+    std::copy(body.begin(), body.end(), s.begin() + 3);
+    const std::uint32_t crc = ts::crc32(s);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        s.push_back(static_cast<std::uint8_t>(crc >> shift));
+    return s;
 }
 
-// Fills the packet from `at` on with section bytes, the rest with stuffing; returns how many.
-std::size_t fill(section_writer* w, std::size_t at, std::size_t done) {
-    const std::size_t n = std::min(w->length - done, TS_PACKET_LEN - at);
-    std::memcpy(w->packet + at, w->section + done, n);
-    std::memset(w->packet + at + n, 0xff, TS_PACKET_LEN - at - n);
-    return n;
-}
-
-void send_section(section_writer* w) {
-    const std::size_t pointer = (w->what & CUT) ? 181 : 0;
-    std::memset(w->packet + 4, 0xff, TS_PACKET_LEN - 4);
-    w->packet[4] = static_cast<std::uint8_t>(pointer);
-    std::size_t done = fill(w, 5 + pointer, 0);
-    send(w, true);
-    for (unsigned n = 2; done < w->length; n++) {
-        done += fill(w, 4, done);
-        if (n != 2 || !(w->what & LOSE))
-            send(w, false);
-    }
-}
-
-// Puts the header and the CRC round a body that was written behind the header.
-void frame(section_writer* w, unsigned table_id, std::size_t body) {
-    const std::size_t claimed = std::min<std::size_t>(body + 4, 0xfff);
-    w->section[0] = static_cast<std::uint8_t>(table_id);
-    w->section[1] = static_cast<std::uint8_t>(0xb0 | claimed >> 8);
-    w->section[2] = static_cast<std::uint8_t>(claimed);
-    w->length = 3 + claimed;
-    std::uint32_t crc = ts::crc32({w->section, w->length - 4});
-    if (w->what & BAD_CRC)
-        crc ^= 1;
-    for (std::size_t i = 0; i < 4; i++)
-        w->section[w->length - 4 + i] = static_cast<std::uint8_t>(crc >> (24 - 8 * i));
-}
-
-// A PMT of three streams around the descriptors.
-std::size_t describe(section_writer* w, const std::uint8_t* descs, std::size_t size) {
-    const bool of_program = (w->what & KIND) == program_desc;
-    const auto high = static_cast<std::uint8_t>(0xf0 | size >> 8);
-    const auto low = static_cast<std::uint8_t>(size);
-    std::uint8_t* p = w->section + 3;
-    const auto put = [&p](std::initializer_list<std::uint8_t> bytes) {
-        p = std::copy(bytes.begin(), bytes.end(), p);
-    };
-    put({0, 1, 0xc1, 0, 0, 0xe1, 1});
-    if (of_program) {
-        put({high, low});
-        p = std::copy_n(descs, size, p);
-    } else {
-        put({0xf0, 0});
-    }
-    put({0x1b, 0xe1, 1, 0xf0, 0});
-    put({0x0f, 0xe1, 2});
-    if (of_program) {
-        put({0xf0, 0});
-    } else {
-        put({high, low});
-        p = std::copy_n(descs, size, p);
-    }
-    put({0x06, 0xe1, 3, 0xf0, 0});
-    return static_cast<std::size_t>(p - w->section) - 3;
-}
-
-// A packet without payload_unit_start, or with it and any pointer field.
-void send_payload(section_writer* w, const std::uint8_t* body, std::size_t size) {
-    std::memset(w->packet + 4, 0xff, TS_PACKET_LEN - 4);
-    std::copy_n(body, std::min(size, TS_PACKET_LEN - 4), w->packet + 4);
-    send(w, !(w->what & CUT));
-}
-
-void send_record(section_writer* w, const std::uint8_t* body, std::size_t size) {
-    const unsigned kind = w->what & KIND;
+ts::bytes section_of(unsigned kind, const ts::bytes& body) {
+    std::vector<ts::elementary> streams = STREAMS;
     switch (kind) {
     case program_desc:
+        return ts::pmt_section(0, 0x101, streams, {}, body);
     case stream_desc:
-        frame(w, 2, describe(w, body, size));
-        break;
+        streams[1].descriptors = body;
+        return ts::pmt_section(0, 0x101, streams);
     case raw_section:
-        std::copy_n(body, size, w->section);
-        w->length = size;
-        break;
-    case raw_payload:
-    case media:
-        send_payload(w, body, size);
-        return;
+        return body;
     default:
-        std::copy_n(body, size, w->section + 3);
-        frame(w, kind == pat ? 0 : 2, size);
-        break;
+        return framed(kind == pat ? 0 : 2, body);
     }
-    send_section(w);
 }
 
 // The pid of a record: the PAT's, a PMT's or a stream's, as the analyzer has learnt them.
-unsigned pid_of(const tsan_ctx* tc, unsigned what, unsigned which) {
+unsigned pid_of(unsigned what, unsigned which) {
+    const tsan_ctx& tc = context();
     const unsigned kind = what & KIND;
-    if (kind == pat || (what & ON_PAT) || tc->nprogs == 0)
+    if (kind == pat || (what & ON_PAT) || tc.nprogs == 0)
         return PAT_PID_NUM;
-    const std::size_t i = which % tc->nprogs;
-    const program_info& pg = tc->pg[i];
+    const std::size_t i = which % tc.nprogs;
+    const program_info& pg = tc.pg[i];
     if (kind == media)
-        return pg.nstreams == 0 ? 0x1fffU : pg.stm[which / 8 % pg.nstreams].pid;
-    return tc->pmt_pid[i];
+        return pg.nstreams == 0 ? ts::NULL_PID : pg.stm[which / 8 % pg.nstreams].pid;
+    return tc.pmt_pid[i];
 }
 
-void run(input_reader* in) {
-    static section_writer w;
-    w.t = noisy_analyzers(in->byte());
-    g_cc = 0;
-    for (std::size_t n = 0; n < MAX_RECORDS && in->left() >= 4; n++) {
-        w.what = in->byte();
-        const unsigned which = in->byte();
-        std::size_t size = in->word() % MAX_BODY;
-        const std::uint8_t* body = in->take(&size);
-        w.pid = pid_of(w.t.quick, w.what, which);
-        for (unsigned times = (w.what & TWICE) ? 2 : 1; times > 0; times--)
-            send_record(&w, body, size);
+void send(unsigned what, unsigned pid, ts::bytes body) {
+    static unsigned cc = 0;
+    if ((what & KIND) >= raw_payload) {
+        body.resize(std::min<std::size_t>(body.size(), 184));
+        return feed_packet(
+            ts::make_packet({.pid = pid, .cc = cc++ & 15, .pusi = !(what & CUT), .payload = body})
+                .data());
     }
-    close_analyzers(w.t);
+    ts::bytes section = section_of(what & KIND, body);
+    if ((what & BAD_CRC) && !section.empty())
+        section.back() ^= 1;
+    const ts::bytes before((what & CUT) ? 181 : 0, 0xff);
+    unsigned n = 0;
+    for (const ts::packet& p : ts::section_packets(pid, cc, {section}, before))
+        if (++n != 2 || !(what & LOSE))
+            feed_packet(p.data());
+    cc += n;
+}
+
+void run(input_reader& in) {
+    begin(in.byte());
+    for (std::size_t n = 0; n < MAX_RECORDS && in.left() >= 4; n++) {
+        const unsigned what = in.byte(), pid = pid_of(what, in.byte()), low = in.byte();
+        const ts_bytes body = in.take((low | in.byte() * 256U) % MAX_BODY);
+        for (unsigned times = (what & TWICE) ? 2 : 1; times > 0; times--)
+            send(what, pid, {body.begin(), body.end()});
+    }
 }
 
 } // namespace
