@@ -4,6 +4,8 @@
 #include <cstring>
 #include <vector>
 
+#include <libconfig.h>
+
 #include "appcfg.h"
 #include "harness.h"
 #include "strops.h"

@@ -20,6 +20,7 @@
 
 #include <fcntl.h>
 #include <getopt.h>
+#include <libconfig.h>
 #include <strings.h>
 #include <syslog.h>
 #include <unistd.h>

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include <libconfig.h>
+struct config_setting_t; // of libconfig
 
 inline constexpr std::size_t MAX_STAG_LEN = 64; // source tag in bytes, terminating NUL included
 

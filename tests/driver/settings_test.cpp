@@ -7,6 +7,7 @@
 #include <string>
 
 #include <gmock/gmock.h>
+#include <libconfig.h>
 
 #include "analyzer_test.h"
 
