@@ -1,12 +1,20 @@
 // tsanalyze.h - the stream analyzer's public interface.
 //
-// A host creates one context per transport stream (ISO/IEC 13818-1), hands it every 188-byte
-// packet in order and reads alerts from the two log contexts of log.h: g_log (human lines) and
-// g_access_log (machine lines). A file driver needs tsan_init, tsan_process, tsan_check_ndat,
-// tsan_dump_stats and tsan_free; the other operations serve hosts that receive live streams.
+// A host creates one context per transport stream (ISO/IEC 13818-1) and hands it every 188-byte
+// packet in order. Alerts go to the two log contexts of log.h: g_log (lines for people) and
+// g_access_log (lines for machines). To analyse a file, tsan_init, tsan_process, tsan_check_ndat,
+// tsan_dump_stats and tsan_free will do; the other operations serve hosts of live streams.
 //
-// A context belongs to one thread at a time. Two contexts must not be used from two threads at
-// once either: the log line buffer, the idle notice and the lost-sync period are process-wide.
+// All contexts of a process must be used from one thread at a time: they share the log's line
+// buffer, the time of the last idle notice and the lost-sync period.
+//
+// Four kinds of table end the process: an assertion prints its expression and calls abort.
+//   - a first PAT without programs
+//   - a first PAT in which a program has PMT pid 0
+//   - a PAT that differs from the first one, if only in its version, and leaves 32 programs or more
+//   - a PMT with PCR pid 0, when it is the program's first or differs from the one before
+// This holds in hosts that define NDEBUG too: the library is compiled without it. A host that must
+// outlive such tables runs the analyzer in a process of its own.
 #pragma once
 
 #include <cstddef>
@@ -52,7 +60,7 @@ using tsan_t = tsan_ctx*; // handle of one analyzer context
 // ---- settings --------------------------------------------------------------------------------
 
 // Reads the analyzer's group `s` of a configuration file into `cfg`. Settings that the group does
-// not name get the file's own defaults (which differ from a host's), see quarn.conf(5).
+// not name get the defaults of configuration files, see quarn.conf(5).
 // Returns 0, or the error of the first string or size that cannot be used; the settings read
 // before it keep their new values.
 [[nodiscard]] int tsan_load_config(config_setting_t* s, tsan_config* cfg);
@@ -84,17 +92,23 @@ void tsan_dump_config(FILE* fp, const char* title, const tsan_config* cfg);
 // Reports every stream that has received no packet at all; for the end of a run.
 void tsan_check_ndat(tsan_t t);
 
-// Writes the human statistics between the lines "tsan_stats BEGIN" and "tsan_stats END".
+// Writes the statistics for people between the lines "tsan_stats BEGIN" and "tsan_stats END". `out`
+// must not be null.
 void tsan_dump_stats(FILE* out, tsan_t t);
 
-// Releases the context. A context whose source tag is empty is taken for one released before: it
-// is left alone, with a warning.
+// Releases the context. Free it once, and do not touch it afterwards: its memory is gone. It is
+// cleared before it goes. An empty source tag is therefore the mark of a context released before,
+// and tsan_free leaves one that has it alone, with a warning. So a context that was created with
+// an empty tag is never released.
 void tsan_free(tsan_t t);
 
 // ---- live hosts ------------------------------------------------------------------------------
 
-// Counts and reports a loss of synchronisation; the machine line is always written. Returns 0, or
-// -1 from the tenth case on that falls into one counting period of 2 seconds: the host should stop.
+// Counts and reports a loss of synchronisation; the line for machines is always written.
+// Cases are counted over a period that a case more than 2 seconds after its start begins anew. All
+// contexts share period and count. The tenth case of a period returns -1, else the result is 0: the
+// host should stop. From then on the period stays, and every further case in this process, of any
+// context, returns -1.
 [[nodiscard]] int tsan_alert_lostsync(tsan_t t);
 
 // Ends an input segment (a datagram): reports losses grouped in it and opens the next one. Acts on
@@ -108,9 +122,11 @@ void tsan_reset_local_stats(tsan_t t);
 [[nodiscard]] std::uint64_t tsan_get_pidx(tsan_t t);
 void tsan_set_pidx(tsan_t t, std::uint64_t idx);
 
-// Writes the STAT lines to the access log, and before them the human statistics to `out` (may be
-// null) when dump_stats_period seconds have passed since the last dump. Call it between packets.
-// Returns 1 when it wrote, else 0.
+// Writes statistics when dump_stats_period seconds have passed since the last dump: those for
+// people to `out`, then the STAT lines to the access log. Call it between packets. The first call
+// only starts the period. Returns 1 when it wrote, else 0.
+// With a null `out` only the STAT lines are written, and the period does not start anew: once it is
+// over, every call writes them and returns 1.
 int tsan_check_dump_stats(FILE* out, tsan_t t);
 
 // Writes the STAT lines to the access log now.
