@@ -3,6 +3,7 @@
 #   quarn_product  besides: what the product itself does without
 add_library(quarn_options INTERFACE)
 target_compile_options(quarn_options INTERFACE
+  -UNDEBUG # assertions guard invariants in every build type; stands behind the type's own flags
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wnon-virtual-dtor -Werror
   # The path that a failed assertion prints is relative to the tree, on every machine.
   -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)

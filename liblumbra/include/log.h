@@ -13,10 +13,6 @@
 //     LOG(&g_log, WARN_level, "%s: only %d bytes left\n", __func__, n);
 #pragma once
 
-#ifdef NDEBUG
-#error "assertions guard invariants in every build; NDEBUG must not be defined"
-#endif
-
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>

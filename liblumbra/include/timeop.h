@@ -57,8 +57,9 @@ inline void cpy_timespec(const timespec* from, timespec* to) {
     *to = *from;
 }
 
-// delta = later - earlier; `delta` may be either of them.
-inline void timespec_distance(const timespec* later, const timespec* earlier, timespec* delta) {
+// delta = later - earlier; `delta` may be either of them. Static, so that a host with NDEBUG and
+// the library each have their own.
+static inline void timespec_distance(const timespec* later, const timespec* earlier, timespec* delta) {
     const timespec subtrahend = *earlier;
     const timespec* pb = &subtrahend;
     *delta = *later;
