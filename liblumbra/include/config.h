@@ -21,7 +21,8 @@
 [[nodiscard]] int load_config_setting_str(config_setting_t* setting, const char* name, char* buf,
                                           std::size_t buflen, const char* dflt);
 
-// Reads an integer setting, or a string setting of at most 31 characters such as "64M".
+// Reads an integer setting, or a string setting of at most 31 characters such as "64M". If it is
+// absent, of another type or an empty string: `dflt`.
 // Returns 0; -1 if the string is too long; else the error of a2int64. `out` is then untouched.
 [[nodiscard]] int load_config_setting_size(config_setting_t* setting, const char* name,
                                            std::int64_t* out, std::int64_t dflt);

@@ -20,6 +20,9 @@
 #include <ctime>
 #include <sys/types.h>
 
+// log_ctx holds times, so a host must agree with the library on their width.
+static_assert(sizeof(time_t) == 8, "compile with the flags that quarn's package names");
+
 // ---- levels ------------------------------------------------------------------------------------
 
 // Smaller is more severe. Any other int is a legal level too; it prints the tag "( ? )".
@@ -78,7 +81,7 @@ struct lard {
     void (*lard_set_temp)(void* opaque, int temp);  // raise the alarm temperature
     void (*lard_destroy)(void* opaque);             // release the ring
 };
-using lard_t = lard*; // owned by the host until log_close hands it to lard_destroy
+using lard_t = lard*;
 
 struct ll_status {
     unsigned mod_ll_set : 1; // log_set_modules was called
@@ -149,7 +152,8 @@ inline bool log_wanted(const log_ctx* log, const loglevel_ctx& ll, int level) {
 //     ...
 //     log_close(&g_log);
 //
-// No operation below ends the process; where one fails, stderr says why.
+// An operation that fails says why on stderr and goes on. Only misuse ends the process, at an
+// assertion: a null `app_tag`, opening before glog_init, a group tag without its NUL.
 
 inline constexpr std::size_t LOG_APP_TAG_MAX = 128;
 inline constexpr std::size_t LOG_OUTBUF_MAX = 2048;
@@ -166,29 +170,36 @@ extern char g_outbuf[LOG_OUTBUF_MAX]; // the line under construction, NUL-termin
 // not be null.
 void glog_init(const char* app_tag);
 
-// Binds the context to a stream that the caller keeps owning, commonly stderr or stdout. For g_log
-// it also sets all section levels to SECTION_level unless log_set_sections was called before.
+// Binds a context that is not open to a stream, commonly stderr or stdout. Those two stay the
+// caller's; any other stream is closed by log_close. For g_log it also sets all section levels to
+// SECTION_level unless log_set_sections was called before.
 void log_default(log_ctx* log, FILE* fp);
 
 // Opens a log file for appending; it is unbuffered, so every line is in the file once the call
 // that wrote it returns. Unless `flags` has F_APPEND_OLD, a non-empty regular file of that name is
-// first renamed to its name, a dot and its modification time in Unix seconds. A null `filename`
-// binds the context to stderr. A name has at most 127 characters.
-// Returns 0, or -1 with a line on stderr. The stream belongs to the context until log_close.
+// first renamed to its name, a dot and its modification time in Unix seconds; it is appended to if
+// that cannot be done or would have more than 127 characters. A null `filename` binds the context
+// to stderr.
+// A name has at most 127 characters. One of 128 is opened too, but the context keeps only 127 of
+// them and rotates a file of that name; a longer one is refused.
+// Returns 0, or -1 with a line on stderr. The stream belongs to the context until log_close. Close
+// a context before it is opened again: its old stream would stay open and out of reach.
 [[nodiscard]] int log_open_ex(log_ctx* log, const char* filename, std::uint32_t flags);
 
-// Opens a pipe to a shell command of at most 127 characters that reads the lines on its standard
+// Opens a pipe to a shell command of at most 128 characters that reads the lines on its standard
 // input. A command that ends early costs its lines, never the process.
-// Returns 0, or -1 with a line on stderr.
+// Returns 0, or -1 with a line on stderr. What log_open_ex says of closing holds here too.
 [[nodiscard]] int log_popen(log_ctx* log, const char* command);
 
 // Copies every line to `fp` as well, which becomes line-buffered and stays the caller's.
 // Null ends the copying.
 void log_mirror(log_ctx* log, FILE* fp);
 
-// Closes what log_open_ex or log_popen opened, ends syslog forwarding and destroys the ring. Does
-// nothing at all for a context that is bound to stderr or stdout or was never opened. The stream
-// field keeps its value, which is dead: open or bind the context again before it is used.
+// Closes the stream, whoever opened it, closes the connection to syslog and destroys the ring. For
+// a pipe it waits until the command ends, without a limit. Does nothing at all for a context that
+// is bound to stderr or stdout or was never opened.
+// The other fields keep their values. So the stream field is dead: open or bind the context again
+// before it is used. Lines go on to the mirror, and to syslog until disable_syslog is called.
 void log_close(log_ctx* log);
 
 FILE* log_fp(const log_ctx* log);
@@ -206,13 +217,14 @@ pid_t log_get_pid(const log_ctx* log);
 void log_set_group(log_ctx* log, std::uint64_t group);
 std::uint64_t log_get_group(const log_ctx* log);
 
-// Attaches a ring, which the context then owns. Returns the ring it replaces, now the caller's.
+// Attaches a ring, which belongs to the context until log_close destroys it. Null detaches.
+// Returns the ring that it replaces, now the caller's.
 lard_t log_set_lard(log_ctx* log, lard_t ring);
 
 // ---- syslog ------------------------------------------------------------------------------------
 
-// Forwards lines of WARN_level and more severe to syslog(3). `ident` is kept, not copied.
-// `option` and `facility` are those of openlog(3).
+// Forwards lines of WARN_level and more severe to syslog(3), and machine lines with the priority
+// LOG_DEBUG. `ident` is kept, not copied. `option` and `facility` are those of openlog(3).
 void config_syslog(log_ctx* log, const char* ident, int option, int facility);
 void disable_syslog(log_ctx* log);
 
@@ -234,7 +246,8 @@ void log_pop_mlevels();
 int log_enter_section(loglevel_ctx* ll, int section);
 int log_leave_section(loglevel_ctx* ll);
 
-// The level in environment variable `name`; `dflt` if it is unset or no number.
+// The number with which environment variable `name` begins; `dflt` if it is unset, begins with
+// none, or is a zero in any other form than "0".
 int read_level_env(const char* name, int dflt);
 
 // Level of a name such as "err", "warning" or "dbg", in any case.
@@ -247,13 +260,14 @@ const char* log_level_str(int level);
 // ---- rotation ----------------------------------------------------------------------------------
 //
 // A rotated file is named after the log, a dot and the Unix time of the rotation. Two rotations
-// within one second therefore share one name, and the second replaces the first: leave room for
-// more than a second's lines in `maxsize`.
+// within one second therefore share one name, and the lines of the first are lost. When as many
+// rotations as files are kept fall into one second, the last one's file is deleted as well, since
+// the oldest has its name. So leave room for more than a second's lines in `maxsize`.
 
 // Rotates when the file holds `maxsize` bytes (0: never) and, if `max_time` is 1 or more, at the
-// end of that Unix time's local day and of every day after it. `maxfiles` rotated files are kept, 1
-// to 127; anything else means D_CYCLIC_ROTATIONS. Files that an earlier process rotated are never
-// deleted.
+// end of that Unix time's local day and of every day after it; both are looked at when a line has
+// been written. `maxfiles` rotated files are kept, 1 to 127; anything else means
+// D_CYCLIC_ROTATIONS. Files that an earlier process rotated are never deleted.
 void log_set_rota(log_ctx* log, std::size_t maxsize, std::size_t maxfiles, time_t max_time);
 
 // Sets the deadline of the next time-driven rotation itself, in Unix seconds; 0: none.
@@ -264,7 +278,8 @@ std::size_t log_rota_maxsize(const log_ctx* log);
 time_t log_rota_eod(const log_ctx* log);
 
 // Rotates now. Returns 0 if it was done, if there is nothing to rotate, or if the file could not be
-// renamed and stays in use; -1 with a line on stderr otherwise.
+// renamed and stays in use; -1 with a line on stderr otherwise. A file that could not be closed or
+// opened again leaves the context without a stream.
 int log_rotate(log_ctx* log);
 
 // ---- one line ----------------------------------------------------------------------------------
@@ -275,8 +290,8 @@ void logbuf_reset();
 bool logbuf_empty();
 
 // Builds a line in g_outbuf: time, process id, level tag, group tag and the message, which brings
-// its own newline. Returns the message's length, or -1 with a line on stderr; a message that does
-// not fit is cut and can still be flushed.
+// its own newline. Returns the message's length, or -1 with a line on stderr. An empty message and
+// one that does not fit are failures too, but what of the line did fit can be flushed.
 [[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx* log, int level, const char* fmt, ...);
 [[gnu::format(printf, 3, 0)]] int logbuf_vprepare(log_ctx* log, int level, const char* fmt,
                                                   va_list ap);
@@ -295,7 +310,8 @@ void log_lard(log_ctx* log, int level);
 // to nothing or does not fit is not written: a program that reads fields is better off without it.
 [[gnu::format(printf, 2, 3), gnu::cold]] void log_machine(log_ctx* log, const char* fmt, ...);
 
-// One message. The arguments of a line that nobody wants are not evaluated.
+// One message. The arguments of a line that nobody wants are not evaluated. `log` and `level` are
+// evaluated twice, so they must have no side effects.
 #define LOG(log, level, ...)                                                                       \
     do {                                                                                           \
         if (log_wanted((log), g_llctx, (level)))                                                   \
@@ -304,8 +320,8 @@ void log_lard(log_ctx* log, int level);
 
 // ---- call stack --------------------------------------------------------------------------------
 
-// Writes the callers of this function, innermost first, one "#%d: %s" line per frame and at most
-// 16, into `buf` of `len` bytes, cut where it is full. Returns 0, or -1 without a dump.
+// Writes the call stack, this function first, one "#%d: %s" line per frame and at most 16, into
+// `buf` of `len` bytes, cut where it is full. Returns 0, or -1 without a dump.
 int btrace_to_buf(char* buf, std::size_t len);
 
 // The same behind a heading, unless `fmt` is null. Returns -1 also if the heading is empty or too

@@ -4,6 +4,10 @@
 // without a b: "1.5K" is 1536. Multipliers are powers of two in every spelling. Letters mean
 // suffixes, so there are no exponents and no hexadecimal numbers.
 //
+// Blanks may stand in front of a number. A text without one is 0: "", "-", and "K" too. What
+// follows a number is ignored up to the first letter, which begins the suffix: "12 34" is 12, "12
+// 34K" is 12288.
+//
 // The parsers return 0, or below and with `out` untouched. `out` may be null; `str` may not.
 #pragma once
 

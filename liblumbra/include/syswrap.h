@@ -1,10 +1,11 @@
 // syswrap.h - system calls that report their own failure.
 //
-// Each wrapper performs the call after which it is named, returns its result unchanged, and on
-// failure writes one line at ERR_level to g_log, in this form:
+// Each wrapper performs the call after which it is named and returns its result unchanged. If the
+// call failed, it writes one line to g_log, like this one:
 //
 //     caller: close(fd7) ERROR(9): Bad file descriptor
 //
+// at ERR_level. What a wrapper counts as a failure is said beside it where it is not the plain one.
 // So a caller tests the result as it would that of the plain call, reads errno as the call left
 // it, and adds no message:
 //
@@ -54,7 +55,7 @@ ssize_t W_write_f(const char* caller, int fd, const void* buf, std::size_t len,
 ssize_t W_read_f(const char* caller, int fd, void* buf, std::size_t len, std::uint32_t guilty);
 ssize_t W_pread_f(const char* caller, int fd, void* buf, std::size_t len, off_t offset,
                   std::uint32_t guilty);
-// `offset` must not be null.
+// `offset` must not be null. The line ends without a line feed.
 ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, std::size_t count,
                      std::uint32_t guilty);
 

@@ -34,6 +34,9 @@
 
 #include "log.h" // the TMF_ flags
 
+// A host must agree with the library on the width of times.
+static_assert(sizeof(time_t) == 8, "compile with the flags that quarn's package names");
+
 // ---- clocks ------------------------------------------------------------------------------------
 
 // The coarse clocks cost less and count milliseconds only.
@@ -59,7 +62,8 @@ inline void cpy_timespec(const timespec* from, timespec* to) {
 
 // delta = later - earlier; `delta` may be either of them. Static, so that a host with NDEBUG and
 // the library each have their own.
-static inline void timespec_distance(const timespec* later, const timespec* earlier, timespec* delta) {
+static inline void timespec_distance(const timespec* later, const timespec* earlier,
+                                     timespec* delta) {
     const timespec subtrahend = *earlier;
     const timespec* pb = &subtrahend;
     *delta = *later;
@@ -120,10 +124,12 @@ bool tspan_timed_out(const tspan* span, const timespec* last_tm, std::uint32_t l
 // Non-zero while mk_timestr is at work on what a signal handler must not touch.
 extern volatile sig_atomic_t g_tmlock;
 
-// Text of a time as its TMF_ flags want it, the clock bits aside: "%04d-%02d-%02d %02d:%02d:%02d",
-// microseconds, a blank and the local zone's name, or raw seconds and microseconds. 64 bytes hold
-// any of them. Returns the length; -1 if it does not fit or the time has no date; -35 from a signal
-// handler that interrupted a call under way.
+// Text of a time as its TMF_ flags want it: "%04d-%02d-%02d %02d:%02d:%02d", microseconds, a blank
+// and the local zone's name, or raw seconds and microseconds. TMF_NONE and the clock bits make no
+// difference. 64 bytes hold any of these texts.
+// Returns the length; -1 if the text is longer than `buflen` or the time has no date; -35 from a
+// signal handler that interrupted a call under way. A text of just `buflen` characters (a raw one:
+// of one less) passes, but its last character is cut off.
 ssize_t mk_timestr(const timespec* tms, std::uint32_t flags, char* buf, std::size_t buflen);
 
 // Reads a text of mk_timestr with the same flags back. The zone name may be missing and is not
@@ -132,13 +138,17 @@ ssize_t mk_timestr(const timespec* tms, std::uint32_t flags, char* buf, std::siz
 int scan_log_time(const char* text, timespec* tms, std::uint32_t flags);
 
 // A blank and the name of the local time zone, as it was when first asked for; `refresh` non-zero
-// asks the C library again. Null if it has none that fits. The text is static.
+// asks the C library again. Null if it has none that fits; calls after that one give "#ERR#". The
+// text is static.
 const char* get_timezone(int refresh);
 
-// "%04d-%02d-%02d" of the UTC date of Unix time `ut`. 0, or -1 if it has none or does not fit.
+// "%04d-%02d-%02d" of the UTC date of Unix time `ut`. Returns 0; -1 if it has no date or the text
+// is longer than `buflen`. A text of just `buflen` characters passes, cut by the last one.
 int mk_gmt_date(time_t ut, char* buf, std::size_t buflen);
 
-// "01d 02h:03m:04s" for a number of seconds, without the days if there are none. 0 or -1.
+// "01d 02h:03m:04s" for a number of seconds, not negative; without the days if there are none.
+// Returns 0, or -1 for a text longer than `buflen`. One of just `buflen` characters passes, cut by
+// the last one.
 int mk_timespan(long total_sec, char* buf, std::size_t buflen);
 
 // 23:59:59 local time on the day of `tstamp`, in Unix seconds, or -1.
