@@ -7,7 +7,7 @@ cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
 
 native() {
   tools/install-packages g++ cmake make libbitstream-dev libconfig-dev \
-    libgtest-dev libgmock-dev libbenchmark-dev busybox
+    libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox
   local bench=OFF
   [ ! -e bench/CMakeLists.txt ] || bench=ON
   cmake --preset release -DQUARN_TESTS=ON -DQUARN_BENCH=$bench

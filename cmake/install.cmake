@@ -26,6 +26,7 @@ install(FILES ${CMAKE_BINARY_DIR}/quarnConfig.cmake ${CMAKE_BINARY_DIR}/quarnCon
         DESTINATION ${package_dir} COMPONENT dev)
 install(FILES ${CMAKE_BINARY_DIR}/quarn.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+install(FILES doc/library.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-dev COMPONENT dev)
 install(FILES examples/live_host.cpp examples/CMakeLists.txt
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-dev/examples COMPONENT dev)
 

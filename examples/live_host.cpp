@@ -12,8 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <log.h>
-#include <tsanalyze.h>
+#include <quarn/log.h>
+#include <quarn/tsanalyze.h>
 
 static constexpr std::size_t PACKET = 188;
 static constexpr std::size_t DATAGRAM = 7 * PACKET;

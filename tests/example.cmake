@@ -1,4 +1,4 @@
-# The example host: built out of tree against an installed copy, by the compiler of this build.
+# Hosts: built out of tree against an installed copy, by the compiler of this build.
 add_executable(make_live example/make_live.cpp)
 target_link_libraries(make_live PRIVATE tsmake quarn_options)
 
@@ -7,7 +7,7 @@ if(NOT CMAKE_CROSSCOMPILING)
   add_test(NAME example
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/example/run ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}
             $<TARGET_FILE:make_live> ${CMAKE_CURRENT_BINARY_DIR}/example
-            -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -DCMAKE_CXX_FLAGS=${example_flags})
+            ${CMAKE_CXX_COMPILER} "${example_flags}")
   set_tests_properties(example PROPERTIES TIMEOUT 300)
 endif()
 
