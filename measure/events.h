@@ -40,10 +40,14 @@ struct TableChangedEvent {
     std::vector<TableChange> changes;
 };
 
-/// A PES packet starts (or a unit start without a PES header where one should be: valid is false).
+/// A PES packet starts (or a unit without a PES header where one should be: valid is false). The
+/// event stands at the packet in which the header is complete up to its stamps: nearly always the
+/// one that it starts in.
 struct PesEvent {
     std::uint16_t pid = 0;
     bool valid = false;              // start code there, header not cut
+    bool split = false;              // it started in an earlier packet than this one
+    std::uint8_t stream_id = 0;      // only where valid
     std::optional<std::int64_t> pts; // 90 kHz, below 2^33
     std::optional<std::int64_t> dts; // only where the header has one
     // What came since the last PES start of this pid:
@@ -51,8 +55,13 @@ struct PesEvent {
     std::uint32_t packets = 0;  // packets with payload
     std::uint32_t received = 0; // PES bytes behind the length field
     std::uint32_t declared = 0; // PES_packet_length, 0: not said
-    std::optional<double> frame_ticks; // 90 kHz: sum of the audio frames that began since the last
+    // What came since the last stamp of this pid:
+    std::uint32_t starts = 0;          // PES starts, this one among them
+    std::optional<double> frame_ticks; // 90 kHz: sum of the audio frames that began; only with a
                                        // stamp; not set: not counted
+
+    /// DTS, or PTS where there is none.
+    std::optional<std::int64_t> stamp() const { return dts ? dts : pts; }
 };
 
 /// Packets of a pid may be missing or damaged here: counters break, transport error, wrong sync

@@ -1,0 +1,98 @@
+// First look at PES packets (ISO/IEC 13818-1, 2.4.3.6): stamps, lengths and audio frames of the
+// elementary streams of the PMTs in force.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "audio_frames.h"
+#include "events.h"
+#include "packet.h"
+#include "programs.h"
+
+namespace quarn {
+
+/// Emits a PesEvent where a PES packet begins. Memory is bounded by the number of streams in the
+/// PMTs; a packet costs no allocation.
+class PesFront {
+  public:
+    /// `sink` must outlive this.
+    explicit PesFront(EventSink& sink) : sink_(sink) { slots_.fill(none); }
+
+    /// The tables in force from here on. Streams that they no longer name, and those that are of
+    /// another type now, are forgotten; streams that carry sections are not followed.
+    void programs(const Programs& programs);
+
+    bool follows(std::uint16_t pid) const { return slots_[pid] != none; }
+
+    /// A packet with clear payload of any pid; those that are not followed are passed over. Not to
+    /// be called for lawful copies, nor where transport_error_indicator is set.
+    void feed(const At& at, const Packet& packet) {
+        if (slots_[packet.pid()] == none)
+            return;
+        Unit& unit = units_[slots_[packet.pid()]];
+        if (!unit.plain || packet.unit_start()) {
+            look(unit, at, packet);
+            return;
+        }
+        ++unit.packets;
+        unit.received += static_cast<std::uint32_t>(packet_size - packet.payload_offset());
+    }
+
+    /// Packets of that pid are missing or damaged before the next one that is fed.
+    void disturbed(std::uint16_t pid);
+    /// The same for all pids (alignment was lost).
+    void disturbed();
+    /// A scrambled packet came; what is in it is not known.
+    void scrambled(std::uint16_t pid) { disturbed(pid); }
+
+    /// PES packets that began so far; 0 for pids that are not followed.
+    std::uint64_t starts(std::uint16_t pid) const;
+    /// Usual time from one PES start to the next in 90 kHz ticks, by the DTS (PTS) of undisturbed
+    /// ones: a picture or field of video, the frames in a PES packet of audio. 0: not known yet.
+    double ticks_per_start(std::uint16_t pid) const;
+    /// Packets with payload in a second of stamps, by the same PES packets. 0: not known yet.
+    double packets_per_second(std::uint16_t pid) const;
+
+  private:
+    /// From one stamp to the next.
+    struct Step {
+        std::int64_t ticks = 0;
+        std::uint32_t starts = 0;
+        std::uint32_t packets = 0;
+    };
+    struct Unit {
+        ElementaryStream stream;
+        AudioFrames frames{Codec::unknown};
+        bool plain = false;    // a packet in the middle is only counted
+        bool counted = false;  // audio of which the frames are counted
+        bool carries = false;  // what comes is elementary stream data, not padding
+        bool disturbed = true; // since the last start
+        bool bridged = true;   // disturbed since the last stamp
+        std::uint32_t packets = 0;
+        std::uint32_t received = 0;
+        std::uint32_t declared = 0;
+        std::uint32_t left = 0; // of the declared bytes; only where `declared` is not 0
+        std::uint64_t starts = 0;
+        std::uint32_t starts_since = 0;  // since the last stamp
+        std::uint32_t packets_since = 0; // since the last stamp
+        std::optional<std::int64_t> stamp;
+        PesEvent pending;                      // its header is not complete
+        std::array<std::uint8_t, 19> header{}; // up to the DTS
+        std::size_t header_size = 0;           // 0: no header is being read
+        std::size_t header_left = 0;           // bytes of the header behind those
+        std::array<Step, 16> steps{};
+        std::size_t step_count = 0; // ever
+    };
+    static constexpr std::uint16_t none = 0xFFFF;
+
+    void look(Unit& unit, const At& at, const Packet& packet);
+
+    EventSink& sink_;
+    std::array<std::uint16_t, pid_count> slots_{};
+    std::vector<Unit> units_;
+};
+
+} // namespace quarn
