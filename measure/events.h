@@ -21,9 +21,10 @@ struct SectionEvent {
         0; // tells sub-tables of one table id and extension apart (EIT, SDT: network)
     std::uint8_t number = 0; // section_number
     std::uint8_t last_number = 0;
-    bool crc_right = true; // true where a section has no CRC
-    bool current = true;   // current_next_indicator
-    At begin;              // the packet in which its first byte came
+    bool crc_right = true;    // true where a section has no CRC
+    std::uint8_t version = 0; // version_number
+    bool current = true;      // current_next_indicator
+    At begin;                 // the packet in which its first byte came
 };
 
 /// The tables in force are different from here on (also the first ones).

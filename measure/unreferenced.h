@@ -1,0 +1,50 @@
+// Packets on pids that no table names (3.4.a). Timed.
+#pragma once
+
+#include <bitset>
+#include <cstdint>
+#include <map>
+
+#include "finding.h"
+#include "options.h"
+#include "output.h"
+#include "packet.h"
+#include "programs.h"
+
+namespace quarn {
+
+/// Judges only while a PAT and every PMT that it names is in force. One thread.
+class Unreferenced {
+  public:
+    /// Both must outlive it.
+    Unreferenced(const Options& options, Output& output) : options_(options), output_(output) {}
+
+    /// What is in force from here on.
+    void programs(const ProgramsPtr& programs, const Place& place);
+    /// Packets of a pid since the last step of the clock, behind the events of these packets.
+    void seen(std::uint16_t pid, const Place& first, const Place& last);
+    /// The clock has come so far; called at each of its steps, behind seen().
+    void advance(const Place& now);
+    /// The input is over at its last packet: decides what is pending.
+    void finish(const Place& end);
+    void judge(Judgement& judgement) const;
+
+  private:
+    struct Stay {
+        Place first;
+        Place last;
+    };
+
+    void close(std::uint16_t pid, const Stay& stay, bool open);
+
+    const Options& options_;
+    Output& output_;
+    std::bitset<pid_count> referenced_;
+    std::map<std::uint16_t, Stay> stays_; // of the pids that are named by nothing
+    Place since_;                         // all tables have been in force since here
+    bool complete_ = false;
+    bool timed_ = false;
+    Ticks judged_ = 0; // the longest time over which all tables were in force
+};
+
+} // namespace quarn
