@@ -30,13 +30,21 @@ install(FILES doc/library.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-
 install(FILES examples/live_host.cpp examples/CMakeLists.txt
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-dev/examples COMPONENT dev)
 
+foreach(package quarn quarn-dev)
+  string(REGEX REPLACE "^quarn-" "" component ${package})
+  install(FILES doc/changelog doc/copyright
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
+endforeach()
+
 # cpack in the build directory makes the .deb files; it asks dpkg-shlibdeps (package dpkg-dev) for
-# the libraries that the program needs.
+# the libraries that the program needs. A real address for the maintainers:
+#   cpack -D CPACK_PACKAGE_CONTACT="name <address>"
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME quarn)
 set(CPACK_PACKAGE_CONTACT "the quarn maintainers <quarn@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/cmake/compress.cmake)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL quarn dev)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -46,7 +54,9 @@ set(CPACK_DEBIAN_QUARN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME quarn-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS libconfig-dev)
-set(CPACK_DEBIAN_QUARN_DESCRIPTION "Follows the tables, continuity counters, clocks and time stamps of a transport
-stream capture and reports every anomaly as a human and as a machine line.")
-set(CPACK_DEBIAN_DEV_DESCRIPTION "Development files. The analyzer of quarn as a library that any host can feed packet by packet.")
+set(CPACK_DEBIAN_QUARN_DESCRIPTION "Reads a capture of an MPEG transport stream and reports what is wrong in it:
+lost packets, changed tables, clocks and time stamps that are off. Each fault
+is a line for people and, on request, a line for scripts.")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "The analyzer of quarn as a library that any program can feed packet by packet:
+headers, static libraries, an example.")
 include(CPack)
