@@ -29,13 +29,13 @@ class AudioFrames {
 
     explicit AudioFrames(Codec codec) : codec_(codec) {}
 
-    /// Bytes are missing here: what follows is not counted before start_unit().
+    /// Bytes are missing here: nothing is counted before the next PES packet begins.
     void lose();
+    /// Time of the frames whose first byte came since the last call, and begins anew. Not set: not
+    /// all of them were seen. To be called before start_unit() of a PES packet with a stamp.
+    std::optional<AudioTime> take();
     /// A PES packet begins: where frames are looked for, its first byte is the place to try.
     void start_unit();
-    /// Time of the frames whose first byte came since the last call, and begins anew. Not set: not
-    /// all of them were seen.
-    std::optional<AudioTime> take();
     /// The next bytes of the elementary stream.
     void feed(std::span<const std::uint8_t> bytes) {
         if (bytes.size() <= skip_)
@@ -47,34 +47,38 @@ class AudioFrames {
     bool found() const { return found_; }
 
   private:
-    /// What a frame header says; `bytes` 0: not the header of a frame.
+    enum class State : std::uint8_t {
+        lost,      // waits for the next PES packet
+        searching, // looks for a frame
+        in_step,   // a frame begins behind skip_ bytes
+    };
+    /// What a frame header says; `bytes` 0: it is none.
     struct Header {
         std::size_t bytes = 0;
-        AudioTime time = 0;
-        bool more = false; // cannot be told before more bytes are there
+        AudioTime time = 0; // 0: a part of the frame before it
+        bool more = false;  // cannot be told before more bytes are there
     };
-    static constexpr std::size_t longest_header = 32;
 
     void read(std::span<const std::uint8_t> bytes);
-    void read_frames(std::span<const std::uint8_t> bytes);
-    std::span<const std::uint8_t> complete_header(std::span<const std::uint8_t> bytes);
-    std::size_t accept(const Header& header);
+    std::size_t gather(std::span<const std::uint8_t> bytes);
+    void accept(const Header& header);
     Header parse(std::span<const std::uint8_t> bytes);
     Header parse_latm(std::span<const std::uint8_t> bytes);
 
+    static constexpr std::size_t longest_header = 24;
+
     Codec codec_;
-    std::size_t skip_ = 0;    // bytes of the current frame that are still to come
-    bool synced_ = false;     // the next byte behind skip_ is expected to begin a frame
-    bool first_byte_ = false; // no byte of this PES packet was looked at while searching
-    bool counted_ = false;    // all frames since take() are in sum_
-    bool paid_ = false;       // the frame whose header is being gathered is in a sum already
-    bool found_ = false;
-    unsigned confirmed_ = 0; // frames in a row
+    State state_ = State::lost;
+    bool whole_ = false;    // no frame since take() was missed
+    bool paid_ = false;     // the frame whose header is being gathered is in a sum already
+    bool found_ = false;    // see found()
+    std::uint8_t row_ = 0;  // frames in step, counted up to 2
+    std::uint8_t held_ = 0; // bytes of a header that is not complete
+    std::array<std::uint8_t, longest_header> head_{};
+    std::size_t skip_ = SIZE_MAX; // bytes that need no look
     AudioTime sum_ = 0;
     AudioTime last_ = 0;      // of the last frame
-    AudioTime latm_time_ = 0; // of a frame of LATM, from the last configuration
-    std::array<std::uint8_t, longest_header> head_{};
-    std::size_t head_size_ = 0; // bytes of a header that is not complete
+    AudioTime latm_time_ = 0; // of a LATM frame, from the last configuration
 };
 
 } // namespace quarn

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "audio_frames.h"
@@ -57,38 +58,57 @@ class PesFront {
     double packets_per_second(std::uint16_t pid) const;
 
   private:
-    /// From one stamp to the next.
+    /// From one stamp to the next, nothing missing in between.
     struct Step {
         std::int64_t ticks = 0;
         std::uint32_t starts = 0;
         std::uint32_t packets = 0;
     };
+    static constexpr std::int64_t longest_step = 10 * 90'000;
+    static constexpr std::size_t stamps_end = 19; // of a header with PTS and DTS
+    /// State of a pid.
     struct Unit {
-        ElementaryStream stream;
-        AudioFrames frames{Codec::unknown};
-        bool plain = false;    // a packet in the middle is only counted
-        bool counted = false;  // audio of which the frames are counted
-        bool carries = false;  // what comes is elementary stream data, not padding
-        bool disturbed = true; // since the last start
-        bool bridged = true;   // disturbed since the last stamp
+        std::uint16_t pid = null_pid;
+        std::uint8_t stream_type = 0;
+        Codec codec = Codec::unknown;
+        bool counted = false; // audio of which the frames are counted
+        bool plain = false;   // packets that begin nothing are only counted
+        bool reading = false; // a header, of which header_size bytes are in `header`
+        bool carries = false; // what comes is elementary stream data, not padding or the like
+
+        // Since the last start:
+        bool disturbed = true;
         std::uint32_t packets = 0;
-        std::uint32_t received = 0;
+        std::uint32_t received = 0; // with the start code and length field
         std::uint32_t declared = 0;
-        std::uint32_t left = 0; // of the declared bytes; only where `declared` is not 0
-        std::uint64_t starts = 0;
-        std::uint32_t starts_since = 0;  // since the last stamp
-        std::uint32_t packets_since = 0; // since the last stamp
+        // Since the last stamp:
+        bool whole = false; // nothing was disturbed
+        std::uint32_t starts_since = 0;
+        std::uint32_t packets_since = 0;
         std::optional<std::int64_t> stamp;
-        PesEvent pending;                      // its header is not complete
-        std::array<std::uint8_t, 19> header{}; // up to the DTS
-        std::size_t header_size = 0;           // 0: no header is being read
-        std::size_t header_left = 0;           // bytes of the header behind those
-        std::array<Step, 16> steps{};
-        std::size_t step_count = 0; // ever
+
+        std::array<std::uint8_t, stamps_end> header{};
+        std::uint8_t header_size = 0;
+        std::uint32_t skip = 0; // bytes of the header behind those
+        std::uint32_t left = 0; // elementary stream bytes that the length still allows
+        PesEvent event;         // that of the header being read
+
+        std::uint64_t starts = 0;
+        std::size_t step_count = 0;
+        std::array<Step, 16> steps{}; // the last ones
+        AudioFrames frames{Codec::unknown};
     };
     static constexpr std::uint16_t none = 0xFFFF;
 
+    const Unit* find(std::uint16_t pid) const {
+        return slots_[pid] == none ? nullptr : &units_[slots_[pid]];
+    }
     void look(Unit& unit, const At& at, const Packet& packet);
+    void begin(Unit& unit);
+    std::size_t read_header(Unit& unit, const At& at, std::span<const std::uint8_t> bytes);
+    void emit(Unit& unit, const At& at, bool valid);
+    void note_stamp(Unit& unit);
+    Step usual(std::uint16_t pid) const;
 
     EventSink& sink_;
     std::array<std::uint16_t, pid_count> slots_{};
