@@ -7,7 +7,8 @@ cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
 
 native() {
   tools/install-packages g++ cmake make libbitstream-dev libconfig-dev \
-    libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox
+    libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox \
+    python3-jsonschema
   local bench=OFF
   [ ! -e bench/CMakeLists.txt ] || bench=ON
   cmake --preset release -DQUARN_TESTS=ON -DQUARN_BENCH=$bench
@@ -22,7 +23,8 @@ arm() {
     "${root[@]}" dpkg --add-architecture armhf
   fi
   tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev \
-    libconfig-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf
+    libconfig-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf \
+    python3-jsonschema
   cmake --preset arm
   cmake --build --preset arm
   ctest --preset arm

@@ -1,0 +1,57 @@
+#include "groups.h"
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+
+#include "sentences.h"
+
+namespace quarn {
+
+void Groups::add(const Finding& finding) {
+    const Key key{finding.severity, finding.rule, finding.kind, finding.pid ? *finding.pid : -1};
+    const auto [at, is_new] = groups_.try_emplace(key);
+    Group& group = at->second;
+    if (is_new) {
+        group.first = finding.begin;
+        group.text = sentence(finding);
+    }
+    group.last = finding.begin;
+    group.count += finding.count;
+    group.open = group.open || finding.open;
+    group.sure = group.sure && finding.sure != Sure::guess;
+    const std::optional<double> worst = figure(finding);
+    if (worst && (!group.worst || std::abs(*worst) > std::abs(*group.worst)))
+        group.worst = worst;
+}
+
+std::string place_text(const Place& place) {
+    std::string text = "packet " + std::to_string(place.packet);
+    if (place.time == no_time)
+        return text;
+    std::array<char, 40> time;
+    std::snprintf(time.data(), time.size(), " at %s%.3f s", place.estimated ? "about " : "",
+                  static_cast<double>(place.time) / static_cast<double>(ticks_per_second));
+    return text + time.data();
+}
+
+std::string group_text(Rule rule, const Group& group) {
+    std::string text;
+    if (group.count > 1)
+        text = std::to_string(group.count) + " times, first at ";
+    else
+        text = "once, at ";
+    text += place_text(group.first);
+    if (group.last.packet != group.first.packet)
+        text += ", last at " + place_text(group.last);
+    if (group.worst)
+        if (const std::string worst = figure_text(rule, *group.worst); !worst.empty())
+            text += (group.count > 1 ? ", worst " : ", ") + worst;
+    if (group.open)
+        text += ", to the end";
+    if (!group.sure)
+        text += " (a guess)";
+    return text;
+}
+
+} // namespace quarn

@@ -1,0 +1,52 @@
+// Findings put together for people: what is alike is one group.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <tuple>
+
+#include "measure/measure.h"
+
+namespace quarn {
+
+/// Findings of one rule, kind, severity and pid.
+struct Group {
+    std::uint64_t count = 0; // events
+    bool open = false;       // the last of them had not ended when the input did
+    bool sure = true;        // no figure of them is a guess
+    std::optional<double> worst;
+    Place first, last;
+    std::string text; // sentence of the first finding
+};
+
+/// Sums findings up. What it takes grows with rules and pids only, not with findings.
+class Groups {
+  public:
+    struct Key {
+        Severity severity;
+        Rule rule;
+        Kind kind;
+        int pid; // -1: none
+
+        bool operator<(const Key& other) const {
+            return std::tie(other.severity, rule, kind, pid) <
+                   std::tie(severity, other.rule, other.kind, other.pid);
+        }
+    };
+
+    void add(const Finding& finding);
+    /// The worst first, then in the order of rules.
+    const std::map<Key, Group>& all() const { return groups_; }
+
+  private:
+    std::map<Key, Group> groups_;
+};
+
+/// "packet 497 at 1.234 s"
+std::string place_text(const Place& place);
+/// "3 times, first ..., last ..., worst ...": where and how bad.
+std::string group_text(Rule rule, const Group& group);
+
+} // namespace quarn

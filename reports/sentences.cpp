@@ -1,0 +1,428 @@
+#include "sentences.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+
+#include "text.h"
+#include "words.h"
+
+namespace quarn {
+
+namespace {
+
+/// What is said of a kind of fault. `text` holds figures as {name}; [a|b] is a, or b (empty where
+/// there is no |) when a figure in a is not known.
+struct Words {
+    Rule rule;
+    Kind kind; // none: of all kinds of the rule that have no row of their own
+    std::string_view text;
+    std::string_view meaning;
+};
+
+using enum Rule;
+
+constexpr std::string_view si_meaning =
+    "Receivers build their lists of services and programmes from these tables; what comes too "
+    "seldom is shown late or not at all.";
+constexpr std::string_view too_fast_meaning =
+    "Two sections of one table follow each other faster than receivers must be able to take them.";
+constexpr std::string_view foreign_meaning =
+    "A table stands on a pid that is kept for another one: mostly a multiplexer that is set up "
+    "wrongly.";
+constexpr std::string_view unmeasured = "The buffer model is not measured.";
+
+constexpr std::array all_words = std::to_array<Words>({
+    {ts_sync_loss, Kind::missing,
+     "Packets are out of step[; {bytes} missing, counted modulo the packet size][, {extra} of "
+     "time by the clock].",
+     "A piece is missing, not in whole packets: a file that was cut or written with gaps, a link "
+     "that dropped bytes. What was in the damaged packets is lost."},
+    {ts_sync_loss, Kind::inserted, "Between two packets stand [{bytes}|bytes] that belong to none.",
+     "Something was written into the stream: a header of another protocol, text, files joined "
+     "inside a packet."},
+    {ts_sync_loss, Kind::garbled, "Sync bytes are wrong although packets keep their step.",
+     "The bytes themselves are damaged, as by a bad receiver, tape or disk. What these packets "
+     "carry cannot be trusted."},
+    {sync_byte_error, Kind::none, "The sync byte of a packet is wrong.",
+     "A single packet begins wrongly and those around it are in step: a bit error."},
+
+    {pat_error_2, Kind::gap, "No PAT [for {interval}|for too long][ (limit {limit})].",
+     "The PAT is where every receiver begins; who tunes in meanwhile waits so long."},
+    {pat_error_2, Kind::absent, "There is no PAT[ in {interval}].",
+     "Without a PAT no receiver finds any program: the stream cannot be shown."},
+    {pat_error_2, Kind::table_id, "On pid 0 stands {table}; only the PAT (0x00) may.",
+     foreign_meaning},
+    {pat_error_2, Kind::scrambled, "Packets of the PAT (pid 0) are marked as scrambled.",
+     "Tables of programs must be in the clear: receivers cannot read this one."},
+
+    {continuity_count_error, Kind::loss,
+     "[Pid {pid}: |][{lost} lost|packets lost][, counter {got} instead of {expected}].",
+     "Packets are missing: picture or sound breaks up there. Several pids at one place point to "
+     "the network, a single one to its encoder or the multiplexer."},
+    {continuity_count_error, Kind::duplicate,
+     "[Pid {pid}: |][{packets}|packets] sent once more than a packet may be[, counter {got}].",
+     "The same packets come again: a network or sender that repeats datagrams, two paths that "
+     "are joined wrongly, a recording with an overlap. Decoders may stumble."},
+    {continuity_count_error, Kind::frozen,
+     "Pid {pid}: the continuity counter stands still[ at {got}] while packets go on.",
+     "The sender does not count. Receivers may drop every packet as a copy, and losses on this "
+     "pid cannot be seen."},
+    {continuity_count_error, Kind::order,
+     "[Pid {pid}: |][{packets}|packets] not in the order in which they were sent.",
+     "A network has overtaken itself (several paths, load balancing) and the receiver has not put "
+     "datagrams back in order; decoders see damage."},
+    {continuity_count_error, Kind::reset,
+     "Pid {pid}: the counter begins anew[ at {got}][ ({expected} was due)]; no packet is missing.",
+     "The sender was restarted, switched or spliced without the flag that announces it. Decoders "
+     "may drop packets there."},
+
+    {pmt_error_2, Kind::gap,
+     "Pid {pid}: no PMT[ of {programs}] [for {interval}|for too long][ (limit {limit})].",
+     "Who tunes in to the program waits so long before picture and sound are found."},
+    {pmt_error_2, Kind::absent,
+     "The PAT names pid {pid} for the PMT[ of {programs}]; no packet of it ever comes.",
+     "The program is announced and cannot be shown: it is gone, or was left out of the capture."},
+    {pmt_error_2, Kind::table_id, "Pid {pid}: where the PMT belongs stands {table}.",
+     foreign_meaning},
+    {pmt_error_2, Kind::scrambled, "Pid {pid}: packets of the PMT are marked as scrambled.",
+     "Tables of programs must be in the clear: receivers cannot read this one."},
+
+    {pid_error, Kind::never,
+     "Pid {pid} is announced[ for {programs}] and carries no packet[ for {interval}].",
+     "A picture, sound or clock that the PMT promises never comes: a dead encoder, or a PMT that "
+     "was not brought up to date."},
+    {pid_error, Kind::stopped,
+     "Pid {pid}[ of {programs}] carries nothing [for {interval}|for too long].",
+     "The stream has stopped: picture freezes or sound is silent. Look at the encoder or the "
+     "input of the multiplexer at that time."},
+    {pid_error, Kind::no_pcr, "Pid {pid} is the PCR pid[ of {programs}] and carries no PCR.",
+     "Receivers have no clock for the program; picture and sound stutter or stay away."},
+
+    {transport_error, Kind::none, "[Pid {pid}: |]{count} with transport_error_indicator set.",
+     "A demodulator or decoder of the link has marked packets as damaged: bad reception ahead of "
+     "the place of capture."},
+    {crc_error, Kind::none, "[Pid {pid}: |]wrong CRC in a section of [{table}|a table].",
+     "The table is damaged and was not used: damage on the way if other faults stand beside it, a "
+     "fault of its generator if it comes regularly."},
+    {pcr_repetition_error, Kind::none,
+     "Pid {pid}: no PCR [for {interval}|for too long][ (limit {limit})].",
+     "Receivers keep their clock by the PCR; when it comes too seldom cheap ones drift, and what "
+     "measures PCRs complains."},
+    {pcr_discontinuity_indicator_error, Kind::back,
+     "Pid {pid}: the PCR jumps back[ by {size}] without a flag.",
+     "The clock of the program was set without saying so: a restart, a loop or a splice. "
+     "Receivers stall or flush their buffers."},
+    {pcr_discontinuity_indicator_error, Kind::none,
+     "Pid {pid}: the PCR jumps ahead[ by {size}] without a flag.",
+     "The clock of the program was set without saying so: a restart or a splice. Receivers stall "
+     "or flush their buffers."},
+    {pcr_accuracy_error, Kind::none, "Pid {pid}: a PCR is [{error}|far] off the constant rate.",
+     "PCRs were not corrected for the packets moved around them (a remultiplexer or a network "
+     "with jitter). Receivers with a narrow loop lose colour or sound lock."},
+    {pts_error, Kind::none, "Pid {pid}: no PTS [for {interval}|for too long][ (limit {limit})].",
+     "Decoders have no stamp to go by: the stream pauses, or its encoder stamps too seldom."},
+    {cat_error, Kind::table_id, "On pid 1 stands {table}; only the CAT (0x01) may.",
+     foreign_meaning},
+    {cat_error, Kind::none, "Packets are scrambled[ on pid {pid}] and there is no CAT.",
+     "Receivers do not learn who holds the rights and cannot descramble."},
+
+    {eit_pf_error, Kind::none,
+     "[Pid {pid}: |]only one of the sections present and following of [{table}|the EIT] comes[ for "
+     "{interval}].",
+     "Receivers show what is on now or what comes next, not both."},
+    {unreferenced_pid, Kind::none, "Pid {pid} carries packets and no table names it.",
+     "Something is sent that no receiver will find: bandwidth for nothing, or a PMT that lacks a "
+     "stream."},
+    {buffer_error, Kind::none, unmeasured, unmeasured},
+    {empty_buffer_error, Kind::none, unmeasured, unmeasured},
+    {data_delay_error, Kind::none, unmeasured, unmeasured},
+
+    {late_stamp, Kind::none,
+     "Pid {pid}: the time of decoding has passed[ by {late}] when the data comes.",
+     "A receiver must drop or repeat frames there: the multiplexer is behind, or stamps and PCR "
+     "come from different clocks."},
+    {stamp_jump, Kind::drift,
+     "Pid {pid}: stamps run away from the frames that are sent[, {signed} so far][, {drift}].",
+     "Sound goes slowly out of step with the picture: two clocks that are not locked."},
+    {stamp_jump, Kind::frames_missing,
+     "Pid {pid}: DTS steps[ by {signed}] where a frame stands each time; frames seem to be missing.",
+     "The encoder has left out frames, or they were cut away cleanly: the picture jerks there."},
+    {stamp_jump, Kind::none,
+     "Pid {pid}: the PTS steps[ by {signed}] beyond what the frames account for.",
+     "Sound leaps against the picture: a splice, or an encoder that lost its input and set its "
+     "clock anew."},
+    {stamp_order, Kind::none, "Pid {pid}: stamps do not go up in order[; the step is {signed}].",
+     "Stamps go back or leap far ahead: a loop, a splice or a broken encoder. Players stop or seek."},
+    {table_changed, Kind::none, "[Pid {pid}: |]{changes}.",
+     "What is on offer has changed; nothing is wrong if that was intended."},
+    {version_unchanged, Kind::none,
+     "[Pid {pid}: |]the content of [{table}|a table] has changed under the same version.",
+     "Receivers that go by the version miss the change; the generator of the table is at fault."},
+    {scrambling_changed, Kind::none, "Pid {pid} changes between scrambled and clear.",
+     "Access to the stream changes; nothing is wrong if that was intended."},
+    {clock_jump, Kind::moved, "Time is taken from [pid {pid}|another pid] from here on.",
+     "The tables name another clock, as where two captures are joined. Times before and after "
+     "belong to different clocks."},
+    {clock_jump, Kind::none, "[Pid {pid}: |]the clock jumps[ by {signed}], and a flag says so.",
+     "A lawful splice or restart: receivers are told."},
+    {datagram_error, Kind::loss, "[{datagrams}|Datagrams] lost[ ({packets})].",
+     "The network has lost whole datagrams; the losses of packets are counted under 1.4."},
+    {datagram_error, Kind::order, "[{datagrams}|Datagrams] out of order[ ({packets})].",
+     "The network delivers out of order; it was put right here."},
+    {datagram_error, Kind::none, "[{datagrams}|Datagrams] came twice[ ({packets})].",
+     "The network or the sender repeats datagrams; copies were dropped here."},
+    {off_air, Kind::none, "Nothing but null packets[ for {away}].",
+     "The multiplexer runs and has no content: the programs are off air."},
+    {truncated, Kind::none, "The input ends inside a packet[, of which {bytes} are there].",
+     "The recording was cut or the copy is not complete."},
+    {analyzer_ended, Kind::none, "The analyzer beside this input has ended and was started again.",
+     "A table of this input breaks an invariant of the analyzer; measuring goes on."},
+    {suppressed, Kind::none, "Findings come too fast; not all are written.",
+     "Counters are exact all the same."},
+
+    // All that is left are tables of SI.
+    {nit_actual_error, Kind::gap,
+     "[Pid {pid}: |]no section of [{table}|the table] [for {interval}|for too long][ (limit {limit})].",
+     si_meaning},
+    {nit_actual_error, Kind::too_fast,
+     "[Pid {pid}: |]a section of [{table}|the table] follows[ after {interval}][; {limit} must lie "
+     "between].",
+     too_fast_meaning},
+    {nit_actual_error, Kind::table_id, "Pid {pid}: {table} does not belong here.", foreign_meaning},
+    {nit_actual_error, Kind::none, "Pid {pid}: [{table}|a table] is not as it should be.",
+     si_meaning},
+});
+
+const Words& words_of(Rule rule, Kind kind) {
+    const auto find = [](auto fits) {
+        return std::find_if(all_words.begin(), all_words.end(), fits);
+    };
+    const bool has_own = find([&](const Words& w) { return w.rule == rule; }) != all_words.end();
+    const Rule own = has_own ? rule : nit_actual_error; // one table of SI is like the other
+    for (const Kind k : {kind, Kind::none})
+        if (const auto row = find([&](const Words& w) { return w.rule == own && w.kind == k; });
+            row != all_words.end())
+            return *row;
+    return *find([&](const Words& w) { return w.rule == own; });
+}
+
+template <class List>
+std::string joined(const List& numbers) {
+    std::string text;
+    for (const auto number : numbers)
+        text += (text.empty() ? "" : ", ") + std::to_string(number);
+    return text;
+}
+
+std::string signed_duration(double ms) {
+    return (ms < 0 ? "" : "+") + duration_text(ms);
+}
+
+/// "stream 260 (audio deu) added", "pid of program 2 moved from 256 to 512".
+std::string change_text(const TableChange& change) {
+    std::string text(word(change.what));
+    std::replace(text.begin(), text.end(), '_', ' ');
+    if (change.what == TableChange::What::stream && change.pid)
+        text += " on pid " + std::to_string(*change.pid);
+    else if (change.number)
+        text +=
+            (change.what == TableChange::What::pcr_pid || change.what == TableChange::What::pmt_pid
+                 ? " of program "
+                 : " ") +
+            std::to_string(*change.number);
+    text += " " + std::string(word(change.op));
+    if (change.before && change.after)
+        return text + " from " + *change.before + " to " + *change.after;
+    if (change.before || change.after)
+        text += " (" + (change.after ? *change.after : *change.before) + ")";
+    return text;
+}
+
+std::string change_texts(const std::vector<TableChange>& changes) {
+    std::string text;
+    for (const TableChange& change : changes)
+        text += (text.empty() ? "" : "; ") + change_text(change);
+    return text;
+}
+
+std::string lost_text(const Finding& f) {
+    const std::string packets = count_text(static_cast<std::uint64_t>(*f.detail.lost), "packet");
+    switch (f.sure) {
+    case Sure::exact:
+        return packets;
+    case Sure::modulo_16:
+        return packets + " (or 16, 32, ... more)";
+    case Sure::guess:
+        return "probably " + packets;
+    }
+    return packets;
+}
+
+std::string programs_text(const Finding& f) {
+    return (f.programs.size() == 1 ? "program " : "programs ") + joined(f.programs);
+}
+
+std::string nouns(const std::optional<std::int64_t>& count, std::string_view noun) {
+    return count ? count_text(static_cast<std::uint64_t>(*count), noun) : std::string();
+}
+
+std::string time_text(const std::optional<double>& ms) {
+    return ms ? duration_text(*ms) : std::string();
+}
+
+struct Figure {
+    std::string_view name;
+    std::string (*text)(const Finding&); // empty: not known
+};
+constexpr std::array figures = std::to_array<Figure>({
+    {"pid", [](const Finding& f) { return f.pid ? std::to_string(*f.pid) : std::string(); }},
+    {"programs",
+     [](const Finding& f) { return f.programs.empty() ? std::string() : programs_text(f); }},
+    {"interval", [](const Finding& f) { return time_text(f.detail.interval_ms); }},
+    {"limit", [](const Finding& f) { return time_text(f.detail.limit_ms); }},
+    {"expected",
+     [](const Finding& f) {
+         return f.detail.expected ? std::to_string(*f.detail.expected) : std::string();
+     }},
+    {"got",
+     [](const Finding& f) { return f.detail.got ? std::to_string(*f.detail.got) : std::string(); }},
+    {"lost", [](const Finding& f) { return f.detail.lost ? lost_text(f) : std::string(); }},
+    {"bytes", [](const Finding& f) { return nouns(f.detail.bytes, "byte"); }},
+    {"extra",
+     [](const Finding& f) {
+         return f.detail.extra_ms ? duration_text(static_cast<double>(*f.detail.extra_ms))
+                                  : std::string();
+     }},
+    {"table",
+     [](const Finding& f) {
+         return f.detail.table_id ? table_name(*f.detail.table_id) : std::string();
+     }},
+    {"size",
+     [](const Finding& f) {
+         return f.detail.step_ms ? duration_text(std::abs(*f.detail.step_ms)) : std::string();
+     }},
+    {"signed",
+     [](const Finding& f) {
+         return f.detail.step_ms ? signed_duration(*f.detail.step_ms) : std::string();
+     }},
+    {"drift",
+     [](const Finding& f) {
+         return f.detail.drift_ms_per_s ? signed_duration(*f.detail.drift_ms_per_s) + " a second"
+                                        : std::string();
+     }},
+    {"error",
+     [](const Finding& f) {
+         return f.detail.error_ns ? duration_text(std::abs(*f.detail.error_ns) / 1e6)
+                                  : std::string();
+     }},
+    {"late", [](const Finding& f) { return time_text(f.detail.late_ms); }},
+    {"changes", [](const Finding& f) { return change_texts(f.detail.changes); }},
+    {"datagrams", [](const Finding& f) { return nouns(f.detail.datagrams, "datagram"); }},
+    {"packets", [](const Finding& f) { return nouns(f.detail.packets, "packet"); }},
+    {"away", [](const Finding& f) { return time_text(f.detail.away_ms); }},
+    {"count", [](const Finding& f) { return count_text(f.count, "packet"); }},
+});
+
+/// Appends `text` with its figures; false where one was not known.
+bool fill(std::string& out, std::string_view text, const Finding& finding) {
+    bool known = true;
+    while (!text.empty()) {
+        const std::size_t open = std::min(text.find('{'), text.size());
+        out += text.substr(0, open);
+        text.remove_prefix(open);
+        if (text.empty())
+            break;
+        const std::size_t close = text.find('}');
+        const std::string_view name = text.substr(1, close - 1);
+        const auto row = std::find_if(figures.begin(), figures.end(),
+                                      [&](const Figure& f) { return f.name == name; });
+        const std::string figure = row == figures.end() ? std::string() : row->text(finding);
+        known = known && !figure.empty();
+        out += figure.empty() ? "?" : figure;
+        text.remove_prefix(close + 1);
+    }
+    return known;
+}
+
+/// Appends the first of the alternatives a|b whose figures are known, else nothing.
+void fill_choice(std::string& out, std::string_view alternatives, const Finding& finding) {
+    const std::size_t before = out.size();
+    while (!alternatives.empty()) {
+        const std::string_view one = alternatives.substr(0, alternatives.find('|'));
+        if (fill(out, one, finding))
+            return;
+        out.resize(before);
+        alternatives.remove_prefix(std::min(alternatives.size(), one.size() + 1));
+    }
+}
+
+} // namespace
+
+std::string sentence(const Finding& finding) {
+    std::string out;
+    std::string_view text = words_of(finding.rule, finding.kind).text;
+    while (!text.empty()) {
+        const std::size_t open = std::min(text.find('['), text.size());
+        fill(out, text.substr(0, open), finding);
+        if (open == text.size())
+            break;
+        const std::size_t close = text.find(']');
+        fill_choice(out, text.substr(open + 1, close - open - 1), finding);
+        text.remove_prefix(close + 1);
+    }
+    if (!out.empty() && out.front() >= 'a' && out.front() <= 'z')
+        out.front() = static_cast<char>(out.front() - 'a' + 'A');
+    if (finding.rule != transport_error && finding.count > 1)
+        out += " So " + std::to_string(finding.count) + " times in a row.";
+    if (finding.count > 1 && finding.detail.worst)
+        if (const std::string worst = figure_text(finding.rule, *finding.detail.worst);
+            !worst.empty())
+            out += " At worst " + worst + ".";
+    if (finding.open)
+        out += " It lasts to the end.";
+    return out;
+}
+
+std::string_view meaning(Rule rule, Kind kind) {
+    return words_of(rule, kind).meaning;
+}
+
+std::optional<double> figure(const Finding& finding) {
+    const Detail& d = finding.detail;
+    if (d.worst)
+        return d.worst;
+    const auto number = [](const std::optional<std::int64_t>& v) -> std::optional<double> {
+        return v ? std::optional(static_cast<double>(*v)) : std::nullopt;
+    };
+    for (const std::optional<double>& own :
+         {number(d.lost), number(d.datagrams), number(d.bytes), d.interval_ms, d.step_ms,
+          d.error_ns, d.late_ms, d.away_ms, number(d.packets)})
+        if (own)
+            return own;
+    return std::nullopt;
+}
+
+std::string figure_text(Rule rule, double figure) {
+    switch (rule) {
+    case continuity_count_error:
+        return count_text(static_cast<std::uint64_t>(figure), "packet");
+    case datagram_error:
+        return count_text(static_cast<std::uint64_t>(figure), "datagram");
+    case ts_sync_loss:
+    case truncated:
+        return count_text(static_cast<std::uint64_t>(figure), "byte");
+    case pcr_accuracy_error:
+        return duration_text(figure / 1e6);
+    case pcr_discontinuity_indicator_error:
+    case stamp_jump:
+    case stamp_order:
+    case clock_jump:
+        return signed_duration(figure);
+    default:
+        return duration_text(figure);
+    }
+}
+
+} // namespace quarn

@@ -1,0 +1,26 @@
+// What findings say, in words for people.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "measure/measure.h"
+
+namespace quarn {
+
+/// What has happened, with the figures of the finding; one sentence or two. Plain text, but names
+/// from the input (q.4) are as the input has them.
+std::string sentence(const Finding& finding);
+
+/// What findings of that rule and kind mean for somebody who watches the stream.
+std::string_view meaning(Rule rule, Kind kind);
+
+/// A stretch between two PCRs, the packets lost, ...: what `worst` of that rule counts, with its
+/// unit ("812 ms", "3 packets"); empty for rules that have no such figure.
+std::string figure_text(Rule rule, double figure);
+
+/// The figure of a finding by which the worst is chosen: the rule's own, or that of its flood.
+std::optional<double> figure(const Finding& finding);
+
+} // namespace quarn
