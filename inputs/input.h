@@ -37,7 +37,7 @@ struct OpenOptions {
     /// else the one with most. Of no meaning for inputs that are not captures of a network.
     std::optional<Endpoint> flow;
     /// Looked at whenever waiting for input was interrupted by a signal: set, the input is at its
-    /// end. Must outlive the input.
+    /// end, without a word on what was not decided by then. Must outlive the input.
     const std::atomic<bool>* stop = nullptr;
 };
 
