@@ -55,9 +55,9 @@ class Tables {
 
   private:
     class Impl;
-    std::unique_ptr<Impl> impl_;
-    std::bitset<pid_count> wanted_;
+    std::bitset<pid_count> wanted_; // this and current_ are set by impl_
     ProgramsPtr current_;
+    std::unique_ptr<Impl> impl_;
 };
 
 } // namespace quarn
