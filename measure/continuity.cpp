@@ -1,0 +1,245 @@
+// The rare paths of PidCounter: everything but the counter that goes on.
+//
+// At a break the packets that follow are held until it is clear what they are, in this order:
+//   copies   the run of packets from the break on was there before, byte for byte (second_copies)
+//   order    the first m are a permutation of m counters in a row, two more follow (wrong_order)
+//   frozen   four and more packets have one counter (same_counter)
+//   break    anything else; the packets behind it are looked at again from there
+#include "continuity.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace quarn {
+
+std::uint64_t fingerprint(const Packet& packet) {
+    constexpr std::uint64_t k = 0x9E3779B97F4A7C15u;
+    const std::uint8_t* p = packet.data();
+    const auto load = [p](std::size_t at) {
+        std::uint64_t x = 0;
+        std::memcpy(&x, p + at, sizeof x);
+        return x;
+    };
+    std::array<std::uint64_t, 4> lane = {k, ~k, k << 1, k >> 1};
+    // 184 bytes behind the first four: 23 words in four lanes.
+    const auto mix = [&](std::size_t l, std::uint64_t x) {
+        lane[l] = (lane[l] ^ x) * k;
+        lane[l] ^= lane[l] >> 29;
+    };
+    std::uint64_t first = load(4);
+    std::uint64_t second = load(12);
+    if (packet.has_pcr()) { // bytes 6 to 11
+        std::uint8_t masked[8];
+        std::memcpy(masked, p + 4, sizeof masked);
+        std::memset(masked + 2, 0, 6);
+        std::memcpy(&first, masked, sizeof first);
+    }
+    mix(0, first);
+    mix(1, second);
+    mix(2, load(20));
+    for (std::size_t i = 0; i < 5; ++i) {
+        mix(3, load(28 + 32 * i));
+        mix(0, load(36 + 32 * i));
+        mix(1, load(44 + 32 * i));
+        mix(2, load(52 + 32 * i));
+    }
+    std::uint32_t head = 0;
+    std::memcpy(&head, p, sizeof head);
+    return lane[0] ^ lane[1] * 3 ^ lane[2] * 5 ^ lane[3] * 7 ^ head;
+}
+
+PidCounter::Step PidCounter::other(std::uint16_t pid, const Packet& packet, unsigned counter,
+                                   std::uint64_t print, const At& at, bool trusted,
+                                   ContinuitySink& sink) {
+    const Waiting now = {at, print, counter, packet.unit_start()};
+    if (next_ > 15) {
+        accept(counter, print, at);
+        flagged_ = false;
+        return Step::next;
+    }
+    if (!trusted && counter != next_)
+        return Step::doubtful;
+    if (trusted && (packet.discontinuity() || flagged_) && counter != next_ &&
+        !take_copy(pid, now, sink)) {
+        settle(pid, true, sink);
+        flagged_ = false;
+        const bool jumps = counter != next_;
+        flagged_jumps_ += jumps;
+        accept(counter, print, at);
+        return jumps ? Step::broken : Step::next;
+    }
+    flagged_ = false;
+    if (frozen_)
+        return thaw(pid, now, sink);
+    if (held_)
+        return hold(pid, now, sink);
+    if (counter == next_) {
+        accept(counter, print, at);
+        return Step::next;
+    }
+    if (take_copy(pid, now, sink))
+        return Step::copy;
+    held_ = std::make_unique<Held>();
+    return hold(pid, now, sink);
+}
+
+bool PidCounter::take_copy(std::uint16_t pid, const Waiting& now, ContinuitySink& sink) {
+    if (held_ || count_ == 0 || now.counter != ((next_ - 1u) & 15) || now.print != print_back(1))
+        return false;
+    if (copies_ < 255)
+        ++copies_;
+    if (copies_ == 1)
+        ++lawful_copies_;
+    else
+        sink.copies({pid, now.at, 1});
+    sink.added(now.at, 1);
+    return true;
+}
+
+PidCounter::Step PidCounter::hold(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink) {
+    auto& packets = held_->packets;
+    const unsigned should = packets.empty() ? next_ : (packets.back().counter + 1) & 15;
+    const bool goes_on = !packets.empty() && packet.counter == should;
+    packets.push_back(packet);
+    const bool far = packet.at.index >= packets.front().at.index + datagrams + 7;
+    if ((packets.size() >= look_ahead && far) || packets.size() >= datagrams + look_ahead)
+        settle(pid, false, sink);
+    return goes_on ? Step::next : Step::broken;
+}
+
+const At& PidCounter::held_since() const {
+    return held_->packets.front().at;
+}
+
+void PidCounter::settle(std::uint16_t pid, bool at_end, ContinuitySink& sink) {
+    if (!held_)
+        return;
+    std::vector<Waiting> packets = std::move(held_->packets);
+    held_.reset();
+    while (!packets.empty()) {
+        std::size_t done = 0;
+        if (frozen_) {
+            thaw(pid, packets.front(), sink);
+            done = 1;
+        } else if (packets.front().counter == next_) {
+            accept(packets.front().counter, packets.front().print, packets.front().at);
+            done = 1;
+        } else if (take_copy(pid, packets.front(), sink)) {
+            done = 1;
+        } else if (packets.size() < look_ahead && !at_end) {
+            held_ = std::make_unique<Held>();
+            held_->packets = std::move(packets);
+            return;
+        } else {
+            done = decide(pid, packets, at_end, sink);
+        }
+        packets.erase(packets.begin(), packets.begin() + static_cast<std::ptrdiff_t>(done));
+    }
+    if (held_ && at_end)
+        settle(pid, at_end, sink);
+}
+
+std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& packets, bool at_end,
+                               ContinuitySink& sink) {
+    const Waiting& first = packets.front();
+    if (const std::size_t n = second_copies(packets, at_end)) {
+        sink.copies({pid, first.at, static_cast<unsigned>(n)});
+        sink.added(first.at, static_cast<unsigned>(n));
+        return n;
+    }
+    if (const std::size_t n = wrong_order(packets)) {
+        sink.order({pid, first.at, packets[n - 1].at, static_cast<unsigned>(n)});
+        const unsigned begin = next_;
+        for (std::size_t i = 0; i < n; ++i) // as if they had come as they were sent
+            for (const Waiting& w : packets)
+                if (&w < &packets[n] && w.counter == ((begin + i) & 15)) {
+                    accept(w.counter, w.print, packets[n - 1].at);
+                    break;
+                }
+        return n;
+    }
+    if (const std::size_t n = same_counter(packets); n >= 3) {
+        frozen_ = true;
+        frozen_run_ = {pid, first.at, packets[n - 1].at, static_cast<unsigned>(n), first.counter};
+        prints_[(count_ - 1) % history] = packets[n - 1].print;
+        at_ = packets[n - 1].at;
+        return n;
+    }
+    sink.counter_break({pid, at_, first.at, next_, first.counter, first.unit_start});
+    accept(first.counter, first.print, first.at);
+    return 1;
+}
+
+// The packets from the break on were there before: k packets back, n of them, then the counter goes
+// on.
+std::size_t PidCounter::second_copies(const std::vector<Waiting>& packets, bool at_end) const {
+    const std::size_t back = (next_ - packets.front().counter) & 15;
+    if (back < 2 || back > std::min<std::size_t>(history, count_))
+        return 0;
+    std::size_t n = 0;
+    while (n < packets.size() && n < back && packets[n].print == print_back(back - n) &&
+           packets[n].counter == ((packets.front().counter + n) & 15))
+        ++n;
+    if (n == 0)
+        return 0;
+    const bool goes_on = n < packets.size() ? packets[n].counter == next_ : at_end;
+    return goes_on ? n : 0;
+}
+
+// How many packets from the break on are what should have come, in another order. Whole datagrams
+// that changed places give long ones: up to four datagrams of the input.
+std::size_t PidCounter::wrong_order(const std::vector<Waiting>& packets) const {
+    constexpr std::size_t longest = 9;
+    const auto offset = [&](std::size_t i) { return (packets[i].counter - next_) & 15u; };
+    const auto close = [&](std::size_t m) {
+        std::uint32_t seen = 0;
+        for (std::size_t i = 0; i < m; ++i)
+            seen |= 1u << offset(i);
+        return seen == (1u << m) - 1;
+    };
+    for (std::size_t m = 2; m <= 14 && m < packets.size(); ++m) {
+        if (m > longest && packets[m - 1].at.index >= packets.front().at.index + datagrams)
+            break;
+        if (!close(m))
+            continue;
+        const bool follows =
+            offset(m) == (m & 15) && (m + 1 >= packets.size() || offset(m + 1) == ((m + 1) & 15));
+        if (follows)
+            return m;
+    }
+    return 0;
+}
+
+std::size_t PidCounter::same_counter(const std::vector<Waiting>& packets) const {
+    const unsigned counter = (next_ - 1u) & 15;
+    std::size_t n = 0;
+    while (n < packets.size() && packets[n].counter == counter)
+        ++n;
+    return n;
+}
+
+PidCounter::Step PidCounter::thaw(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink) {
+    if (packet.counter == frozen_run_.counter) {
+        frozen_run_.end = packet.at;
+        ++frozen_run_.packets;
+        at_ = packet.at;
+        return Step::broken;
+    }
+    sink.frozen(frozen_run_);
+    (void)pid;
+    frozen_ = false;
+    accept(packet.counter, packet.print, packet.at);
+    return Step::broken;
+}
+
+void PidCounter::forget(std::uint16_t pid, ContinuitySink& sink) {
+    settle(pid, true, sink);
+    if (frozen_)
+        sink.frozen(frozen_run_);
+    frozen_ = false;
+    flagged_ = false;
+    next_ = 0xFF;
+    count_ = 0;
+}
+
+} // namespace quarn

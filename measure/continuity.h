@@ -1,0 +1,152 @@
+// Continuity counters (ISO/IEC 13818-1, 2.4.3.3): tells copies, wrong order, frozen counters and
+// breaks apart, looking a few packets of the pid ahead. How many packets a break lost is decided
+// elsewhere.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "packet.h"
+
+namespace quarn {
+
+/// A counter that does not go on, and no copy, order or flag explains it.
+struct CounterBreak {
+    std::uint16_t pid = 0;
+    At before; // the last packet with payload before it
+    At at;     // the first one behind it
+    unsigned expected = 0;
+    unsigned got = 0;
+    bool unit_start = false; // of the packet behind it
+
+    unsigned distance() const { return (got - expected) & 15; }
+};
+
+/// Packets of a pid that came in another order than they were sent in.
+struct OrderFault {
+    std::uint16_t pid = 0;
+    At begin;             // the first packet that came too early
+    At end;               // the last one that came too late
+    unsigned packets = 0; // how many lie between, both included
+};
+
+/// Packets of a pid that came once more than is lawful.
+struct CopyFault {
+    std::uint16_t pid = 0;
+    At at;
+    unsigned packets = 0;
+};
+
+/// Packets with payload and different bytes that all have the same counter.
+struct FrozenRun {
+    std::uint16_t pid = 0;
+    At begin; // the second of them
+    At end;
+    unsigned packets = 0; // from begin to end
+    unsigned counter = 0;
+};
+
+/// Takes what Continuity decides.
+class ContinuitySink {
+  public:
+    virtual ~ContinuitySink() = default;
+    virtual void counter_break(const CounterBreak& fault) = 0;
+    virtual void order(const OrderFault& fault) = 0;
+    virtual void copies(const CopyFault& fault) = 0;
+    virtual void frozen(const FrozenRun& run) = 0;
+    /// Packets that the network may have added, lawful or not: they need no slot of a constant
+    /// rate.
+    virtual void added(const At& at, unsigned packets) = 0;
+};
+
+/// A fingerprint of all bytes of a packet but those of its PCR, which may differ in copies.
+std::uint64_t fingerprint(const Packet& packet);
+
+/// The counter of one pid.
+class PidCounter {
+  public:
+    /// What the packet is to those that read its payload.
+    enum class Step : std::uint8_t {
+        next,     // goes on where the last one ended
+        broken,   // new data, but not what should have come
+        copy,     // the packet before it once more
+        doubtful, // its header may be damaged and its counter does not fit: leave it out
+    };
+
+    /// The counter of a packet with payload. `trusted` is false where the sync byte was wrong or
+    /// transport_error_indicator is set: then it counts only if it fits.
+    Step payload(std::uint16_t pid, const Packet& packet, const At& at, bool trusted,
+                 ContinuitySink& sink) {
+        const unsigned counter = packet.counter();
+        const std::uint64_t print = fingerprint(packet);
+        if (!held_ && !frozen_ && counter == next_ && !packet.discontinuity() && !flagged_) {
+            accept(counter, print, at);
+            return Step::next;
+        }
+        return other(pid, packet, counter, print, at, trusted, sink);
+    }
+    /// The pid's packets so far may jump lawfully: discontinuity_indicator in a packet without
+    /// payload.
+    void flag() { flagged_ = true; }
+
+    /// Decides what is held, for it is old enough or nothing comes behind it.
+    void settle(std::uint16_t pid, bool at_end, ContinuitySink& sink);
+    bool holds() const { return held_ != nullptr; }
+    /// The first packet that is held. Only while holds().
+    const At& held_since() const;
+    /// The next packet sets the counter without judgement.
+    void forget(std::uint16_t pid, ContinuitySink& sink);
+
+    std::uint64_t lawful_copies() const { return lawful_copies_; }
+    std::uint64_t flagged_jumps() const { return flagged_jumps_; }
+    bool started() const { return next_ <= 15; }
+    const At& last() const { return at_; }
+
+  private:
+    static constexpr std::size_t history = 16;
+    static constexpr std::size_t look_ahead = 12;   // packets of the pid
+    static constexpr std::size_t datagrams = 4 * 7; // packets of the input
+    struct Waiting {
+        At at;
+        std::uint64_t print = 0;
+        unsigned counter = 0;
+        bool unit_start = false;
+    };
+    struct Held {
+        std::vector<Waiting> packets;
+    };
+
+    void accept(unsigned counter, std::uint64_t print, const At& at) {
+        next_ = static_cast<std::uint8_t>((counter + 1) & 15);
+        copies_ = 0;
+        prints_[count_++ % history] = print;
+        at_ = at;
+    }
+    std::uint64_t print_back(std::size_t k) const { return prints_[(count_ - k) % history]; }
+    Step other(std::uint16_t pid, const Packet& packet, unsigned counter, std::uint64_t print,
+               const At& at, bool trusted, ContinuitySink& sink);
+    Step hold(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
+    Step thaw(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
+    bool take_copy(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
+    std::size_t decide(std::uint16_t pid, const std::vector<Waiting>& packets, bool at_end,
+                       ContinuitySink& sink);
+    std::size_t second_copies(const std::vector<Waiting>& packets, bool at_end) const;
+    std::size_t wrong_order(const std::vector<Waiting>& packets) const;
+    std::size_t same_counter(const std::vector<Waiting>& packets) const;
+
+    std::uint8_t next_ = 0xFF; // counter expected; 0xFF: none yet
+    std::uint8_t copies_ = 0;  // of the last packet, up to 255
+    bool flagged_ = false;     // a discontinuity_indicator since the last packet with payload
+    bool frozen_ = false;
+    std::uint32_t count_ = 0;
+    std::array<std::uint64_t, history> prints_{};
+    At at_;
+    std::unique_ptr<Held> held_;
+    FrozenRun frozen_run_;
+    std::uint64_t lawful_copies_ = 0;
+    std::uint64_t flagged_jumps_ = 0;
+};
+
+} // namespace quarn
