@@ -1,0 +1,532 @@
+#include "clock.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace quarn {
+
+namespace {
+constexpr Ticks look_ahead = 600 * ticks_per_ms; // until what broke in an interval is known
+constexpr Ticks silence = ticks_per_second;      // without a PCR: another pid, or estimates
+constexpr Ticks bridge_step = 100 * ticks_per_ms;
+constexpr Ticks arrival_step = 10 * ticks_per_ms;
+constexpr std::uint64_t blind = 10'000;        // packets instead of a second where there is no rate
+constexpr std::uint64_t longest_hold = 20'000; // packets
+constexpr std::size_t points_to_choose = 41;
+constexpr std::size_t segments_kept = 1024;
+constexpr Ticks clear_jump = 30 * ticks_per_ms;
+constexpr Ticks flagged_jump = ticks_per_ms;
+constexpr Ticks longest_loss = 3 * ticks_per_second;
+constexpr double whole_packets = 72; // up to here packets without a break, beyond it a jump
+
+template <class T>
+auto in_range(const T& d, std::uint64_t from, std::uint64_t to) {
+    return d.from < to && d.to > from;
+}
+} // namespace
+
+StreamClock::StreamClock(std::uint64_t bitrate, Ticks pcr_limit)
+    : bitrate_(bitrate), pcr_limit_(pcr_limit) {}
+
+// ---------------------------------------------------------------- which pid
+
+void StreamClock::programs(const ProgramsPtr& programs, const At& at) {
+    programs_ = programs;
+    if (source_ == ClockSummary::Source::none) {
+        choose(at, false);
+        return;
+    }
+    if (source_ != ClockSummary::Source::pcr)
+        return;
+    if (programs_->is_pcr_pid(pid_)) {
+        announced_ = true;
+        return;
+    }
+    if (!announced_ || !programs_->complete())
+        return;
+    for (const Program& p : programs_->programs)
+        if (p.pcr_pid != null_pid) {
+            pid_ = p.pcr_pid; // its first PCR tells
+            moving_ = true;
+            return;
+        }
+}
+
+// The PCR pid of the lowest program that has PCRs. Until things have settled the PMTs that are
+// missing may name a lower one.
+std::optional<std::uint16_t> StreamClock::announced_choice(bool settled) const {
+    if (!programs_ || (!settled && !programs_->complete()))
+        return std::nullopt;
+    for (const Program& p : programs_->programs) {
+        if (!p.pmt_in_force || p.pcr_pid == null_pid)
+            continue;
+        const auto c = candidates_.find(p.pcr_pid);
+        if (c != candidates_.end() && c->second.count >= 2)
+            return p.pcr_pid;
+        if (!settled)
+            return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::uint16_t> StreamClock::busiest_choice() const {
+    std::optional<std::uint16_t> best;
+    std::uint64_t most = 1;
+    for (const auto& [pid, c] : candidates_)
+        if (c.count > most) {
+            best = pid;
+            most = c.count;
+        }
+    return best;
+}
+
+void StreamClock::choose(const At& at, bool at_end) {
+    if (const auto pid = announced_choice(false))
+        return start(*pid);
+    bool settled = at_end || at.index >= blind;
+    for (const auto& [pid, c] : candidates_)
+        settled = settled || (c.count > 2 &&
+                              clock_distance(c.points.front().pcr.value, c.points.back().pcr.value,
+                                             pcr_wrap) >= ticks_per_second);
+    if (!settled)
+        return;
+    if (const auto pid = announced_choice(true))
+        return start(*pid);
+    if (const auto pid = busiest_choice())
+        return start(*pid);
+}
+
+void StreamClock::start(std::uint16_t pid) {
+    source_ = ClockSummary::Source::pcr;
+    pid_ = pid;
+    announced_ = programs_ && programs_->is_pcr_pid(pid);
+    for (auto& [other, candidate] : candidates_) {
+        std::deque<Point> points = std::move(candidate.points);
+        candidate.points.clear();
+        if (other == pid)
+            for (const Point& p : points)
+                add_point(p.pcr);
+        candidate.points.push_back(points.back());
+    }
+}
+
+void StreamClock::pcr(const PcrPoint& pcr) {
+    Candidate& candidate = candidates_[pcr.pid];
+    ++candidate.count;
+    if (source_ == ClockSummary::Source::none) {
+        candidate.points.push_back({pcr, false, false});
+        if (candidate.points.size() > longest_hold / 10)
+            candidate.points.pop_front();
+        choose(pcr.at, false);
+        return;
+    }
+    candidate.points.assign(1, {pcr, false, false});
+    if (pcr.pid == pid_ && source_ == ClockSummary::Source::pcr)
+        add_point(pcr);
+}
+
+void StreamClock::add_point(const PcrPoint& pcr) {
+    if (!points_.empty() && !points_.back().bridge && !moving_ && !pcr.flagged) {
+        const ClockInterval i = measure(points_.back().pcr, pcr);
+        if (!i.disturbed && i.distance > 0 && i.distance < ticks_per_second)
+            rate_.add(i.packets, i.packets - i.added, i.distance);
+    }
+    points_.push_back({pcr, false, moving_});
+    moving_ = false;
+}
+
+// ---------------------------------------------------------------- where PCRs are missing
+
+void StreamClock::tick(const At& at, Ticks arrival) {
+    if (source_ == ClockSummary::Source::none) {
+        choose(at, false);
+        if (source_ == ClockSummary::Source::none && at.index >= blind) {
+            if (arrival != no_time)
+                source_ = ClockSummary::Source::arrival;
+            else if (bitrate_ > 0)
+                source_ = ClockSummary::Source::bitrate;
+        }
+        return;
+    }
+    if (source_ == ClockSummary::Source::pcr)
+        replace_or_bridge(at, arrival);
+    else
+        steady_source(at, arrival);
+}
+
+void StreamClock::replace_or_bridge(const At& at, Ticks arrival) {
+    if (points_.empty() || held_)
+        return;
+    const Point& last = points_.back();
+    const std::uint64_t since = at.index - last.pcr.at.index;
+    const std::uint64_t second = packets_in(silence);
+    if (!last.bridge && since < second)
+        return;
+    for (const Program& p : programs_ ? programs_->programs : std::vector<Program>{}) {
+        const auto c = candidates_.find(p.pcr_pid);
+        if (p.pcr_pid == pid_ || c == candidates_.end() || c->second.points.empty())
+            continue;
+        if (at.index - c->second.points.back().pcr.at.index < second / 2) {
+            pid_ = p.pcr_pid;
+            moving_ = true;
+            return;
+        }
+    }
+    if (since >= packets_in(bridge_step))
+        bridge(at, arrival, 0);
+}
+
+void StreamClock::bridge(const At& at, Ticks arrival, Ticks value_step) {
+    Point next = points_.back();
+    if (value_step == 0) {
+        const bool by_arrival = arrival != no_time && next.pcr.arrival != no_time;
+        value_step = by_arrival
+                         ? arrival - next.pcr.arrival
+                         : static_cast<Ticks>(static_cast<double>(at.index - next.pcr.at.index) *
+                                              rate_.ticks_per_packet());
+    }
+    next.pcr.value = (next.pcr.value + value_step) % pcr_wrap;
+    next.pcr.at = at;
+    next.pcr.arrival = arrival;
+    next.pcr.flagged = false;
+    next.bridge = true;
+    next.moved = false;
+    points_.push_back(next);
+}
+
+void StreamClock::steady_source(const At& at, Ticks arrival) {
+    const bool arrives = source_ == ClockSummary::Source::arrival;
+    if (arrives && arrival == no_time)
+        return;
+    const auto by_rate = [&](std::uint64_t packets) {
+        return static_cast<Ticks>(static_cast<double>(packets) * 8 * packet_size *
+                                  ticks_per_second / static_cast<double>(bitrate_));
+    };
+    if (points_.empty()) {
+        Point first;
+        first.pcr.at = at;
+        first.pcr.arrival = arrival;
+        first.bridge = true;
+        points_.push_back(first);
+        held_ = false;
+        return;
+    }
+    const Point& last = points_.back();
+    const Ticks step = arrives ? arrival - last.pcr.arrival : by_rate(at.index - last.pcr.at.index);
+    if (step < arrival_step)
+        return;
+    rate_.add(at.index - last.pcr.at.index, at.index - last.pcr.at.index, step);
+    bridge(at, arrival, step);
+}
+
+void StreamClock::finish(const At& last, Ticks arrival) {
+    tick(last, arrival);
+    if (source_ == ClockSummary::Source::none)
+        choose(last, true);
+    if (points_.empty() || last.index <= points_.back().pcr.at.index)
+        return;
+    if (held_) {
+        held_ = false;
+        rate_.decide_now();
+    }
+    if (rate_.known())
+        bridge(last, arrival, 0);
+}
+
+// ---------------------------------------------------------------- what broke
+
+void StreamClock::disturbed(std::uint16_t pid, std::uint64_t from, std::uint64_t to,
+                            unsigned packets) {
+    disturbances_.push_back({pid, from, to, packets});
+}
+
+void StreamClock::added(const At& at, unsigned packets) {
+    added_.emplace_back(at.index, packets);
+}
+
+void StreamClock::nulls(std::uint64_t from, std::uint64_t to) {
+    nulls_.emplace_back(from, to);
+}
+
+bool StreamClock::disturbed_between(std::uint64_t from, std::uint64_t to) const {
+    return std::any_of(disturbances_.begin(), disturbances_.end(),
+                       [&](const Disturbance& d) { return in_range(d, from, to); });
+}
+
+unsigned StreamClock::missing_between(std::uint64_t from, std::uint64_t to) const {
+    unsigned sum = 0;
+    for (const Disturbance& d : disturbances_)
+        if (in_range(d, from, to))
+            sum += d.packets;
+    return sum;
+}
+
+std::uint64_t StreamClock::torn_at(std::uint64_t from, std::uint64_t to) const {
+    for (const Disturbance& d : disturbances_)
+        if (d.to > from && d.to <= to)
+            return d.to;
+    return 0;
+}
+
+std::uint64_t StreamClock::added_between(std::uint64_t from, std::uint64_t to) const {
+    std::uint64_t sum = 0;
+    for (const auto& [index, packets] : added_)
+        if (index > from && index <= to)
+            sum += packets;
+    return sum;
+}
+
+Ticks StreamClock::longest_nulls(std::uint64_t from, std::uint64_t to) const {
+    std::uint64_t longest = 0;
+    for (const auto& [a, b] : nulls_)
+        if (a < to && b > from)
+            longest = std::max(longest, std::min(b, to) - std::max(a, from));
+    return static_cast<Ticks>(static_cast<double>(longest) * rate_.ticks_per_packet());
+}
+
+void StreamClock::forget_before(std::uint64_t index) {
+    const std::uint64_t keep = packets_in(4 * ticks_per_second);
+    const std::uint64_t old = index > keep ? index - keep : 0;
+    while (!disturbances_.empty() && disturbances_.front().to < old)
+        disturbances_.pop_front();
+    while (!added_.empty() && added_.front().first < old)
+        added_.pop_front();
+    while (!nulls_.empty() && nulls_.front().second < old)
+        nulls_.pop_front();
+    while (segments_.size() > segments_kept)
+        segments_.pop_front();
+}
+
+// ---------------------------------------------------------------- intervals
+
+std::uint64_t StreamClock::packets_in(Ticks ticks) const {
+    if (!rate_.known())
+        return static_cast<std::uint64_t>(static_cast<double>(blind) * static_cast<double>(ticks) /
+                                          ticks_per_second);
+    return static_cast<std::uint64_t>(static_cast<double>(ticks) / rate_.ticks_per_packet()) + 1;
+}
+
+bool StreamClock::ready(const At& last, bool at_end) {
+    if (source_ == ClockSummary::Source::none && at_end)
+        choose(last, true);
+    if (points_.empty())
+        return false;
+    if (held_) {
+        const bool enough = points_.size() >= points_to_choose ||
+                            last.index - points_.front().pcr.at.index > longest_hold;
+        if (!enough && !at_end)
+            return false;
+        held_ = false;
+        if (rate_.known() || points_.size() > 1)
+            rate_.decide_now();
+    }
+    if (points_.size() < 2)
+        return false;
+    return at_end || last.index >= points_[1].pcr.at.index + packets_in(look_ahead);
+}
+
+ClockInterval StreamClock::measure(const PcrPoint& from, const PcrPoint& to) const {
+    ClockInterval i;
+    i.from = from;
+    i.to = to;
+    i.distance = clock_distance(from.value, to.value, pcr_wrap);
+    i.packets = to.at.index - from.at.index;
+    i.added = std::min(added_between(from.at.index, to.at.index), i.packets);
+    i.disturbed = disturbed_between(from.at.index, to.at.index);
+    return i;
+}
+
+std::optional<ClockInterval> StreamClock::next(const At& last, bool at_end) {
+    if (!ready(last, at_end))
+        return std::nullopt;
+    const Point from = points_[0];
+    const Point to = points_[1];
+    if (segments_.empty() && known_to_ == 0 &&
+        from.pcr.at.index > 0) { // the time before the first point
+        const double tpp = rate_.ticks_per_packet();
+        now_ = static_cast<Ticks>(static_cast<double>(from.pcr.at.index) * tpp);
+        segments_.push_back({0, from.pcr.at.index, 0, now_, 0, tpp, !rate_.constant()});
+        last_real_time_ = now_;
+    }
+    const bool whole = bridged_ && !to.bridge && !to.moved; // a PCR again, behind estimates
+    ClockInterval i = measure(whole ? last_real_ : from.pcr, to.pcr);
+    i.constant = rate_.constant();
+    const double tpp = rate_.ticks_per_packet();
+    i.error = static_cast<double>(i.distance) - static_cast<double>(i.packets) * tpp;
+    const double fewer =
+        static_cast<double>(i.distance) - static_cast<double>(i.packets - i.added) * tpp;
+    if (std::abs(fewer) < std::abs(i.error))
+        i.error = fewer;
+    if (to.bridge)
+        i.stretch = Stretch::bridged;
+    else if (to.moved)
+        i.stretch = Stretch::moved;
+    else
+        decide(i);
+    keep(i, from, to);
+    points_.pop_front();
+    return i;
+}
+
+void StreamClock::decide(ClockInterval& i) const {
+    if (i.constant)
+        decide_constant(i);
+    else
+        decide_variable(i);
+    if (i.stretch == Stretch::jump || i.stretch == Stretch::flagged)
+        i.step = i.distance - elapsed(i);
+}
+
+void StreamClock::decide_constant(ClockInterval& i) const {
+    const double tpp = rate_.ticks_per_packet();
+    if (i.to.flagged) {
+        if (std::abs(i.error) > flagged_jump)
+            i.stretch = Stretch::flagged;
+        else if (i.distance > pcr_limit_)
+            i.stretch = Stretch::gap;
+        return;
+    }
+    const double whole = std::round(i.error / tpp);
+    const bool few =
+        whole > 0 && whole <= whole_packets &&
+        std::abs(i.error - whole * tpp) < std::min<double>(80e-6 * ticks_per_second, tpp / 4);
+    const bool explained =
+        i.disturbed && i.error > 0 && i.error < static_cast<double>(longest_loss);
+    if (std::abs(i.error) > clear_jump && !explained && !few)
+        i.stretch = Stretch::jump;
+    else if ((explained && i.error > tpp / 4) || few)
+        i.stretch = Stretch::lost;
+    else if (i.distance > pcr_limit_)
+        i.stretch = Stretch::gap;
+}
+
+// No rate to lean on: the frames that began say how long it was.
+void StreamClock::decide_variable(ClockInterval& i) const {
+    const Ticks limit = std::min(pcr_limit_, 100 * ticks_per_ms);
+    if (i.distance > 0 && i.distance <= limit)
+        return;
+    const Ticks usual = rate_.usual_distance();
+    const auto by_packets =
+        static_cast<Ticks>(static_cast<double>(i.packets) * rate_.ticks_per_packet());
+    const Ticks went_on = i.from.pid == i.to.pid && i.to.frames ? *i.to.frames : by_packets;
+    const Ticks frame = std::max<Ticks>(i.to.frame, 20 * ticks_per_ms);
+    const Ticks off = i.distance - went_on;
+    const bool as_frames =
+        std::abs(off) <= std::max({frame * 5 / 2, i.distance * 35 / 100, usual * 11 / 10});
+    const bool jumps = i.distance < 0 || off > std::max(3 * frame, usual * 3 / 2);
+    if (i.to.flagged) {
+        i.stretch = jumps ? Stretch::flagged : Stretch::gap;
+        return;
+    }
+    const bool dark = longest_nulls(i.from.at.index, i.to.at.index) > 300 * ticks_per_ms;
+    const bool torn =
+        i.disturbed &&
+        (!as_frames ||
+         i.distance <=
+             usual * static_cast<Ticks>(missing_between(i.from.at.index, i.to.at.index) + 2));
+    if (i.distance > 0 && i.distance < longest_loss && (dark || torn))
+        i.stretch = Stretch::lost;
+    else if (i.distance > 0 && as_frames)
+        i.stretch = Stretch::gap;
+    else
+        i.stretch = jumps ? Stretch::jump : Stretch::gap;
+}
+
+Ticks StreamClock::elapsed(const ClockInterval& i) const {
+    const auto by_packets =
+        static_cast<Ticks>(static_cast<double>(i.packets) * rate_.ticks_per_packet());
+    switch (i.stretch) {
+    case Stretch::jump:
+    case Stretch::flagged:
+        if (i.constant)
+            return by_packets;
+        return std::max(
+            {i.to.frames.value_or(0), std::min(by_packets, 200 * ticks_per_ms), ticks_per_ms});
+    case Stretch::moved:
+        return by_packets;
+    default:
+        return i.distance > 0 ? i.distance : by_packets;
+    }
+}
+
+void StreamClock::keep(ClockInterval& i, const Point& from, const Point& to) {
+    const bool whole = i.from.at.index != from.pcr.at.index;
+    const Ticks begin = whole ? last_real_time_ : now_;
+    i.begin_time = begin;
+    i.end_time = std::max(begin + elapsed(i), now_);
+    const double tpp = rate_.ticks_per_packet();
+    const bool torn = i.constant && i.stretch == Stretch::lost && i.error > tpp / 2;
+    const bool guessed = to.bridge && source_ == ClockSummary::Source::pcr && !i.constant &&
+                         to.pcr.arrival == no_time;
+    segments_.push_back({from.pcr.at.index, to.pcr.at.index, now_, i.end_time,
+                         torn ? torn_at(from.pcr.at.index, to.pcr.at.index) : 0, tpp, guessed});
+    now_ = i.end_time;
+    known_to_ = to.pcr.at.index;
+    if (!to.bridge) {
+        last_real_ = to.pcr;
+        last_real_time_ = now_;
+    } else if (!from.bridge) {
+        last_real_ = from.pcr;
+        last_real_time_ = i.begin_time;
+    }
+    bridged_ = to.bridge && source_ == ClockSummary::Source::pcr;
+    if (i.stretch == Stretch::jump || i.stretch == Stretch::flagged || i.stretch == Stretch::moved)
+        rate_.new_segment();
+    forget_before(from.pcr.at.index);
+}
+
+// ---------------------------------------------------------------- times
+
+Place StreamClock::place(const At& at) const {
+    Place p;
+    p.packet = at.index + 1;
+    p.byte = at.byte;
+    p.utc_us = at.utc_us;
+    if (segments_.empty()) {
+        if (source_ != ClockSummary::Source::none && rate_.known())
+            p.time = static_cast<Ticks>(static_cast<double>(at.index) * rate_.ticks_per_packet());
+        p.estimated = !rate_.constant();
+        return p;
+    }
+    const auto s = std::partition_point(segments_.begin(), segments_.end(),
+                                        [&](const Segment& x) { return x.to < at.index; });
+    const auto ticks = [](double x) { return static_cast<Ticks>(std::llround(x)); };
+    if (s == segments_.end()) {
+        const Segment& last = segments_.back();
+        p.time =
+            last.end + ticks(static_cast<double>(at.index - last.to) * rate_.ticks_per_packet());
+        p.estimated = !rate_.constant();
+        return p;
+    }
+    if (at.index < s->from) { // older than what is kept
+        p.time = s->begin;
+        p.estimated = true;
+        return p;
+    }
+    p.estimated = s->estimated;
+    const auto into = static_cast<double>(at.index - s->from);
+    const auto left = static_cast<double>(s->to - at.index);
+    if (s->torn != 0) {
+        const Ticks before = std::min(s->begin + ticks(into * s->ticks_per_packet), s->end);
+        const Ticks behind = std::max(s->end - ticks(left * s->ticks_per_packet), s->begin);
+        p.time = at.index < s->torn ? before : std::max(behind, before);
+    } else {
+        p.time = s->begin +
+                 ticks(static_cast<double>(s->end - s->begin) * into / std::max(into + left, 1.0));
+    }
+    return p;
+}
+
+std::optional<std::uint16_t> StreamClock::pid() const {
+    return source_ == ClockSummary::Source::pcr ? std::optional(pid_) : std::nullopt;
+}
+
+ClockSummary StreamClock::summary() const {
+    return {source_, pid(), announced_, rate_.constant()};
+}
+
+std::optional<Ticks> StreamClock::duration() const {
+    return has_clock() ? std::optional(now_) : std::nullopt;
+}
+
+} // namespace quarn

@@ -1,0 +1,169 @@
+// The stream clock: turns packet numbers into times, from the PCRs of one pid, else from arrival,
+// else from a given bit rate.
+//
+// Points (packet, clock value) come in as packets are looked at; intervals between them go out
+// about 0.6 s later, when it is known what broke in them, with their verdict: steady, a gap, a
+// jump, a loss. From then on place() knows the time of every packet up to their end.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "finding.h"
+#include "packet.h"
+#include "programs.h"
+#include "rate.h"
+#include "summary.h"
+
+namespace quarn {
+
+/// A PCR, where it came and what happened in its program since the one before it.
+struct PcrPoint {
+    std::uint16_t pid = null_pid;
+    At at;
+    std::int64_t value = 0;  // 27 MHz, below pcr_wrap
+    bool flagged = false;    // discontinuity_indicator
+    Ticks arrival = no_time; // 27 MHz ticks where known
+    std::optional<Ticks>
+        frames;      // time of the frames that began since, of the busiest stream of its program
+    Ticks frame = 0; // of one of them
+};
+
+/// What lies between two points of the stream clock.
+enum class Stretch : std::uint8_t {
+    steady,
+    gap,     // further apart than usual, the stream went on
+    lost,    // further apart than usual, packets are missing in it
+    jump,    // the clock jumped, not flagged
+    flagged, // the clock jumped, flagged
+    moved,   // another pid's clock from here on
+    bridged, // its end is no PCR but an estimate or an arrival
+};
+
+struct ClockInterval {
+    PcrPoint from;
+    PcrPoint to;
+    Stretch stretch = Stretch::steady;
+    Ticks distance = 0; // of the two values
+    Ticks step = 0;     // jumps: how far, signed
+    double error = 0;   // ticks of `distance` beyond what the packets account for at the rate
+    std::uint64_t packets = 0;
+    std::uint64_t added = 0; // copies among them
+    bool disturbed = false;  // something broke in it
+    bool constant = false;   // the rate was constant
+    Ticks begin_time = 0;    // on the stream clock
+    Ticks end_time = 0;
+};
+
+class StreamClock {
+  public:
+    StreamClock(std::uint64_t bitrate, Ticks pcr_limit);
+
+    // First look, in the order of packets.
+    void pcr(const PcrPoint& point);
+    void programs(const ProgramsPtr& programs, const At& at);
+    /// Something broke between two packets of that pid (null_pid: of all); `packets`: the fewest
+    /// that are missing.
+    void disturbed(std::uint16_t pid, std::uint64_t from, std::uint64_t to, unsigned packets);
+    /// Copies that a network may have added.
+    void added(const At& at, unsigned packets);
+    /// Nothing but null packets from one to the other.
+    void nulls(std::uint64_t from, std::uint64_t to);
+    /// To be called now and then (some hundred packets) with the last packet so far and its
+    /// arrival.
+    void tick(const At& at, Ticks arrival);
+
+    /// Nothing comes behind that packet: the time goes on up to it.
+    void finish(const At& last, Ticks arrival);
+
+    /// The next interval that is decided; `at_end`: nothing more comes. In order, each once.
+    std::optional<ClockInterval> next(const At& last, bool at_end);
+
+    /// The time of a packet. Known up to the end of the last interval that next() gave.
+    Place place(const At& at) const;
+
+    std::uint64_t added_between(std::uint64_t from, std::uint64_t to) const;
+    bool disturbed_between(std::uint64_t from, std::uint64_t to) const;
+    /// Packets in that many ticks at the rate so far; for looking ahead, when times are not known
+    /// yet.
+    std::uint64_t packets_in(Ticks ticks) const;
+    bool has_clock() const { return source_ != ClockSummary::Source::none; }
+    const Rate& rate() const { return rate_; }
+    std::optional<std::uint16_t> pid() const;
+    ClockSummary summary() const;
+    /// From the first packet to the last, where there is a clock.
+    std::optional<Ticks> duration() const;
+    std::uint64_t known_to() const { return known_to_; }
+
+  private:
+    struct Point {
+        PcrPoint pcr;
+        bool bridge = false; // no PCR: an estimate, an arrival
+        bool moved = false;  // the first of another pid
+    };
+    struct Segment {
+        std::uint64_t from = 0;
+        std::uint64_t to = 0;
+        Ticks begin = 0;
+        Ticks end = 0;
+        std::uint64_t torn = 0; // the packet before which time went on without packets; 0: nowhere
+        double ticks_per_packet = 0;
+        bool estimated = false;
+    };
+    struct Disturbance {
+        std::uint16_t pid = null_pid;
+        std::uint64_t from = 0;
+        std::uint64_t to = 0;
+        unsigned packets = 0; // the fewest that are missing
+    };
+    struct Candidate {
+        std::deque<Point> points; // before the choice all of them, behind it the last one
+        std::uint64_t count = 0;
+    };
+
+    void choose(const At& at, bool at_end);
+    std::optional<std::uint16_t> announced_choice(bool settled) const;
+    std::optional<std::uint16_t> busiest_choice() const;
+    void start(std::uint16_t pid);
+    void add_point(const PcrPoint& pcr);
+    void replace_or_bridge(const At& at, Ticks arrival);
+    void bridge(const At& at, Ticks arrival, Ticks value_step);
+    void steady_source(const At& at, Ticks arrival);
+    bool ready(const At& last, bool at_end);
+    ClockInterval measure(const PcrPoint& from, const PcrPoint& to) const;
+    void decide(ClockInterval& interval) const;
+    void decide_constant(ClockInterval& interval) const;
+    void decide_variable(ClockInterval& interval) const;
+    Ticks elapsed(const ClockInterval& interval) const;
+    void keep(ClockInterval& interval, const Point& from, const Point& to);
+    unsigned missing_between(std::uint64_t from, std::uint64_t to) const;
+    std::uint64_t torn_at(std::uint64_t from, std::uint64_t to) const;
+    Ticks longest_nulls(std::uint64_t from, std::uint64_t to) const;
+    void forget_before(std::uint64_t index);
+
+    std::uint64_t bitrate_;
+    Ticks pcr_limit_;
+    ClockSummary::Source source_ = ClockSummary::Source::none;
+    std::uint16_t pid_ = null_pid;
+    bool announced_ = false; // by a PMT
+    bool held_ = true;       // the first intervals wait for the rate
+    bool moving_ = false;    // the next point of pid_ begins the clock of another pid
+    ProgramsPtr programs_;
+    std::map<std::uint16_t, Candidate> candidates_;
+    std::deque<Point> points_; // the first begins the next interval
+    PcrPoint last_real_;       // the last PCR before the bridges at the front of points_
+    Ticks last_real_time_ = 0;
+    bool bridged_ = false; // the front of points_ is a bridge
+    std::deque<Disturbance> disturbances_;
+    std::deque<std::pair<std::uint64_t, unsigned>> added_;
+    std::deque<std::pair<std::uint64_t, std::uint64_t>> nulls_;
+    std::deque<Segment> segments_;
+    Rate rate_;
+    Ticks now_ = 0; // the end of the last segment
+    std::uint64_t known_to_ = 0;
+};
+
+} // namespace quarn
