@@ -1,0 +1,314 @@
+#include "pcr.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace quarn {
+
+namespace {
+constexpr Ticks jump_constant = 30 * ticks_per_ms; // another program's PCR beside the stream clock
+constexpr Ticks jump_variable =
+    150 * ticks_per_ms;                       // between PCRs of a varying rate places are guesses
+constexpr std::uint32_t enough_to_judge = 20; // PCRs, for 2.4
+
+double ms(Ticks t) {
+    return static_cast<double>(t) / ticks_per_ms;
+}
+
+struct Line {
+    double slope = 0;
+    double offset = 0;
+    double at(double x) const { return slope * x + offset; }
+};
+
+// Least squares; points whose weight is 0 are left out.
+Line fit(const std::deque<PcrAccuracy::Point>& points, const std::vector<bool>& use) {
+    double n = 0;
+    double sx = 0;
+    double sy = 0;
+    double sxx = 0;
+    double sxy = 0;
+    const double x0 = points.front().index;
+    const double y0 = points.front().value;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        if (!use[i])
+            continue;
+        const double x = points[i].index - x0;
+        const double y = points[i].value - y0;
+        n += 1;
+        sx += x;
+        sy += y;
+        sxx += x * x;
+        sxy += x * y;
+    }
+    const double d = n * sxx - sx * sx;
+    if (d <= 0)
+        return {0, y0};
+    const double slope = (n * sxy - sx * sy) / d;
+    return {slope, y0 + (sy - slope * sx) / n - slope * x0};
+}
+} // namespace
+
+std::optional<PcrAccuracy::Result> PcrAccuracy::add(const Place& place, std::uint64_t index,
+                                                    Ticks distance) {
+    const double value = points_.empty() ? 0 : points_.back().value + static_cast<double>(distance);
+    points_.push_back({place, static_cast<double>(index), value});
+    if (points_.size() < 2 * around + 1)
+        return std::nullopt;
+    // The line of those that lie on one: what is far off at first is left out of the second fit.
+    std::vector<bool> use(points_.size(), true);
+    use[around] = false;
+    std::vector<double> off(points_.size());
+    for (int round = 0; round < 3; ++round) {
+        const Line line = fit(points_, use);
+        for (std::size_t i = 0; i < points_.size(); ++i)
+            off[i] = std::abs(points_[i].value - line.at(points_[i].index));
+        std::vector<double> sorted = off;
+        std::nth_element(sorted.begin(), sorted.begin() + around, sorted.end());
+        const double limit = std::max(3 * sorted[around], 2.0); // PCRs are whole ticks
+        for (std::size_t i = 0; i < points_.size(); ++i)
+            use[i] = i != around && off[i] <= limit;
+    }
+    const Line line = fit(points_, use);
+    const Point& middle = points_[around];
+    const Result result = {middle.place, (middle.value - line.at(middle.index)) * 1e9 /
+                                             static_cast<double>(ticks_per_second)};
+    points_.pop_front();
+    return result;
+}
+
+PcrRules::PcrRules(const Options& options, Output& output, JumpSink& jumps)
+    : options_(options), output_(output), jumps_(jumps) {}
+
+Finding PcrRules::make(Rule rule, Kind kind, std::uint16_t pid) const {
+    Finding f;
+    f.rule = rule;
+    f.kind = kind;
+    f.severity = info(rule).severity;
+    f.pid = pid;
+    if (programs_)
+        f.programs = programs_->programs_of(pid);
+    return f;
+}
+
+void PcrRules::programs(const ProgramsPtr& programs, const Place& place) {
+    programs_ = programs;
+    for (auto& [pid, state] : states_)
+        if (state.announced && !programs->is_pcr_pid(pid)) { // what comes back begins anew
+            const bool ever = state.ever;
+            state = {};
+            state.ever = ever;
+        }
+    for (const Program& p : programs->programs) {
+        if (!p.pmt_in_force || p.pcr_pid == null_pid)
+            continue;
+        State& state = states_[p.pcr_pid];
+        if (state.announced)
+            continue;
+        state.announced = state.ever = true;
+        state.since = place;
+    }
+}
+
+void PcrRules::gap(std::uint16_t pid, State& state, const Place& from, const Place& to,
+                   Ticks distance, bool lost) {
+    if (distance <= options_.limits.pcr_gap || options_.profile == Profile::segment)
+        return;
+    if (lost) {
+        output_.consequence(Rule::pcr_repetition_error);
+        return;
+    }
+    Finding f = make(Rule::pcr_repetition_error, Kind::none, pid);
+    if (!state.announced)
+        f.severity = Severity::info;
+    f.shape = Shape::interval;
+    f.begin = from;
+    f.end = to;
+    f.detail.interval_ms = ms(distance);
+    f.detail.limit_ms = ms(options_.limits.pcr_gap);
+    jumps_.pcr_gap(pid, from, to);
+    output_.finding(std::move(f));
+    if (options_.profile == Profile::tr101290)
+        plain_gap_as_jump(pid, to, distance);
+}
+
+// The letter of TR 101 290: a distance above the limit is a discontinuity, whatever caused it.
+void PcrRules::plain_gap_as_jump(std::uint16_t pid, const Place& to, Ticks distance) {
+    Finding f = make(Rule::pcr_discontinuity_indicator_error, Kind::ahead, pid);
+    f.begin = f.end = to;
+    f.detail.step_ms = ms(distance);
+    output_.finding(std::move(f));
+}
+
+void PcrRules::jump(std::uint16_t pid, const Place& from, const Place& to, Ticks step, bool flagged,
+                    bool main) {
+    jumps_.clock_jumped(pid, from, to, flagged, main);
+    Finding f = flagged ? make(Rule::clock_jump, Kind::flagged, pid)
+                        : make(Rule::pcr_discontinuity_indicator_error,
+                               step < 0 ? Kind::back : Kind::ahead, pid);
+    f.begin = f.end = to;
+    f.detail.step_ms = ms(step);
+    output_.finding(std::move(f));
+}
+
+// The first PCR of a pid: was it announced for too long?
+void PcrRules::first(std::uint16_t pid, State& state, const Place& place) {
+    if (state.last || !state.announced || place.estimated || place.time == no_time ||
+        state.since.time == no_time)
+        return;
+    const Place& from = state.since;
+    gap(pid, state, from, place, place.time - from.time, false);
+}
+
+void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to) {
+    if (i.stretch == Stretch::bridged)
+        return;
+    State& state = states_[i.to.pid];
+    if (!state.last && i.stretch != Stretch::moved) {
+        State& begin = states_[i.from.pid];
+        first(i.from.pid, begin, from);
+        begin.last = i.from;
+        begin.last_place = from;
+        ++begin.count;
+        begin.accuracy.add(from, i.from.at.index, 0);
+    }
+    if (i.stretch == Stretch::moved) {
+        Finding f = make(Rule::clock_jump, Kind::moved, i.to.pid);
+        f.begin = f.end = to;
+        output_.finding(std::move(f));
+        jumps_.clock_jumped(i.to.pid, from, to, true, true);
+        first(i.to.pid, state, to);
+    } else if (i.stretch == Stretch::jump || i.stretch == Stretch::flagged) {
+        jump(i.to.pid, from, to, i.step, i.stretch == Stretch::flagged, true);
+    } else {
+        gap(i.to.pid, state, from, to, i.distance, i.stretch == Stretch::lost);
+    }
+    const bool usable = i.constant && i.stretch == Stretch::steady && !i.disturbed && i.added == 0;
+    accuracy(i.to.pid, state, to, i.to.at.index, i.distance, usable);
+    state.last = i.to;
+    state.last_place = to;
+    ++state.count;
+}
+
+void PcrRules::other(const PcrPoint& point, const Place& place, const StreamClock& clock) {
+    State& state = states_[point.pid];
+    ++state.count;
+    if (!state.last) {
+        first(point.pid, state, place);
+        state.accuracy.add(place, point.at.index, 0);
+    } else {
+        const std::uint64_t from = state.last->at.index;
+        const bool disturbed = clock.disturbed_between(from, point.at.index);
+        const Ticks distance = clock_distance(state.last->value, point.value, pcr_wrap);
+        const Ticks off = distance - (place.time - state.last_place.time);
+        const bool constant = clock.rate().constant();
+        const auto lost = disturbed ? ticks_per_second / 5 : 0;
+        const bool jumps = std::abs(off) > (constant ? jump_constant : jump_variable) + lost;
+        if (jumps && state.announced)
+            jump(point.pid, state.last_place, place, off, point.flagged, false);
+        else if (!jumps)
+            gap(point.pid, state, state.last_place, place, distance,
+                disturbed && distance < 3 * ticks_per_second);
+        const bool usable =
+            constant && !jumps && !disturbed && clock.added_between(from, point.at.index) == 0;
+        accuracy(point.pid, state, place, point.at.index, distance, usable);
+    }
+    state.last = point;
+    state.last_place = place;
+}
+
+void PcrRules::accuracy(std::uint16_t pid, State& state, const Place& place, std::uint64_t index,
+                        Ticks distance, bool usable) {
+    if (!usable) {
+        state.accuracy.clear();
+        distance = 0;
+    }
+    const auto result = state.accuracy.add(place, index, distance);
+    if (!result)
+        return;
+    const bool bad = std::abs(result->error_ns) > options_.limits.pcr_accuracy_ns;
+    ++(bad ? state.inaccurate : state.accurate);
+    if (!bad)
+        return;
+    const std::uint32_t all = state.accurate + state.inaccurate;
+    if (all < enough_to_judge) {
+        state.early.push_back(*result);
+        return;
+    }
+    if (state.inaccurate * 2 > all)
+        return; // not exact enough to be held against the limit
+    for (const auto& r : state.early)
+        inaccurate(pid, r);
+    state.early.clear();
+    inaccurate(pid, *result);
+}
+
+void PcrRules::inaccurate(std::uint16_t pid, const PcrAccuracy::Result& result) {
+    Finding f = make(Rule::pcr_accuracy_error, Kind::none, pid);
+    f.begin = f.end = result.place;
+    f.detail.error_ns = result.error_ns;
+    output_.finding(std::move(f));
+}
+
+void PcrRules::finish(const Place& end, bool constant_rate) {
+    for (auto& [pid, state] : states_) {
+        if (!state.early.empty() && state.inaccurate * 2 <= state.accurate + state.inaccurate)
+            for (const auto& r : state.early)
+                inaccurate(pid, r);
+        if (!state.announced || !state.last || end.time == no_time ||
+            options_.profile == Profile::segment)
+            continue;
+        if (end.estimated && !constant_rate)
+            continue; // an estimate opens no gap
+        const Ticks since = end.time - state.last_place.time;
+        if (since <= options_.limits.pcr_gap)
+            continue;
+        Finding f = make(Rule::pcr_repetition_error, Kind::none, pid);
+        f.shape = Shape::interval;
+        f.open = true;
+        f.begin = state.last_place;
+        f.end = end;
+        f.detail.interval_ms = ms(since);
+        f.detail.limit_ms = ms(options_.limits.pcr_gap);
+        output_.finding(std::move(f));
+    }
+}
+
+std::optional<Ticks> PcrRules::value_at(std::uint16_t pid, const At& at, const Rate& rate) const {
+    const auto s = states_.find(pid);
+    if (s == states_.end() || !s->second.last)
+        return std::nullopt;
+    const PcrPoint& last = *s->second.last;
+    if (!rate.constant() || at.index < last.at.index)
+        return last.value;
+    const auto since =
+        static_cast<Ticks>(static_cast<double>(at.index - last.at.index) * rate.ticks_per_packet());
+    return (last.value + since) % pcr_wrap;
+}
+
+void PcrRules::judge(Judgement& judgement, bool has_clock) const {
+    for (const auto& [pid, state] : states_) {
+        if (!state.ever)
+            continue;
+        if (options_.profile == Profile::segment)
+            judgement.not_applicable(Rule::pcr_repetition_error, "profile segment");
+        else if (state.count >= 2)
+            judgement.yes(Rule::pcr_repetition_error);
+        else
+            judgement.no(Rule::pcr_repetition_error, has_clock ? "fewer than two PCRs" : "no clock",
+                         pid);
+        if (state.count >= 2)
+            judgement.yes(Rule::pcr_discontinuity_indicator_error);
+        else
+            judgement.no(Rule::pcr_discontinuity_indicator_error, "fewer than two PCRs", pid);
+        const std::uint32_t all = state.accurate + state.inaccurate;
+        if (all == 0)
+            judgement.no(Rule::pcr_accuracy_error, "no constant rate", pid);
+        else if (state.inaccurate * 2 > all)
+            judgement.no(Rule::pcr_accuracy_error, "rate not constant enough for the limit", pid);
+        else
+            judgement.yes(Rule::pcr_accuracy_error);
+    }
+}
+
+} // namespace quarn

@@ -1,0 +1,101 @@
+// PCRs in time: 2.3.a (too far apart), 2.3.b and q.7 (jumps, not flagged and flagged), 2.4
+// (accuracy).
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "clock.h"
+#include "output.h"
+#include "programs.h"
+
+namespace quarn {
+
+/// Told of every jump of a program's clock that the PCR rules find.
+class JumpSink {
+  public:
+    virtual ~JumpSink() = default;
+    /// `from` and `to`: the PCRs on both sides; pid: theirs; `main`: it is the stream clock.
+    virtual void clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool flagged,
+                              bool main) = 0;
+    /// A PCR gap that is a finding.
+    virtual void pcr_gap(std::uint16_t pid, const Place& from, const Place& to) = 0;
+};
+
+/// Is each PCR where a constant rate puts it? A line through the 20 PCRs around tells.
+class PcrAccuracy {
+  public:
+    struct Point {
+        Place place;
+        double index = 0; // packets
+        double value = 0; // ticks, unwrapped
+    };
+    struct Result {
+        Place place;
+        double error_ns = 0;
+    };
+    /// The next PCR of the pid, undisturbed since the one before. Gives the one in the middle of
+    /// the window.
+    std::optional<Result> add(const Place& place, std::uint64_t index, Ticks distance);
+    /// Something broke: begins anew.
+    void clear() { points_.clear(); }
+
+  private:
+    static constexpr std::size_t around = 10;
+    std::deque<Point> points_;
+};
+
+class PcrRules {
+  public:
+    PcrRules(const Options& options, Output& output, JumpSink& jumps);
+
+    void programs(const ProgramsPtr& programs, const Place& place);
+    /// An interval of the stream clock's pid.
+    void own(const ClockInterval& interval, const Place& from, const Place& to);
+    /// A PCR of another pid. `lost`: the time that packets missing since the one before account for
+    /// at most.
+    void other(const PcrPoint& point, const Place& place, const StreamClock& clock);
+    void finish(const Place& end, bool constant_rate);
+    void judge(Judgement& judgement, bool has_clock) const;
+
+    /// The value of that pid's clock at a packet: at a constant rate what it should be by now, else
+    /// that of its last PCR. Modulo pcr_wrap.
+    std::optional<Ticks> value_at(std::uint16_t pid, const At& at, const Rate& rate) const;
+
+  private:
+    struct State {
+        std::optional<PcrPoint> last;
+        Place last_place;
+        Place since; // announced from here on
+        bool announced = false;
+        bool ever = false; // announced at some time
+        std::uint64_t count = 0;
+        PcrAccuracy accuracy;
+        std::uint32_t accurate = 0; // PCRs that were held against the limit of 2.4
+        std::uint32_t inaccurate = 0;
+        std::vector<PcrAccuracy::Result> early; // until it is clear that the rate is exact enough
+    };
+
+    void gap(std::uint16_t pid, State& state, const Place& from, const Place& to, Ticks distance,
+             bool lost);
+    void jump(std::uint16_t pid, const Place& from, const Place& to, Ticks step, bool flagged,
+              bool main);
+    void plain_gap_as_jump(std::uint16_t pid, const Place& to, Ticks distance);
+    void accuracy(std::uint16_t pid, State& state, const Place& place, std::uint64_t index,
+                  Ticks distance, bool usable);
+    void inaccurate(std::uint16_t pid, const PcrAccuracy::Result& result);
+    void first(std::uint16_t pid, State& state, const Place& place);
+    Finding make(Rule rule, Kind kind, std::uint16_t pid) const;
+
+    const Options& options_;
+    Output& output_;
+    JumpSink& jumps_;
+    ProgramsPtr programs_;
+    std::map<std::uint16_t, State> states_;
+};
+
+} // namespace quarn
