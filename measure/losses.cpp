@@ -1,0 +1,537 @@
+#include "losses.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace quarn {
+
+namespace {
+constexpr Ticks wait = 600 * ticks_per_ms;
+constexpr Ticks kept = 4 * ticks_per_second;
+constexpr Ticks rate_over = ticks_per_second;
+constexpr Ticks before_jump = 200 * ticks_per_ms;
+constexpr double no_nulls = 0.001;
+constexpr std::int64_t datagram_packets = 7;
+
+/// Packets of an error, if it is a whole number of them.
+std::optional<std::int64_t> whole_packets(double error, double tpp) {
+    const double n = std::round(error / tpp);
+    if (std::abs(error - n * tpp) >= std::min(80e-6 * ticks_per_second, tpp / 4))
+        return std::nullopt;
+    return static_cast<std::int64_t>(n);
+}
+
+/// The number congruent to d modulo 16 that is nearest to `to`, at least `least`.
+std::int64_t nearest(std::int64_t d, double to, std::int64_t least) {
+    std::int64_t best = d < least ? d + 16 : d;
+    for (std::int64_t n = best; static_cast<double>(n) <= to + 16; n += 16)
+        if (std::abs(static_cast<double>(n) - to) < std::abs(static_cast<double>(best) - to))
+            best = n;
+    return best;
+}
+} // namespace
+
+Losses::Losses(const Options& options, Output& output) : options_(options), output_(output) {}
+
+void Losses::programs(const ProgramsPtr& programs) {
+    programs_ = programs;
+}
+
+void Losses::counter_break(const CounterBreak& fault) {
+    Break b;
+    b.fault = fault;
+    const auto behind = std::find_if(breaks_.rbegin(), breaks_.rend(), [&](const Break& x) {
+        return x.fault.at.index <= fault.at.index;
+    });
+    breaks_.insert(behind.base(), b);
+    traffic_[fault.pid].dirty = true;
+}
+
+void Losses::damaged(std::uint16_t pid, std::uint64_t index) {
+    auto& d = damaged_[pid];
+    d.push_back(index);
+    if (d.size() > 64)
+        d.pop_front();
+}
+
+void Losses::interval(const ClockInterval& interval) {
+    if (interval.stretch != Stretch::bridged)
+        intervals_.push_back(interval);
+}
+
+void Losses::span(const PidSpan& span) {
+    auto& spans = traffic_[span.pid].spans;
+    spans.push_back(span);
+    while (spans.front().last.time + kept / 2 < span.last.time || spans.size() > 128)
+        spans.pop_front();
+}
+
+void Losses::pes(const PesEvent& event, const At& at, double per_second, double per_start) {
+    Traffic& t = traffic_[event.pid];
+    t.packets_since += event.packets;
+    const auto stamp = event.dts ? event.dts : event.pts;
+    Break* mine = nullptr;
+    unsigned several = 0;
+    for (Break& b : breaks_)
+        if (b.fault.pid == event.pid && !b.pes_seen && b.fault.at.index <= at.index &&
+            b.fault.before.index >= t.start) {
+            mine = &b;
+            b.pes_seen = true;
+            ++several;
+        }
+    if (mine != nullptr && several == 1) {
+        const ElementaryStream* stream = programs_ ? programs_->stream(event.pid) : nullptr;
+        const bool audio = stream != nullptr && stream->kind == StreamKind::audio;
+        const double step = stamp && t.stamp
+                                ? static_cast<double>(clock_distance(*t.stamp, *stamp, stamp_wrap))
+                                : 0;
+        if (event.declared > 0 && event.received < event.declared &&
+            (!audio || step <= 1.5 * per_start)) {
+            mine->pes_short = (event.declared - event.received) / 184.0;
+            mine->pes_sure = true;
+        } else if (audio && per_second > 0 && step > 0 && step < 3 * 90000.0) {
+            mine->pes_short = step / 90000.0 * per_second - t.packets_since;
+        }
+        if (!audio && per_start > 0 && step > 0) {
+            mine->frames_seen = true;
+            mine->frames_missing = step / per_start - 1;
+        }
+    }
+    if (stamp) {
+        t.stamp = stamp;
+        t.packets_since = 0;
+    }
+    t.start = at.index;
+    t.dirty = false;
+}
+
+void Losses::clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool main) {
+    jumps_.push_back({pid, from, to, main});
+    if (jumps_.size() > 32)
+        jumps_.pop_front();
+}
+
+void Losses::outage(const Place& from, const Place& to) {
+    outages_.emplace_back(from, to);
+    if (outages_.size() > 16)
+        outages_.pop_front();
+}
+
+bool Losses::touches(const Break& b, const ClockInterval& i) const {
+    return b.fault.before.index < i.to.at.index && b.fault.at.index > i.from.at.index;
+}
+
+// ---------------------------------------------------------------- what follows from something else
+
+bool Losses::follows(const Break& b, const StreamClock& clock) {
+    const std::uint64_t before = b.fault.before.index;
+    const std::uint64_t at = b.fault.at.index;
+    const Ticks time = clock.place(b.fault.at).time;
+    for (const Jump& j : jumps_) {
+        bool mine = j.main;
+        if (programs_ && !mine)
+            for (const std::uint16_t n : programs_->programs_of(j.pid))
+                for (const std::uint16_t m : programs_->programs_of(b.fault.pid))
+                    mine = mine || n == m;
+        if (mine && before + 1 < j.to.packet &&
+            (at + 1 >= j.to.packet || time >= j.to.time - before_jump))
+            return true;
+    }
+    for (const auto& [from, to] : outages_)
+        if (before + 1 < to.packet && at + 1 > from.packet)
+            return true;
+    if (const auto d = damaged_.find(b.fault.pid); d != damaged_.end()) {
+        const auto n = std::count_if(d->second.begin(), d->second.end(), [&](std::uint64_t index) {
+            return index > before && index < at;
+        });
+        if (n > 0 && b.fault.distance() <= static_cast<unsigned>(n))
+            return true;
+    }
+    return false;
+}
+
+// ---------------------------------------------------------------- how many
+
+// Packets that are missing from the multiplex in all intervals that the breaks touch, if the rate
+// tells.
+std::optional<std::int64_t> Losses::missing(const std::vector<Break*>& cluster,
+                                            const Rate& rate) const {
+    if (!rate.constant())
+        return std::nullopt;
+    std::int64_t sum = 0;
+    bool any = false;
+    std::uint64_t covered_to = 0;
+    for (const ClockInterval& i : intervals_) {
+        const bool mine = std::any_of(cluster.begin(), cluster.end(),
+                                      [&](const Break* b) { return touches(*b, i); });
+        if (!mine)
+            continue;
+        if (!i.constant || i.stretch == Stretch::jump || i.stretch == Stretch::flagged ||
+            i.stretch == Stretch::moved)
+            return std::nullopt;
+        const auto n = whole_packets(i.error, rate.ticks_per_packet());
+        if (!n || *n < 0)
+            return std::nullopt;
+        sum += *n;
+        any = true;
+        covered_to = std::max(covered_to, i.to.at.index);
+    }
+    for (const Break* b : cluster)
+        if (b->fault.at.index > covered_to)
+            return std::nullopt;
+    return any ? std::optional(sum) : std::nullopt;
+}
+
+// Packets of that pid that a stretch of time would have had at its usual pace.
+double Losses::due(std::uint16_t pid, const Place& from, const Place& to) const {
+    const auto t = traffic_.find(pid);
+    if (t == traffic_.end() || from.time == no_time)
+        return 0;
+    double packets = 0;
+    Ticks begin = from.time;
+    for (const PidSpan& s : t->second.spans)
+        if (s.last.packet <= from.packet && s.last.time > from.time - rate_over) {
+            packets += s.packets;
+            begin = std::min(begin, s.first.time);
+        }
+    const Ticks over = std::max<Ticks>(from.time - begin, ticks_per_second / 20);
+    return packets * static_cast<double>(to.time - from.time) / static_cast<double>(over);
+}
+
+void Losses::name(std::vector<Break*>& cluster, const StreamClock& clock) {
+    const auto sum = missing(cluster, clock.rate());
+    if (sum)
+        name_constant(cluster, *sum, clock);
+    else
+        for (Break* b : cluster)
+            name_variable(*b, clock);
+    datagram(cluster, sum, clock);
+}
+
+void Losses::name_constant(std::vector<Break*>& cluster, std::int64_t missing,
+                           const StreamClock& clock) {
+    if (missing == 0) { // every slot of the multiplex is accounted for
+        for (Break* b : cluster) {
+            b->kind = Kind::reset;
+            b->sure = Sure::exact;
+        }
+        return;
+    }
+    std::int64_t least = 0;
+    for (const Break* b : cluster)
+        least += b->fault.distance();
+    if (least == missing) {
+        for (Break* b : cluster) {
+            b->lost = b->fault.distance();
+            b->sure = Sure::exact;
+        }
+        return;
+    }
+    if (least > missing && cluster.size() > 1) {
+        // Some are losses and some counters that began anew: those that make up the number.
+        const std::size_t n = std::min<std::size_t>(cluster.size(), 12);
+        for (std::uint32_t set = 1; set < (1u << n); ++set) {
+            std::int64_t sum = 0;
+            for (std::size_t k = 0; k < n; ++k)
+                if (set >> k & 1)
+                    sum += cluster[k]->fault.distance();
+            if (sum != missing)
+                continue;
+            for (std::size_t k = 0; k < cluster.size(); ++k) {
+                const bool is_loss = k < n && (set >> k & 1);
+                cluster[k]->kind = is_loss ? Kind::loss : Kind::reset;
+                cluster[k]->lost = is_loss ? cluster[k]->fault.distance() : 0;
+                cluster[k]->sure = Sure::guess;
+            }
+            return;
+        }
+    }
+    share_out(cluster, missing, clock);
+}
+
+// More is missing than the counters say: sixteens of one of them, or null packets.
+void Losses::share_out(std::vector<Break*>& cluster, std::int64_t missing,
+                       const StreamClock& clock) {
+    for (Break* b : cluster)
+        b->lost = b->fault.distance();
+    std::int64_t rest = missing;
+    for (const Break* b : cluster)
+        rest -= b->lost;
+    const bool nulls = null_share_ > no_nulls;
+    if (rest >= 16) {
+        Break* busiest = nullptr;
+        double most = -1;
+        for (Break* b : cluster) {
+            const double d =
+                due(b->fault.pid, clock.place(b->fault.before), clock.place(b->fault.at));
+            if (d > most) {
+                most = d;
+                busiest = b;
+            }
+        }
+        const std::int64_t up_to = busiest->lost + rest / 16 * 16;
+        std::int64_t lost = up_to;
+        if (nulls) {
+            double expected = most - 1;
+            if (busiest->pes_short && cluster.size() == 1 && busiest->pes_sure)
+                expected = *busiest->pes_short;
+            lost = std::min(up_to, nearest(busiest->fault.distance(), expected, 1));
+        }
+        if (cluster.size() > 1 && lost != busiest->lost)
+            busiest->sure = Sure::guess;
+        rest -= lost - busiest->lost;
+        busiest->lost = lost;
+    }
+    for (Break* b : cluster) {
+        const bool by_length = b->pes_short && b->pes_sure &&
+                               std::abs(*b->pes_short - static_cast<double>(b->lost)) < 1.5;
+        if (b->sure != Sure::guess && (rest == 0 || by_length || (cluster.size() == 1 && !nulls)))
+            b->sure = Sure::exact;
+    }
+}
+
+void Losses::name_variable(Break& b, const StreamClock& clock) {
+    const auto d = static_cast<std::int64_t>(b.fault.distance());
+    const ElementaryStream* stream = programs_ ? programs_->stream(b.fault.pid) : nullptr;
+    const bool audio = stream != nullptr && stream->kind == StreamKind::audio;
+    b.lost = d;
+    if (b.pes_short && b.pes_sure) {
+        const double gone = *b.pes_short;
+        if (gone > 0.02) {
+            b.lost = nearest(d, std::ceil(gone - 0.02), 1);
+            b.sure = Sure::exact;
+        } else {
+            b.kind = Kind::reset;
+            b.lost = 0;
+            b.sure = Sure::exact;
+        }
+        return;
+    }
+    if (b.pes_short && audio) {
+        b.lost = nearest(d, *b.pes_short, 0 < d ? 1 : 16);
+        if (std::abs(*b.pes_short) < std::abs(*b.pes_short - static_cast<double>(b.lost))) {
+            b.kind = Kind::reset;
+            b.lost = 0;
+            b.sure = Sure::guess;
+        }
+        return;
+    }
+    bool pcr_missing = false;
+    for (const ClockInterval& i : intervals_)
+        pcr_missing =
+            pcr_missing || (touches(b, i) && i.distance > clock.rate().usual_distance() * 3 / 2);
+    if (b.fault.got == 0 && stream != nullptr && b.frames_seen && b.frames_missing < 0.5 &&
+        !pcr_missing) {
+        b.kind = Kind::reset;
+        b.lost = 0;
+        b.sure = Sure::guess;
+    }
+}
+
+// ---------------------------------------------------------------- deciding
+
+void Losses::advance(const StreamClock& clock, const Place& now, bool at_end) {
+    while (!breaks_.empty()) {
+        const Break& first = breaks_.front();
+        const bool covered = first.fault.at.index <= clock.known_to();
+        const Ticks time = clock.place(first.fault.at).time;
+        const bool old = now.time != no_time && time != no_time
+                             ? now.time >= time + wait
+                             : now.packet >= first.fault.at.index + 10'000;
+        if (!at_end && (!covered || !old))
+            break;
+        std::vector<Break*> cluster = {&breaks_.front()};
+        std::uint64_t to = breaks_.front().fault.at.index;
+        for (std::size_t k = 1; k < breaks_.size();
+             ++k) { // breaks in the same intervals share what is missing
+            Break& b = breaks_[k];
+            bool together = false;
+            for (const ClockInterval& i : intervals_)
+                together =
+                    together ||
+                    (b.fault.at.index > i.from.at.index && b.fault.before.index < i.to.at.index &&
+                     to > i.from.at.index && first.fault.before.index < i.to.at.index &&
+                     std::abs(i.error) > clock.rate().ticks_per_packet() / 4);
+            const Ticks apart = clock.place(b.fault.at).time - time;
+            if (!together || apart > wait)
+                continue;
+            cluster.push_back(&b);
+            to = std::max(to, b.fault.at.index);
+        }
+        for (Break* b : cluster)
+            b->follows = follows(*b, clock);
+        std::vector<Break*> own;
+        std::copy_if(cluster.begin(), cluster.end(), std::back_inserter(own),
+                     [](const Break* b) { return !b->follows; });
+        if (!own.empty())
+            name(own, clock);
+        for (Break* b : cluster) {
+            b->decided = true;
+            emit(*b, clock);
+        }
+        std::erase_if(breaks_, [](const Break& b) { return b.decided; });
+    }
+    silent_losses(clock, now, at_end);
+    forget(now);
+}
+
+void Losses::emit(const Break& b, const StreamClock& clock) {
+    if (b.follows) {
+        ++consequences_;
+        output_.consequence(Rule::continuity_count_error);
+        return;
+    }
+    Finding f;
+    f.rule = Rule::continuity_count_error;
+    f.kind = b.kind;
+    f.sure = b.sure;
+    f.pid = b.fault.pid;
+    if (programs_)
+        f.programs = programs_->programs_of(b.fault.pid);
+    f.begin = f.end = clock.place(b.fault.at);
+    f.detail.expected = static_cast<int>(b.fault.expected);
+    f.detail.got = static_cast<int>(b.fault.got);
+    if (b.kind == Kind::loss) {
+        f.detail.lost = b.lost;
+        traffic_[b.fault.pid].lost += static_cast<std::uint64_t>(b.lost);
+    }
+    output_.finding(std::move(f));
+}
+
+// Losses of several pids that fit one datagram of seven packets between two packets that came.
+void Losses::datagram(const std::vector<Break*>& cluster, std::optional<std::int64_t> missing,
+                      const StreamClock& clock) {
+    std::vector<const Break*> losses;
+    std::int64_t sum = 0;
+    std::uint64_t from = 0;
+    std::uint64_t to = UINT64_MAX;
+    for (const Break* b : cluster)
+        if (b->kind == Kind::loss) {
+            losses.push_back(b);
+            sum += b->lost;
+            from = std::max(from, b->fault.before.index);
+            to = std::min(to, b->fault.at.index);
+        }
+    if (losses.size() < 2 || from >= to || missing.value_or(sum) != datagram_packets ||
+        sum > datagram_packets)
+        return;
+    const auto first =
+        std::min_element(losses.begin(), losses.end(), [](const Break* a, const Break* b) {
+            return a->fault.at.index < b->fault.at.index;
+        });
+    Finding f;
+    f.rule = Rule::datagram_error;
+    f.kind = Kind::loss;
+    f.severity = Severity::info;
+    f.sure = Sure::guess;
+    f.begin = f.end = clock.place((*first)->fault.at);
+    f.detail.datagrams = 1;
+    f.detail.packets = datagram_packets;
+    for (const Break* b : losses)
+        f.detail.pids.push_back(b->fault.pid);
+    std::sort(f.detail.pids.begin(), f.detail.pids.end());
+    f.detail.pids.erase(std::unique(f.detail.pids.begin(), f.detail.pids.end()),
+                        f.detail.pids.end());
+    output_.finding(std::move(f));
+}
+
+// ---------------------------------------------------------------- losses that no counter shows
+
+// At a constant rate whole sixteens that are missing leave no break, but a hole in time.
+void Losses::silent_losses(const StreamClock& clock, const Place& now, bool at_end) {
+    if (!clock.rate().constant())
+        return;
+    const double tpp = clock.rate().ticks_per_packet();
+    const ClockInterval* first = nullptr;
+    const ClockInterval* last = nullptr;
+    std::int64_t sum = 0;
+    const auto close = [&] {
+        if (first != nullptr && sum >= 16)
+            silent_loss(sum, *first, *last, clock);
+        if (last != nullptr)
+            silent_from_ = last->to.at.index;
+        first = last = nullptr;
+        sum = 0;
+    };
+    for (const ClockInterval& i : intervals_) {
+        if (i.to.at.index <= silent_from_)
+            continue;
+        if (!at_end && i.end_time + wait * 2 > now.time && first == nullptr)
+            return;
+        const auto n = whole_packets(i.error, tpp);
+        const bool candidate =
+            i.stretch == Stretch::lost && i.constant && !i.disturbed && n && *n > 0;
+        if (candidate) {
+            first = first != nullptr ? first : &i;
+            last = &i;
+            sum += *n;
+        } else if (first != nullptr && (i.disturbed || i.begin_time > last->end_time + wait)) {
+            close();
+        } else if (first == nullptr) {
+            silent_from_ = i.to.at.index;
+        }
+    }
+    if (first != nullptr && (at_end || now.time > last->end_time + wait))
+        close();
+}
+
+void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
+                         const ClockInterval& last, const StreamClock& clock) {
+    const Place from = clock.place(first.from.at);
+    const Place to = clock.place(last.to.at);
+    for (const auto& [a, b] : outages_)
+        if (from.packet < b.packet && to.packet > a.packet)
+            return;
+    // The pid that has the fewest of the packets that it would have had.
+    std::optional<std::uint16_t> pid;
+    double most = 0.5 * static_cast<double>(packets);
+    Place at = to;
+    for (const auto& [p, t] : traffic_) {
+        if (p == null_pid)
+            continue;
+        double came = 0;
+        for (const PidSpan& s : t.spans)
+            if (s.first.packet > from.packet && s.last.packet <= to.packet)
+                came += s.packets;
+        const double lacks = due(p, from, to) - came;
+        if (lacks > most) {
+            most = lacks;
+            pid = p;
+            for (const PidSpan& s : t.spans)
+                if (s.first.packet > from.packet) {
+                    at = s.first;
+                    break;
+                }
+        }
+    }
+    if (!pid && null_share_ > no_nulls && packets < 32)
+        return; // null packets, or packets without payload
+    Finding f;
+    f.rule = Rule::continuity_count_error;
+    f.kind = Kind::loss;
+    f.sure = Sure::guess;
+    f.pid = pid;
+    if (pid && programs_)
+        f.programs = programs_->programs_of(*pid);
+    f.begin = f.end = at;
+    f.detail.lost = packets / 16 * 16;
+    if (pid)
+        traffic_[*pid].lost += static_cast<std::uint64_t>(packets / 16 * 16);
+    output_.finding(std::move(f));
+}
+
+void Losses::forget(const Place& now) {
+    while (
+        !intervals_.empty() && intervals_.front().end_time + kept < now.time &&
+        (breaks_.empty() || intervals_.front().to.at.index <= breaks_.front().fault.before.index))
+        intervals_.pop_front();
+    while (intervals_.size() > 4096)
+        intervals_.pop_front();
+}
+
+std::uint64_t Losses::lost(std::uint16_t pid) const {
+    const auto t = traffic_.find(pid);
+    return t == traffic_.end() ? 0 : t->second.lost;
+}
+
+} // namespace quarn

@@ -1,0 +1,108 @@
+// Names what lies behind a break of a counter: how many packets were lost, or a counter that began
+// anew.
+//
+// A counter says the number modulo 16 only. At a constant rate the clock says how many packets of
+// the multiplex are missing; else audio frames, PES lengths and PCRs do. Works about 0.6 s behind
+// the clock.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "clock.h"
+#include "continuity.h"
+#include "events.h"
+#include "output.h"
+#include "presence.h"
+
+namespace quarn {
+
+class Losses {
+  public:
+    Losses(const Options& options, Output& output);
+
+    void programs(const ProgramsPtr& programs);
+    void counter_break(const CounterBreak& fault);
+    /// Packets of the pid whose header could not be trusted lie between: breaks up to that many
+    /// follow.
+    void damaged(std::uint16_t pid, std::uint64_t index);
+    void interval(const ClockInterval& interval);
+    void span(const PidSpan& span);
+    /// A PES packet of that pid begins; `per_second`: packets in a second of its stamps, 0 if not
+    /// known; `per_start`: 90 kHz ticks from one start to the next.
+    void pes(const PesEvent& event, const At& at, double per_second, double per_start);
+    void clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool main);
+    void outage(const Place& from, const Place& to);
+    /// The share of null packets in the multiplex so far.
+    void null_share(double share) { null_share_ = share; }
+
+    /// Decides what is older than 0.6 s, or all at the end.
+    void advance(const StreamClock& clock, const Place& now, bool at_end);
+    std::uint64_t lost(std::uint16_t pid) const;
+    std::uint64_t consequences() const { return consequences_; }
+
+  private:
+    struct Break {
+        CounterBreak fault;
+        bool decided = false;
+        Kind kind = Kind::loss;
+        std::int64_t lost = 0;
+        Sure sure = Sure::modulo_16;
+        bool follows = false;            // from something else
+        std::optional<double> pes_short; // packets that its PES or frames lack
+        bool pes_sure = false;           // by a length, not by a rate
+        double frames_missing = 0;       // video
+        bool frames_seen = false;
+        bool pes_seen = false;
+    };
+    struct Traffic { // of a pid over the last seconds
+        std::deque<PidSpan> spans;
+        std::uint64_t lost = 0;
+        std::optional<std::int64_t> stamp; // of the last PES start that had one
+        std::uint64_t start = 0;           // the packet of the last PES start
+        std::uint32_t packets_since = 0;   // packets since the last stamp
+        bool dirty = true;                 // a break since the last start
+    };
+    struct Jump {
+        std::uint16_t pid = 0;
+        Place from;
+        Place to;
+        bool main = false;
+    };
+
+    void name(std::vector<Break*>& cluster, const StreamClock& clock);
+    void name_constant(std::vector<Break*>& cluster, std::int64_t missing,
+                       const StreamClock& clock);
+    void name_variable(Break& b, const StreamClock& clock);
+    std::optional<std::int64_t> missing(const std::vector<Break*>& cluster, const Rate& rate) const;
+    void share_out(std::vector<Break*>& cluster, std::int64_t missing, const StreamClock& clock);
+    double due(std::uint16_t pid, const Place& from, const Place& to) const;
+    bool follows(const Break& b, const StreamClock& clock);
+    void silent_losses(const StreamClock& clock, const Place& now, bool at_end);
+    void silent_loss(std::int64_t packets, const ClockInterval& first, const ClockInterval& last,
+                     const StreamClock& clock);
+    void datagram(const std::vector<Break*>& cluster, std::optional<std::int64_t> missing,
+                  const StreamClock& clock);
+    void emit(const Break& b, const StreamClock& clock);
+    void forget(const Place& now);
+    bool touches(const Break& b, const ClockInterval& i) const;
+
+    const Options& options_;
+    Output& output_;
+    ProgramsPtr programs_;
+    std::deque<Break> breaks_;
+    std::deque<ClockInterval> intervals_;
+    std::uint64_t silent_from_ =
+        0; // intervals up to this packet were looked at for losses without a break
+    std::map<std::uint16_t, Traffic> traffic_;
+    std::map<std::uint16_t, std::deque<std::uint64_t>> damaged_;
+    std::deque<Jump> jumps_;
+    std::deque<std::pair<Place, Place>> outages_;
+    double null_share_ = 0;
+    std::uint64_t consequences_ = 0;
+};
+
+} // namespace quarn

@@ -1,0 +1,79 @@
+// Streams that never come, stop, or have no PCR (1.6), and a multiplex of nothing but null packets
+// (q.9).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "output.h"
+#include "programs.h"
+
+namespace quarn {
+
+/// Told of what explains gaps elsewhere.
+class SilenceSink {
+  public:
+    virtual ~SilenceSink() = default;
+    virtual void stopped(std::uint16_t pid, const Place& from, const Place& to) = 0;
+    virtual void outage(const Place& from, const Place& to) = 0;
+};
+
+/// Packets of one pid in a short stretch: with payload, or all of a pid that has only PCRs.
+struct PidSpan {
+    std::uint16_t pid = 0;
+    Place first;
+    Place last;
+    std::uint32_t packets = 0;
+};
+
+class Presence {
+  public:
+    Presence(const Options& options, Output& output, SilenceSink& silences);
+
+    void programs(const ProgramsPtr& programs, const Place& place);
+    void span(const PidSpan& span);
+    void pcr(std::uint16_t pid, const Place& place);
+    /// Only null packets from `from` on, until `to`.
+    void nulls(const Place& from, const Place& to, bool open);
+    void finish(const Place& end, bool constant_rate);
+    void judge(Judgement& judgement, std::optional<Ticks> duration) const;
+
+  private:
+    struct State {
+        ElementaryStream stream;
+        bool is_pcr = false;
+        bool present = true; // named by a PMT in force
+        Place since;
+        std::optional<Place> first;
+        Place last;
+        Ticks record = 0; // its longest silence that was no fault
+        std::uint64_t packets = 0;
+        std::uint64_t pcrs = 0;
+        bool undecided = false; // an estimate at the end: neither stopped nor sure to go on
+        bool main() const { return stream.is_av() || is_pcr; }
+    };
+
+    void arrived(State& state, const PidSpan& span);
+    void silent(State& state, const Place& to, bool open, Sure sure);
+    void never(const State& state, const Place& to, bool open);
+    void without_pcr(const State& state, const Place& to);
+    void leave(State& state, const Place& place);
+    Ticks dark(const Place& from, const Place& to) const;
+    Finding make(Kind kind, const State& state) const;
+
+    const Options& options_;
+    Output& output_;
+    SilenceSink& silences_;
+    ProgramsPtr programs_;
+    std::map<std::uint16_t, State> states_;
+    struct Outage {
+        Place from;
+        Place to;
+    };
+    std::vector<Outage> outages_; // the latest ones
+    bool ever_streams_ = false;
+};
+
+} // namespace quarn
