@@ -1,0 +1,57 @@
+// Damage to packets themselves: 1.1, 1.2, 2.1, q.10, and counters that show copies, order or stand
+// still.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "clock.h"
+#include "continuity.h"
+#include "output.h"
+#include "programs.h"
+#include "stream.h"
+
+namespace quarn {
+
+class Damage {
+  public:
+    Damage(const Options& options, Output& output) : options_(options), output_(output) {}
+
+    void programs(const ProgramsPtr& programs) { programs_ = programs; }
+    void transport_error(std::uint16_t pid, const Place& place);
+    void sync_byte(std::uint16_t pid, const Place& place);
+    /// `extra`: time that passed beyond what the bytes account for.
+    void sync_loss(const SyncLoss& loss, const Place& begin, const Place& end);
+    void truncated(std::int64_t bytes, const Place& place);
+    void datagrams(const DatagramEvent& event, const Place& place);
+    void order(const OrderFault& fault, const Place& begin, const Place& end);
+    void copies(const CopyFault& fault, const Place& place);
+    void frozen(const FrozenRun& run, const Place& begin, const Place& end);
+    void advance(const Place& now);
+    void finish();
+
+  private:
+    struct Run {
+        Place first;
+        Place last;
+        std::uint64_t count = 0;
+    };
+    struct Swap {
+        OrderFault fault;
+        Place begin;
+        Place end;
+    };
+    void close(std::uint16_t pid, const Run& run);
+    void close_swaps();
+    Finding make(Rule rule, Kind kind, std::optional<std::uint16_t> pid) const;
+
+    const Options& options_;
+    Output& output_;
+    ProgramsPtr programs_;
+    std::map<std::uint16_t, Run> runs_;
+    std::vector<Swap> swaps_; // that overlap
+};
+
+} // namespace quarn

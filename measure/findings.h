@@ -1,0 +1,90 @@
+// Between the rules and the host: what follows from something else is dropped, floods are thinned,
+// the rest is counted and handed on.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <tuple>
+#include <vector>
+
+#include "output.h"
+#include "summary.h"
+
+namespace quarn {
+
+/// The figure of a finding that says how bad it is, in the unit of its rule's own key.
+std::optional<double> magnitude(const Finding& finding);
+
+/// Something that explains other findings where it was.
+struct Cause {
+    enum class What : std::uint8_t {
+        sync_lost,       // bytes missing or inserted
+        transport_error, // damaged packets of the pid
+        stopped,         // no packets of the pid
+        outage,          // null packets only
+    };
+    What what = What::outage;
+    std::optional<std::uint16_t> pid; // not set: all
+    std::uint64_t from = 0;           // packet numbers
+    std::uint64_t to = 0;
+};
+
+class Findings final : public Output {
+  public:
+    Findings(const Options& options, Sink& sink);
+
+    void finding(Finding&& finding) override;
+    void consequence(Rule rule) override;
+    void cause(const Cause& cause);
+    /// The clock has come so far: hands on what waited long enough.
+    void advance(const Place& now);
+    void finish();
+
+    std::uint64_t count(Rule rule) const { return rows_[index(rule)].count; }
+    /// Count, places and worst of a rule so far.
+    void summarise(RuleSummary& row) const;
+    /// The worst severity of what was handed on for that rule.
+    std::optional<Severity> worst_severity(Rule rule) const { return rows_[index(rule)].severity; }
+
+  private:
+    static std::size_t index(Rule rule) { return static_cast<std::size_t>(rule); }
+    struct Row {
+        std::uint64_t count = 0;
+        std::uint64_t consequences = 0;
+        std::optional<Place> first;
+        std::optional<Place> last;
+        std::optional<double> worst;
+        std::optional<Severity> severity;
+    };
+    struct Waiting {
+        Finding finding;
+        Place decided;
+    };
+    using Key = std::tuple<Rule, Kind, std::optional<std::uint16_t>>;
+    struct Flood {
+        unsigned run = 0; // findings with less than a second between
+        Place last;
+        std::optional<Finding> held;
+    };
+
+    bool wanted(const Finding& finding) const;
+    bool follows(const Finding& finding) const;
+    void release(Finding& finding);
+    void thin(Finding& finding);
+    void hand_on(const Finding& finding);
+    static bool apart(const Place& from, const Place& to, Ticks time, std::uint64_t packets);
+    void close_floods(const Place& now, bool all);
+
+    const Options& options_;
+    Sink& sink_;
+    std::deque<Waiting> waiting_;
+    std::deque<Cause> causes_;
+    std::map<Key, Flood> floods_;
+    std::array<Row, rule_count> rows_{};
+    Place now_;
+};
+
+} // namespace quarn

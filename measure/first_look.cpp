@@ -1,0 +1,311 @@
+#include "first_look.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace quarn {
+
+namespace {
+constexpr Ticks look_every = 100 * ticks_per_ms;
+constexpr std::uint64_t look_at_least = 32; // packets
+constexpr Ticks hold_at_most = 450 * ticks_per_ms;
+constexpr std::uint64_t null_run_of_note = 20;
+} // namespace
+
+FirstLook::FirstLook(StreamClock& clock, ContinuitySink& breaks)
+    : clock_(clock), breaks_(breaks), tables_(*this), pes_(*this), slots_(pid_count, 0) {
+    pids_.emplace_back(); // slot 0 stands for none
+}
+
+FirstLook::Pid& FirstLook::slot(std::uint16_t pid) {
+    if (slots_[pid] == 0) {
+        slots_[pid] = static_cast<std::uint16_t>(pids_.size());
+        pids_.emplace_back();
+        Pid& state = pids_.back();
+        state.table = tables_.wants(pid);
+        state.es = pes_.follows(pid);
+    }
+    return pids_[slots_[pid]];
+}
+
+// Faults that were decided late go to where they were.
+template <class Body>
+void FirstLook::put(const At& at, Body&& body) {
+    auto before = queue_.end();
+    while (before != queue_.begin() && std::prev(before)->at.index > at.index)
+        --before;
+    queue_.insert(before, {at, std::forward<Body>(body)});
+}
+
+void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right) {
+    const Packet packet(bytes);
+    last_ = at;
+    last_arrival_ = arrival;
+    const std::uint16_t pid = packet.pid();
+    if (first_) {
+        first_ = false;
+        next_look_ = at.index + look_at_least;
+    }
+    if (at.index >= next_look_)
+        look_at_clock(at, arrival);
+    if (!right)
+        push(at, SyncByteItem{pid});
+    if (packet.transport_error()) {
+        push(at, DamagedItem{pid});
+        if (pid != null_pid)
+            damaged(slot(pid), pid, at);
+        return;
+    }
+    if (pid == null_pid) {
+        ++nulls_;
+        if (null_run_++ == 0)
+            nulls_since_ = at;
+        return;
+    }
+    if (null_run_ > 0)
+        not_null(at);
+    Pid& state = slot(pid);
+    ++state.packets;
+    const bool has_payload = packet.has_payload();
+    auto step = PidCounter::Step::next;
+    if (has_payload) {
+        const At before = state.counter.last();
+        step = state.counter.payload(pid, packet, at, right, *this);
+        if (step == PidCounter::Step::broken)
+            broken(state, pid, before, at, packet.counter());
+        if (step == PidCounter::Step::doubtful) {
+            damaged(state, pid, at);
+            return;
+        }
+        if (step != PidCounter::Step::copy)
+            with_payload(state, packet, at, right, step);
+    } else if (packet.discontinuity()) {
+        state.counter.flag();
+    }
+    if (has_payload || state.pcr_only)
+        alive(state, pid, at);
+    if (right && step != PidCounter::Step::copy && packet.has_pcr())
+        take_pcr(packet, at, arrival);
+}
+
+void FirstLook::damaged(Pid& state, std::uint16_t pid, const At& at) {
+    tables_.disturbed(pid);
+    pes_.disturbed(pid);
+    clock_.disturbed(pid, state.counter.last().index, at.index, 1);
+}
+
+void FirstLook::with_payload(Pid& state, const Packet& packet, const At& at, bool right,
+                             PidCounter::Step step) {
+    (void)step;
+    const unsigned bits = packet.scrambling();
+    if (bits != state.scrambling && right)
+        changed_bits(state, packet, at);
+    if (bits != 0) {
+        ++state.scrambled;
+        ++state.span_scrambled;
+        if (state.table)
+            push(at, ScrambledTableItem{packet.pid()});
+        else if (state.es)
+            pes_.scrambled(packet.pid());
+        return;
+    }
+    if (!right) { // what is in it may be damaged as well
+        tables_.disturbed(packet.pid());
+        pes_.disturbed(packet.pid());
+        return;
+    }
+    if (state.table) {
+        const ProgramsPtr before = tables_.current();
+        tables_.feed(at, packet.pid(), packet.payload(), packet.unit_start());
+        if (tables_.current() != before)
+            new_programs(tables_.current(), at);
+    } else if (state.es) {
+        pes_.feed(at, packet);
+    }
+}
+
+void FirstLook::changed_bits(Pid& state, const Packet& packet, const At& at) {
+    const bool first = state.scrambling == 0xFF;
+    const bool was = !first && state.scrambling != 0;
+    const bool is = packet.scrambling() != 0;
+    state.scrambling = static_cast<std::uint8_t>(packet.scrambling());
+    if (first || was != is)
+        push(at, ScramblingEvent{packet.pid(), first, is});
+}
+
+void FirstLook::broken(Pid& state, std::uint16_t pid, const At& before, const At& at,
+                       unsigned counter) {
+    (void)counter;
+    tables_.disturbed(pid);
+    pes_.disturbed(pid);
+    clock_.disturbed(pid, before.index, at.index, 1);
+    push(at, BrokenItem{pid, before});
+    if (state.counter.holds() && !state.holding) {
+        state.holding = true;
+        holding_.push_back(pid);
+    }
+}
+
+void FirstLook::take_pcr(const Packet& packet, const At& at, Ticks arrival) {
+    PcrPoint point;
+    point.pid = packet.pid();
+    point.at = at;
+    point.value = packet.pcr();
+    point.flagged = packet.discontinuity();
+    point.arrival = arrival;
+    count_frames(point);
+    clock_.pcr(point);
+    if (clock_.pid() == point.pid)
+        close_spans(at);
+    push(at, PcrItem{point});
+}
+
+// The time of the pictures or audio PES packets that began since the last PCR: of the stream of the
+// program that had most of them, for any of them may be what stopped.
+void FirstLook::count_frames(PcrPoint& point) {
+    Starts& starts = starts_[point.pid];
+    double most = -1;
+    for (auto& [pid, before] : starts.of) {
+        const std::uint64_t now = pes_.starts(pid);
+        const double ticks = pes_.ticks_per_start(pid);
+        const auto began = static_cast<double>(now - std::min(before, now));
+        before = now;
+        if (ticks <= 0 || began <= most)
+            continue;
+        most = began;
+        point.frames = static_cast<Ticks>(began * ticks * 300);
+        point.frame = static_cast<Ticks>(ticks * 300);
+    }
+    if (most == 0)
+        point.frames.reset(); // nothing began: that says nothing
+}
+
+void FirstLook::not_null(const At& at) {
+    if (null_run_ > null_run_of_note) {
+        clock_.nulls(nulls_since_.index, at.index);
+        push(at, NullsItem{nulls_since_, false});
+    }
+    null_run_ = 0;
+}
+
+void FirstLook::look_at_clock(const At& at, Ticks arrival) {
+    next_look_ = at.index + std::max(look_at_least, clock_.packets_in(look_every));
+    clock_.tick(at, arrival);
+    close_spans(at);
+    settle_old(at);
+}
+
+void FirstLook::close_spans(const At& at) {
+    if (active_.empty())
+        return;
+    SpansItem item;
+    item.spans.reserve(active_.size());
+    for (const std::uint16_t pid : active_) {
+        Pid& state = pids_[slots_[pid]];
+        item.spans.push_back(
+            {pid, state.span_first, state.span_last, state.span_packets, state.span_scrambled});
+        state.span_packets = state.span_scrambled = 0;
+    }
+    active_.clear();
+    push(at, std::move(item));
+}
+
+void FirstLook::settle_old(const At& at) {
+    if (holding_.empty())
+        return;
+    const std::uint64_t old = clock_.packets_in(hold_at_most);
+    std::erase_if(holding_, [&](std::uint16_t pid) {
+        Pid& state = pids_[slots_[pid]];
+        if (state.counter.holds() && at.index - state.counter.held_since().index >= old)
+            state.counter.settle(pid, true, *this);
+        state.holding = state.counter.holds();
+        return !state.holding;
+    });
+}
+
+void FirstLook::new_programs(const ProgramsPtr& programs, const At& at) {
+    pes_.programs(*programs);
+    clock_.programs(programs, at);
+    starts_.clear();
+    for (const Program& p : programs->programs) {
+        Starts& starts = starts_[p.pcr_pid];
+        for (const ElementaryStream& s : p.streams)
+            if (s.is_av())
+                starts.of.emplace_back(s.pid, pes_.starts(s.pid));
+    }
+    for (std::uint32_t pid = 0; pid < pid_count; ++pid) {
+        if (slots_[pid] == 0)
+            continue;
+        Pid& state = pids_[slots_[pid]];
+        const auto id = static_cast<std::uint16_t>(pid);
+        const bool es = pes_.follows(id);
+        if (state.es && !es)
+            state.counter.forget(id, *this); // what comes back begins anew
+        state.table = tables_.wants(id);
+        state.es = es;
+        const ElementaryStream* stream = programs->stream(id);
+        state.pcr_only = programs->is_pcr_pid(id) && (stream == nullptr || !stream->is_av());
+    }
+}
+
+void FirstLook::event(const At& at, EventBody&& body) {
+    if (auto* pes = std::get_if<PesEvent>(&body)) {
+        const std::uint16_t pid = pes->pid;
+        push(at, PesItem{std::move(*pes), pes_.packets_per_second(pid), pes_.ticks_per_start(pid)});
+        return;
+    }
+    std::visit(
+        [&](auto&& b) {
+            using Body = std::decay_t<decltype(b)>;
+            if constexpr (!std::is_same_v<Body, PesEvent> && !std::is_same_v<Body, DisturbedEvent>)
+                push(at, std::move(b));
+        },
+        std::move(body));
+}
+
+void FirstLook::sync_loss(const SyncLoss& loss, std::uint64_t index) {
+    const At at = {index, loss.end_byte, last_.utc_us};
+    for (std::uint32_t pid = 0; pid < pid_count; ++pid)
+        if (slots_[pid] != 0 && loss.kind != Kind::garbled)
+            pids_[slots_[pid]].counter.forget(static_cast<std::uint16_t>(pid), *this);
+    if (loss.kind != Kind::garbled) {
+        tables_.disturbed(null_pid);
+        pes_.disturbed();
+    }
+    clock_.disturbed(null_pid, last_.index, index, 1);
+    push(at, SyncLossItem{loss, last_});
+}
+
+void FirstLook::datagrams(const DatagramEvent& event, const At& at) {
+    push(at, DatagramEvent(event));
+}
+
+void FirstLook::truncated(const At& at, std::int64_t bytes) {
+    push(at, TruncatedItem{bytes});
+}
+
+void FirstLook::finish() {
+    for (std::uint32_t pid = 0; pid < pid_count; ++pid)
+        if (slots_[pid] != 0)
+            pids_[slots_[pid]].counter.forget(static_cast<std::uint16_t>(pid), *this);
+    if (null_run_ > null_run_of_note) {
+        clock_.nulls(nulls_since_.index, last_.index);
+        push(last_, NullsItem{nulls_since_, true});
+    }
+    close_spans(last_);
+    clock_.finish(last_, last_arrival_);
+}
+
+double FirstLook::null_share() const {
+    return static_cast<double>(nulls_) / static_cast<double>(last_.index + 1);
+}
+
+std::uint64_t FirstLook::packets(std::uint16_t pid) const {
+    return slots_[pid] == 0 ? 0 : pids_[slots_[pid]].packets;
+}
+
+std::uint64_t FirstLook::scrambled(std::uint16_t pid) const {
+    return slots_[pid] == 0 ? 0 : pids_[slots_[pid]].scrambled;
+}
+
+} // namespace quarn

@@ -1,0 +1,180 @@
+// The first look at every packet: counters, sections, PES headers, PCRs. What the rules need to
+// know goes into a queue, in the order of packets, until the clock knows the time.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <variant>
+#include <vector>
+
+#include "clock.h"
+#include "continuity.h"
+#include "events.h"
+#include "pes.h"
+#include "stream.h"
+#include "tables.h"
+
+namespace quarn {
+
+/// Packets of some pids since the last look at the clock.
+struct SpansItem {
+    struct Span {
+        std::uint16_t pid = 0;
+        At first;
+        At last;
+        std::uint32_t packets =
+            0; // that keep a stream alive: with payload, or with a PCR on a pid that has only those
+        std::uint32_t scrambled = 0;
+    };
+    std::vector<Span> spans;
+};
+/// A PCR that can be trusted.
+struct PcrItem {
+    PcrPoint point;
+};
+/// Only null packets from `from` on; the item's packet is the first other one (the last one where
+/// open).
+struct NullsItem {
+    At from;
+    bool open = false;
+};
+/// A counter broke: packets may be missing between that one and the item's.
+struct BrokenItem {
+    std::uint16_t pid = null_pid;
+    At before;
+};
+/// A packet with transport_error_indicator.
+struct DamagedItem {
+    std::uint16_t pid = 0;
+};
+/// The sync byte alone is wrong.
+struct SyncByteItem {
+    std::uint16_t pid = 0;
+};
+struct SyncLossItem {
+    SyncLoss loss;
+    At before;
+};
+struct TruncatedItem {
+    std::int64_t bytes = 0;
+};
+/// A scrambled packet on a pid that carries tables.
+struct ScrambledTableItem {
+    std::uint16_t pid = 0;
+};
+/// A PES packet begins, with what the first look knows of its stream.
+struct PesItem {
+    PesEvent event;
+    double packets_per_second = 0;
+    double ticks_per_start = 0;
+};
+
+struct Item {
+    At at;
+    std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesItem, ScramblingEvent,
+                 SpansItem, PcrItem, NullsItem, BrokenItem, DamagedItem, SyncByteItem, SyncLossItem,
+                 TruncatedItem, ScrambledTableItem, OrderFault, CopyFault, FrozenRun, DatagramEvent>
+        body;
+};
+
+class FirstLook final : EventSink, ContinuitySink {
+  public:
+    /// `breaks` is told of breaks as soon as they are decided; both must outlive this.
+    FirstLook(StreamClock& clock, ContinuitySink& breaks);
+
+    /// One packet in step; `right`: its sync byte is right.
+    void packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right);
+    void sync_loss(const SyncLoss& loss, std::uint64_t index);
+    void datagrams(const DatagramEvent& event, const At& at);
+    void truncated(const At& at, std::int64_t bytes);
+    /// Nothing comes behind the last packet.
+    void finish();
+
+    std::deque<Item>& queue() { return queue_; }
+    const Tables& tables() const { return tables_; }
+    const At& last() const { return last_; }
+    double null_share() const;
+    /// Packets of a pid so far.
+    std::uint64_t packets(std::uint16_t pid) const;
+    std::uint64_t scrambled(std::uint16_t pid) const;
+
+  private:
+    struct Pid {
+        PidCounter counter;
+        // What the tables say of it.
+        bool table = false;
+        bool es = false;
+        bool pcr_only = false; // a PCR pid without video or audio
+        // Since the last look at the clock.
+        std::uint32_t span_packets = 0;
+        std::uint32_t span_scrambled = 0;
+        At span_first;
+        At span_last;
+        // All along.
+        std::uint64_t packets = 0;
+        std::uint64_t scrambled = 0;
+        std::uint8_t scrambling =
+            0xFF;             // control bits of the last packet with payload; 0xFF: none yet
+        bool holding = false; // in holding_
+    };
+    /// PES starts of the streams of a program at its last PCR.
+    struct Starts {
+        std::vector<std::pair<std::uint16_t, std::uint64_t>> of;
+    };
+
+    void event(const At& at, EventBody&& body) override;
+    void counter_break(const CounterBreak& fault) override { breaks_.counter_break(fault); }
+    void order(const OrderFault& fault) override { put(fault.begin, fault); }
+    void copies(const CopyFault& fault) override { put(fault.at, fault); }
+    void frozen(const FrozenRun& run) override { put(run.begin, run); }
+    void added(const At& at, unsigned packets) override { clock_.added(at, packets); }
+
+    Pid& slot(std::uint16_t pid);
+    template <class Body>
+    void push(const At& at, Body&& body) {
+        queue_.push_back({at, std::forward<Body>(body)});
+    }
+    template <class Body>
+    void put(const At& at, Body&& body);
+    void damaged(Pid& state, std::uint16_t pid, const At& at);
+    void with_payload(Pid& state, const Packet& packet, const At& at, bool right,
+                      PidCounter::Step step);
+    void broken(Pid& state, std::uint16_t pid, const At& before, const At& at, unsigned counter);
+    void changed_bits(Pid& state, const Packet& packet, const At& at);
+    void take_pcr(const Packet& packet, const At& at, Ticks arrival);
+    void count_frames(PcrPoint& point);
+    void alive(Pid& state, std::uint16_t pid, const At& at) {
+        if (state.span_packets++ == 0) {
+            state.span_first = at;
+            active_.push_back(pid);
+        }
+        state.span_last = at;
+    }
+    void not_null(const At& at);
+    void look_at_clock(const At& at, Ticks arrival);
+    void close_spans(const At& at);
+    void settle_old(const At& at);
+    void new_programs(const ProgramsPtr& programs, const At& at);
+
+    StreamClock& clock_;
+    ContinuitySink& breaks_;
+    std::deque<Item> queue_;
+    Tables tables_;
+    PesFront pes_;
+    std::vector<std::uint16_t> slots_; // of pids, 0: none
+    std::vector<Pid> pids_;
+    std::vector<std::uint16_t> active_;      // pids with packets since the last look at the clock
+    std::vector<std::uint16_t> holding_;     // pids whose counter waits for more packets
+    std::map<std::uint16_t, Starts> starts_; // by PCR pid
+    At last_;
+    Ticks last_arrival_ = no_time;
+    std::uint64_t next_look_ = 0; // packet
+    At nulls_since_;
+    std::uint64_t null_run_ = 0;
+    std::uint64_t nulls_ = 0;
+    bool first_ = true;
+};
+
+} // namespace quarn

@@ -1,0 +1,192 @@
+// Puts the parts of the library together: first look, clock, timed rules, findings, verdict.
+#include "stream.h"
+
+#include <algorithm>
+
+#include "clock.h"
+#include "findings.h"
+#include "first_look.h"
+#include "timed.h"
+#include "verdict.h"
+
+namespace quarn {
+
+namespace {
+constexpr std::uint64_t wait_for_clock = 10'000; // packets
+} // namespace
+
+class Stream::Impl {
+  public:
+    Impl(const Options& options, Sink& sink)
+        : options_(options), findings_(options_, sink),
+          clock_(options.bitrate, options.limits.pcr_gap), timed_(options_, findings_, clock_),
+          look_(clock_, timed_) {}
+
+    void packet(const std::uint8_t* bytes, const PacketInfo& info) {
+        if (info.arrival != no_time)
+            last_arrival_ = info.arrival;
+        look_.packet(bytes, {index_, info.byte, info.utc_us}, info.arrival, info.sync_right);
+        ++index_;
+        if (index_ >= next_step_)
+            step();
+    }
+
+    void packets(const std::uint8_t* first, std::size_t count, std::size_t stride,
+                 std::uint64_t byte) {
+        for (; count > 0; --count) {
+            look_.packet(first, {index_, byte, no_time}, no_time, true);
+            first += stride;
+            byte += stride;
+            ++index_;
+            if (index_ >= next_step_)
+                step();
+        }
+    }
+
+    void sync_loss(const SyncLoss& loss) { look_.sync_loss(loss, index_); }
+    void datagrams(const DatagramEvent& event) {
+        look_.datagrams(event, {index_, look_.last().byte + packet_size, look_.last().utc_us});
+    }
+    void truncated(std::uint64_t byte, std::int64_t bytes) {
+        look_.truncated({index_, byte, no_time}, bytes);
+    }
+
+    void end() {
+        if (ended_)
+            return;
+        ended_ = true;
+        look_.finish();
+        while (const auto interval = clock_.next(look_.last(), true))
+            timed_.interval(*interval, look_.queue(), look_.null_share());
+        timed_.finish(look_.queue(), look_.last());
+    }
+
+    Summary summary() const;
+
+  private:
+    // Now and then the clock is asked for what it has decided.
+    void step() {
+        next_step_ = index_ + 64;
+        const At& last = look_.last();
+        while (const auto interval = clock_.next(last, false))
+            timed_.interval(*interval, look_.queue(), look_.null_share());
+        if (!clock_.has_clock() && last.index > wait_for_clock + untimed_to_) {
+            untimed_to_ = last.index - wait_for_clock;
+            timed_.untimed(look_.queue(), {untimed_to_, 0, no_time});
+        }
+    }
+
+    void judge_packets(Answers& answers) const;
+    std::vector<ProgramSummary> programs(std::optional<Ticks> duration) const;
+
+    const Options options_;
+    Findings findings_;
+    StreamClock clock_;
+    Timed timed_;
+    FirstLook look_;
+    std::uint64_t index_ = 0;
+    std::uint64_t next_step_ = 64;
+    std::uint64_t untimed_to_ = 0;
+    Ticks last_arrival_ = no_time;
+    bool ended_ = false;
+};
+
+// The rows that need nothing but packets, and those that are not measured here.
+void Stream::Impl::judge_packets(Answers& answers) const {
+    if (index_ > 0) {
+        for (const Rule rule :
+             {Rule::ts_sync_loss, Rule::sync_byte_error, Rule::continuity_count_error,
+              Rule::transport_error, Rule::truncated, Rule::datagram_error})
+            answers.yes(rule);
+        if (clock_.pid())
+            answers.yes(Rule::clock_jump);
+    }
+    for (const Rule rule : {Rule::buffer_error, Rule::empty_buffer_error, Rule::data_delay_error})
+        answers.no(rule, "not measured", std::nullopt);
+    for (const Rule rule : {Rule::analyzer_ended, Rule::suppressed})
+        answers.not_applicable(rule, "live inputs only");
+}
+
+std::vector<ProgramSummary> Stream::Impl::programs(std::optional<Ticks> duration) const {
+    std::vector<ProgramSummary> all;
+    const auto& services = look_.tables().services();
+    for (const Program& p : timed_.seen().programs) {
+        ProgramSummary s;
+        s.number = p.number;
+        s.pmt_pid = p.pmt_pid;
+        if (p.pmt_in_force && p.pcr_pid != null_pid)
+            s.pcr_pid = p.pcr_pid;
+        if (const auto service = services.find(p.number); service != services.end()) {
+            s.name = service->second.name;
+            s.provider = service->second.provider;
+        }
+        for (const ElementaryStream& e : p.streams) {
+            StreamSummary x;
+            x.pid = e.pid;
+            x.kind = e.kind;
+            x.codec = e.codec;
+            x.language = e.language;
+            x.packets = look_.packets(e.pid);
+            x.lost = timed_.lost(e.pid);
+            x.scrambled = look_.scrambled(e.pid);
+            if (duration && *duration > 0)
+                x.bitrate =
+                    static_cast<std::uint64_t>(static_cast<double>(x.packets) * 8 * packet_size *
+                                               ticks_per_second / static_cast<double>(*duration));
+            s.streams.push_back(std::move(x));
+        }
+        all.push_back(std::move(s));
+    }
+    return all;
+}
+
+Summary Stream::Impl::summary() const {
+    Summary s;
+    s.packets = index_;
+    s.bytes = index_ * packet_size;
+    s.clock = clock_.summary();
+    s.duration = clock_.duration();
+    if (s.duration && *s.duration > 0)
+        s.bitrate =
+            static_cast<std::uint64_t>(static_cast<double>((s.packets - 1) * packet_size * 8) *
+                                       ticks_per_second / static_cast<double>(*s.duration));
+    s.programs = programs(s.duration);
+    s.segment_hint = timed_.pats() == 1 && timed_.first_pat() < 100;
+    s.program_missing = options_.program && timed_.seen().program(*options_.program) == nullptr;
+    Answers answers(options_);
+    timed_.judge(answers, s.duration);
+    judge_packets(answers);
+    s.rules = answers.rows(findings_);
+    decide(s, options_, findings_);
+    return s;
+}
+
+Stream::Stream(const Options& options, Sink& sink) : impl_(std::make_unique<Impl>(options, sink)) {}
+Stream::~Stream() = default;
+Stream::Stream(Stream&&) noexcept = default;
+Stream& Stream::operator=(Stream&&) noexcept = default;
+
+void Stream::packets(const std::uint8_t* first, std::size_t count, std::size_t stride,
+                     std::uint64_t byte) {
+    impl_->packets(first, count, stride, byte);
+}
+void Stream::packet(const std::uint8_t* packet, const PacketInfo& info) {
+    impl_->packet(packet, info);
+}
+void Stream::sync_loss(const SyncLoss& loss) {
+    impl_->sync_loss(loss);
+}
+void Stream::datagrams(const DatagramEvent& event) {
+    impl_->datagrams(event);
+}
+void Stream::truncated(std::uint64_t byte, std::int64_t bytes) {
+    impl_->truncated(byte, bytes);
+}
+void Stream::end() {
+    impl_->end();
+}
+Summary Stream::summary() const {
+    return impl_->summary();
+}
+
+} // namespace quarn

@@ -1,0 +1,257 @@
+#include "timed.h"
+
+#include <algorithm>
+
+namespace quarn {
+
+Timed::Timed(const Options& options, Findings& findings, const StreamClock& clock)
+    : options_(options), findings_(findings), clock_(clock),
+      programs_(std::make_shared<Programs>()), damage_(options, findings),
+      losses_(options, findings), pcrs_(options, findings, *this),
+      presence_(options, findings, *this), repetition_(options, findings),
+      scrambling_(options, findings), stamps_(options, findings), unreferenced_(options, findings) {
+}
+
+// ---------------------------------------------------------------- in step with the clock
+
+void Timed::interval(const ClockInterval& interval, std::deque<Item>& queue, double null_share) {
+    losses_.null_share(null_share);
+    losses_.interval(interval);
+    // What came before the PCR at its end still belongs to the clock before it.
+    dispatch(queue, interval.to.at.index);
+    if (clock_.pid())
+        pcrs_.own(interval, place(interval.from.at), place(interval.to.at));
+    dispatch(queue, interval.to.at.index + 1);
+    advance(place(interval.to.at), false);
+}
+
+void Timed::untimed(std::deque<Item>& queue, const At& to) {
+    dispatch(queue, to.index + 1);
+    advance(place(to), false);
+}
+
+void Timed::dispatch(std::deque<Item>& queue, std::uint64_t before) {
+    while (!queue.empty() && queue.front().at.index < before) {
+        const Item item = std::move(queue.front());
+        queue.pop_front();
+        if (!started_) {
+            started_ = true;
+            repetition_.start(place({0, 0, item.at.utc_us}));
+        }
+        std::visit([&](const auto& body) { take(item.at, body); }, item.body);
+    }
+}
+
+void Timed::advance(const Place& now, bool at_end) {
+    losses_.advance(clock_, now, at_end);
+    damage_.advance(now);
+    repetition_.advance(now);
+    scrambling_.advance(now);
+    stamps_.advance(now);
+    unreferenced_.advance(now);
+    findings_.advance(now);
+}
+
+void Timed::finish(std::deque<Item>& queue, const At& last) {
+    dispatch(queue, UINT64_MAX);
+    const Place end = place(last);
+    findings_.advance(end);
+    presence_.finish(end, clock_.rate().constant());
+    pcrs_.finish(end, clock_.rate().constant());
+    losses_.advance(clock_, end, true);
+    damage_.finish();
+    repetition_.finish(end);
+    scrambling_.finish(end);
+    stamps_.finish(end);
+    unreferenced_.finish(end);
+    findings_.finish();
+}
+
+// ---------------------------------------------------------------- what explains what
+
+void Timed::counter_break(const CounterBreak& fault) {
+    losses_.counter_break(fault);
+}
+
+void Timed::clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool flagged,
+                         bool main) {
+    losses_.clock_jumped(pid, from, to, main);
+    for (const Program& p : programs_->programs)
+        if (p.pcr_pid == pid)
+            stamps_.clock_jump(p.number, to, flagged);
+}
+
+void Timed::pcr_gap(std::uint16_t pid, const Place& from, const Place& to) {
+    stamps_.pcr_gap(pid, from, to);
+}
+
+void Timed::stopped(std::uint16_t pid, const Place& from, const Place& to) {
+    stamps_.stopped(pid, from, to);
+    findings_.cause({Cause::What::stopped, pid, from.packet, to.packet});
+}
+
+void Timed::outage(const Place& from, const Place& to) {
+    stamps_.outage(from, to);
+    repetition_.outage(from, to);
+    losses_.outage(from, to);
+    findings_.cause({Cause::What::outage, std::nullopt, from.packet, to.packet});
+}
+
+// ---------------------------------------------------------------- items
+
+void Timed::take(const At& at, const SectionEvent& event) {
+    const Place end = place(at);
+    if (event.pid == 0 && event.table_id == 0 && pats_++ == 0)
+        first_pat_ = at.index;
+    repetition_.section(event, place(event.begin), end);
+    scrambling_.section(event, end);
+}
+
+void Timed::take(const At& at, const ProgramsEvent& event) {
+    const Place p = place(at);
+    programs_ = event.programs;
+    remember(*programs_);
+    damage_.programs(programs_);
+    losses_.programs(programs_);
+    pcrs_.programs(programs_, p);
+    presence_.programs(programs_, p);
+    repetition_.programs(programs_, p);
+    scrambling_.programs(programs_, p);
+    stamps_.programs(programs_, p);
+    unreferenced_.programs(programs_, p);
+}
+
+void Timed::remember(const Programs& programs) {
+    for (const Program& p : programs.programs) {
+        const auto old = std::find_if(seen_.programs.begin(), seen_.programs.end(),
+                                      [&](const Program& x) { return x.number == p.number; });
+        if (old == seen_.programs.end())
+            seen_.programs.push_back(p);
+        else if (p.pmt_in_force)
+            *old = p;
+    }
+    std::sort(seen_.programs.begin(), seen_.programs.end(),
+              [](const Program& a, const Program& b) { return a.number < b.number; });
+}
+
+void Timed::take(const At& at, const TableChangedEvent& event) {
+    Finding f;
+    f.rule = event.version_unchanged ? Rule::version_unchanged : Rule::table_changed;
+    f.severity = info(f.rule).severity;
+    f.pid = event.pid;
+    f.programs = event.programs;
+    f.begin = f.end = place(at);
+    f.detail.table_id = event.table_id;
+    f.detail.changes = event.changes;
+    findings_.finding(std::move(f));
+}
+
+void Timed::take(const At& at, const PesItem& item) {
+    losses_.pes(item.event, at, item.packets_per_second, item.ticks_per_start);
+    std::optional<Ticks> clock;
+    for (const Program& p : programs_->programs)
+        if (!clock &&
+            std::any_of(p.streams.begin(), p.streams.end(),
+                        [&](const ElementaryStream& s) { return s.pid == item.event.pid; }))
+            clock = pcrs_.value_at(p.pcr_pid, at, clock_.rate());
+    stamps_.pes(item.event, place(at), clock);
+}
+
+void Timed::take(const At& at, const ScramblingEvent& event) {
+    const Place p = place(at);
+    scrambling_.scrambling(event, p);
+    if (event.scrambled)
+        stamps_.scrambled(event.pid, p);
+    stamps_.hold_off(event.pid, p);
+}
+
+void Timed::take(const At& at, const SpansItem& item) {
+    (void)at;
+    for (const SpansItem::Span& s : item.spans) {
+        const PidSpan span = {s.pid, place(s.first), place(s.last), s.packets};
+        presence_.span(span);
+        losses_.span(span);
+        repetition_.seen(s.pid);
+        scrambling_.seen(s.pid, span.first, span.last);
+        unreferenced_.seen(s.pid, span.first, span.last);
+    }
+}
+
+void Timed::take(const At& at, const PcrItem& item) {
+    const Place p = place(at);
+    presence_.pcr(item.point.pid, p);
+    if (item.point.pid != clock_.pid())
+        pcrs_.other(item.point, p, clock_);
+}
+
+void Timed::take(const At& at, const NullsItem& item) {
+    presence_.nulls(place(item.from), place(at), item.open);
+}
+
+void Timed::take(const At& at, const BrokenItem& item) {
+    const Place p = place(at);
+    stamps_.hold_off(item.pid, p);
+    repetition_.excuse(item.pid, place(item.before), p);
+}
+
+void Timed::take(const At& at, const DamagedItem& item) {
+    const Place p = place(at);
+    damage_.transport_error(item.pid, p);
+    losses_.damaged(item.pid, at.index);
+    stamps_.hold_off(item.pid, p);
+    repetition_.excuse(item.pid, p, p);
+    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet});
+}
+
+void Timed::take(const At& at, const SyncByteItem& item) {
+    const Place p = place(at);
+    damage_.sync_byte(item.pid, p);
+    losses_.damaged(item.pid, at.index);
+    stamps_.hold_off(null_pid, p);
+    repetition_.excuse(null_pid, p, p);
+}
+
+void Timed::take(const At& at, const SyncLossItem& item) {
+    const Place begin = place(item.before);
+    const Place end = place(at);
+    damage_.sync_loss(item.loss, begin, end);
+    stamps_.hold_off(null_pid, end);
+    repetition_.excuse(null_pid, begin, end);
+    findings_.cause({Cause::What::sync_lost, std::nullopt, begin.packet, end.packet});
+}
+
+void Timed::take(const At& at, const TruncatedItem& item) {
+    damage_.truncated(item.bytes, place(at));
+}
+
+void Timed::take(const At& at, const ScrambledTableItem& item) {
+    repetition_.scrambled(item.pid, place(at));
+}
+
+void Timed::take(const At& at, const OrderFault& fault) {
+    (void)at;
+    damage_.order(fault, place(fault.begin), place(fault.end));
+}
+
+void Timed::take(const At& at, const CopyFault& fault) {
+    damage_.copies(fault, place(at));
+}
+
+void Timed::take(const At& at, const FrozenRun& run) {
+    damage_.frozen(run, place(at), place(run.end));
+}
+
+void Timed::take(const At& at, const DatagramEvent& event) {
+    damage_.datagrams(event, place(at));
+}
+
+void Timed::judge(Answers& answers, std::optional<Ticks> duration) const {
+    pcrs_.judge(answers, clock_.has_clock());
+    presence_.judge(answers, duration);
+    repetition_.judge(answers);
+    scrambling_.judge(answers);
+    stamps_.judge(answers);
+    unreferenced_.judge(answers);
+}
+
+} // namespace quarn
