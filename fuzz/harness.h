@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "internal.h"
+#include "context.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

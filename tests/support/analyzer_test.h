@@ -6,9 +6,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "internal.h"
+#include "context.h"
 #include "log_capture.h"
 #include "steps.h"
+#include "tables.h"
 
 // Settings as the driver starts with them, and the source tag "src".
 inline tsan_config default_config() {

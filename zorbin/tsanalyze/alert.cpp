@@ -3,9 +3,23 @@
 // renderings on purpose: scripts rely on both. Owns nothing.
 #include <ctime>
 
-#include "internal.h"
+#include "alert.h"
+#include "checks.h"
+#include "tables.h"
 
 LOG_MODULE(0);
+
+// The channels of an alert, by the settings; LOST-SYNC alone has a machine line of its own.
+#define ALERT_HUMAN(tc, ...)                                                                       \
+    do {                                                                                           \
+        if (!(tc)->cfg.no_rlog)                                                                    \
+            LOG(&g_log, WARN_level, __VA_ARGS__);                                                  \
+    } while (false)
+#define ALERT_MACHINE(tc, ...)                                                                     \
+    do {                                                                                           \
+        if ((tc)->cfg.access_log_alerts)                                                           \
+            log_machine(&g_access_log, __VA_ARGS__);                                               \
+    } while (false)
 
 static constexpr std::size_t LOSTSYNC_LIMIT = 9; // cases that a period may hold
 static constexpr long LOSTSYNC_PERIOD = 2;       // seconds
@@ -28,9 +42,8 @@ int tsan_alert_lostsync(tsan_t tc) {
     log_machine(&g_access_log, "ALERT LOST-SYNC %s %zu [%s]\n", source(tc), count, ptag(tc));
     if (count <= LOSTSYNC_LIMIT)
         return 0;
-    const auto elapsed = static_cast<long>(now - period_start);
     LOG(&g_log, ERR_level, "%s: bailing out after %zu cases within %ld sec\n", __func__, count,
-        elapsed);
+        static_cast<long>(now - period_start));
     return -1;
 }
 
@@ -87,12 +100,11 @@ void alert_cc_rst(tsan_ctx* tc, unsigned pid, int last, int current, long elapse
 }
 
 void alert_cc_mlr(tsan_ctx* tc) {
-    const program_info* pg = prog(tc);
-    const int nmlr = tc->last_cca.nmlr;
     // intended: no line feed, the next line of the log continues behind it.
-    ALERT_HUMAN(tc, "ALERT CC-MLR [%s] dgram:%llu count=%d at %s", source(tc), pg->last_seg_idx,
-                nmlr, ptag(tc));
-    ALERT_MACHINE(tc, "ALERT CC-MLR %s %llu %d %s\n", source(tc), pg->last_seg_idx, nmlr, ptag(tc));
+    ALERT_HUMAN(tc, "ALERT CC-MLR [%s] dgram:%llu count=%d at %s", source(tc),
+                prog(tc)->last_seg_idx, tc->last_cca.nmlr, ptag(tc));
+    ALERT_MACHINE(tc, "ALERT CC-MLR %s %llu %d %s\n", source(tc), prog(tc)->last_seg_idx,
+                  tc->last_cca.nmlr, ptag(tc));
     tc->gac.cc_mlr++;
 }
 
@@ -101,23 +113,15 @@ void alert_cc_mlr(tsan_ctx* tc) {
 // intended: the packet that carried the PCR is quoted in front of the current one.
 void dump_pcr_diff(tsan_ctx* tc, stamp which, u64 delta_ms, const stream_info* si) {
     program_info* pg = prog(tc);
-    const bool has_stream = pg->pcr_idx >= 0;
-    const stream_info* pcr_stream = has_stream ? &pg->stm[pg->pcr_idx] : nullptr;
-    const char pcr_type = has_stream ? pcr_stream->stype : 'P';
-    const unsigned pcr_pid = has_stream ? pcr_stream->pid : pg->pcr_pid;
+    const stream_info* pcr_stream = pg->pcr_idx >= 0 ? &pg->stm[pg->pcr_idx] : nullptr;
     const char* name = stamp_name(which);
     const u64 value = last_stamp(si, which);
-    if (!tc->cfg.no_rlog) {
-        char pcr_tag[PKTIDX_LEN];
-        tag_text(&pg->pcr_ptag, pcr_tag);
-        const time_text pcr_time(pg->last_pcr / 90);
-        const time_text value_time(value / 90);
-        LOG(&g_log, WARN_level,
-            "ALERT PCR-DELTA [%s] pcr:%s <> %s:%s %c:pcr(pid%u)/%c:%s(pid%u) = %llu [%s]/ %llu "
-            "[%s] delta=%llu\n",
-            source(tc), name, pcr_tag, ptag(tc), pcr_type, pcr_pid, si->stype, name, si->pid,
-            pg->last_pcr, pcr_time.text, value, value_time.text, delta_ms);
-    }
+    ALERT_HUMAN(tc,
+                "ALERT PCR-DELTA [%s] pcr:%s <> %s:%s %c:pcr(pid%u)/%c:%s(pid%u) = %llu [%s]/ "
+                "%llu [%s] delta=%llu\n",
+                source(tc), name, pg->pcr_ptag, ptag(tc), pcr_stream ? pcr_stream->stype : 'P',
+                pcr_stream ? pcr_stream->pid : pg->pcr_pid, si->stype, name, si->pid, pg->last_pcr,
+                time_text(pg->last_pcr / 90).text, value, time_text(value / 90).text, delta_ms);
     ALERT_MACHINE(tc, "ALERT PCR-DELTA %s %s %u %llu %u %llu %llu [%s]\n", source(tc), name,
                   pg->pcr_pid, pg->last_pcr, si->pid, value, delta_ms, ptag(tc));
     pg->alert.pcr_delta++;
@@ -126,12 +130,8 @@ void dump_pcr_diff(tsan_ctx* tc, stamp which, u64 delta_ms, const stream_info* s
 // intended: the time texts are made of the 90 kHz values as if they were milliseconds.
 void alert_pcr_freq(tsan_ctx* tc, u64 pcr, u64 gap_ms) {
     program_info* pg = prog(tc);
-    if (!tc->cfg.no_rlog) {
-        const time_text old_time(pg->last_pcr);
-        const time_text new_time(pcr);
-        LOG(&g_log, WARN_level, "ALERT PCR-FREQ pid=%u old/new: %llu [%s]/%llu [%s] delta=%llu\n",
-            pg->pcr_pid, pg->last_pcr, old_time.text, pcr, new_time.text, gap_ms);
-    }
+    ALERT_HUMAN(tc, "ALERT PCR-FREQ pid=%u old/new: %llu [%s]/%llu [%s] delta=%llu\n", pg->pcr_pid,
+                pg->last_pcr, time_text(pg->last_pcr).text, pcr, time_text(pcr).text, gap_ms);
     ALERT_MACHINE(tc, "ALERT PCR-FREQ %s %u %llu %llu %llu [%s]\n", source(tc), pg->pcr_pid,
                   pg->last_pcr, pcr, gap_ms, ptag(tc));
     pg->alert.pcr_freq++;
@@ -146,17 +146,12 @@ void dump_time_info(tsan_ctx* tc, const char* name, stamp which, u64 delta_ms,
     const char* word = stamp_name(which);
     const u64 ref_value = last_stamp(ref, which);
     const u64 value = last_stamp(si, which);
-    if (!tc->cfg.no_rlog) {
-        const time_text ref_time(ref_value / 90);
-        const time_text value_time(value / 90);
-        const time_text pcr_time(pg->last_pcr / 90);
-        LOG(&g_log, WARN_level,
-            "ALERT %s [%s] %s %c:%s(pid%u)/%c:%s(pid%u) = %llu [%s]/%llu [%s] PCR=%llu [%s], "
-            "delta=%llu\n",
-            name, source(tc), ptag(tc), ref->stype, word, ref->pid, si->stype, word, si->pid,
-            ref_value, ref_time.text, value, value_time.text, pg->last_pcr, pcr_time.text,
-            delta_ms);
-    }
+    ALERT_HUMAN(tc,
+                "ALERT %s [%s] %s %c:%s(pid%u)/%c:%s(pid%u) = %llu [%s]/%llu [%s] PCR=%llu [%s], "
+                "delta=%llu\n",
+                name, source(tc), ptag(tc), ref->stype, word, ref->pid, si->stype, word, si->pid,
+                ref_value, time_text(ref_value / 90).text, value, time_text(value / 90).text,
+                pg->last_pcr, time_text(pg->last_pcr / 90).text, delta_ms);
     ALERT_MACHINE(tc, "ALERT %s %s %s %u %llu %u %llu %llu [%s]\n", name, source(tc), word,
                   ref->pid, ref_value, si->pid, value, delta_ms, ptag(tc));
 }
@@ -169,6 +164,5 @@ void alert_ndat_pcount(tsan_ctx* tc, std::size_t ipg, std::size_t istm, unsigned
     ALERT_HUMAN(tc, "ALERT PID-NDAT [%s] %zu:%zu pid%u received no data %s\n", source(tc), ipg,
                 istm, pid, ptag(tc));
     ALERT_MACHINE(tc, "ALERT PID-NDAT %s %u %zu %zu %s\n", source(tc), pid, ipg, istm, ptag(tc));
-    program_info* counted = prog(tc) ? prog(tc) : &tc->pg[ipg];
-    counted->alert.pid_ndat++;
+    (prog(tc) ? prog(tc) : &tc->pg[ipg])->alert.pid_ndat++;
 }

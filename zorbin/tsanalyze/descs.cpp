@@ -1,13 +1,15 @@
-// descs.cpp - makes the descriptors of a PMT safe to print. bitstream's validators step through
-// some descriptors by 8-bit sums of lengths that the stream supplies; a sum that wraps to 0 would
-// keep them in place for ever. Its lists follow the length that they claim, and one of its formats
-// does not fit 32-bit platforms. Called for private copies of PMT sections; owns nothing.
+// descs.cpp - copies of PMT sections for bitstream's readers and printers, with descriptor loops
+// that end with their section and descriptors that can be printed. bitstream's validators step
+// through some descriptors by 8-bit sums of lengths that the stream supplies; a sum that wraps to 0
+// would keep them in place for ever. Its loops follow the length that they claim, and one of its
+// formats does not fit 32-bit platforms. Called by pmt for every section; owns nothing, the copy
+// lies in the context.
 #include <algorithm>
 #include <ctime>
 
 #include <bitstream/mpeg/psi/pmt.h>
 
-#include "internal.h"
+#include "tables.h"
 
 namespace {
 
@@ -77,9 +79,9 @@ bool prints_wrong_time(const std::uint8_t* desc) {
     return sizeof(time_t) > sizeof(long) && desc_get_tag(desc) == LOCAL_TIME_OFFSET;
 }
 
-// Ends a list where its section ends. What lies behind, a packet's stuffing or padding, would be
-// printed as up to two thousand descriptors more.
-bool cut(const std::uint8_t* pmt, std::uint8_t* descs) {
+// Ends a descriptor loop where its section ends. What lies behind, a packet's stuffing or padding,
+// would be printed as up to two thousand descriptors more.
+bool clip_loop(const std::uint8_t* pmt, std::uint8_t* descs) {
     const std::ptrdiff_t end = psi_get_length(pmt) + PSI_HEADER_SIZE - PSI_CRC_SIZE;
     const std::ptrdiff_t room = end - (descs - pmt) - DESCS_HEADER_SIZE;
     if (descs_get_length(descs) <= room)
@@ -88,15 +90,17 @@ bool cut(const std::uint8_t* pmt, std::uint8_t* descs) {
     return true;
 }
 
-// A tag in the user-private range is printed as unknown, byte by byte, so that a change in such a
-// descriptor still shows. Returns whether any tag was changed.
-bool defuse(std::uint8_t* descs) {
+// Gives the descriptors of a loop that cannot be printed a tag of the user-private range: those are
+// printed as unknown, byte by byte, so that a change in one still shows. Returns whether any tag
+// was changed.
+bool retag_unprintable(std::uint8_t* descs) {
+    constexpr std::uint8_t USER_PRIVATE = 0x80;
     const std::uint16_t len = descs_get_length(descs);
     bool changed = false;
     for (std::size_t pos = 0; pos < len;) {
         std::uint8_t* desc = descs + DESCS_HEADER_SIZE + pos;
         if (is_endless(desc) || prints_wrong_time(desc)) {
-            desc_set_tag(desc, desc_get_tag(desc) | 0x80);
+            desc_set_tag(desc, desc_get_tag(desc) | USER_PRIVATE);
             changed = true;
         }
         pos += DESC_HEADER_SIZE + std::size_t{desc_get_length(desc)};
@@ -104,9 +108,9 @@ bool defuse(std::uint8_t* descs) {
     return changed;
 }
 
-// Applies an operation to the program's list and to that of every stream; true if it ever was.
+// Applies an operation to the program's loop and to that of every stream; true if it ever was.
 template <class Operation>
-bool for_each_list(std::uint8_t* pmt, Operation apply) {
+bool for_each_loop(std::uint8_t* pmt, Operation apply) {
     bool result = apply(pmt_get_descs(pmt));
     for (std::uint8_t i = 0; i < 255; i++) {
         std::uint8_t* es = pmt_get_es(pmt, i);
@@ -119,10 +123,16 @@ bool for_each_list(std::uint8_t* pmt, Operation apply) {
 
 } // namespace
 
-// `pmt` is a section in a zero-padded copy of SECTION_WORK bytes. A descriptor may reach into the
-// ones behind it, so a tag that is changed can make it endless: all are looked at until none is.
-void defuse_descriptors(std::uint8_t* pmt) {
-    for_each_list(pmt, [pmt](std::uint8_t* descs) { return cut(pmt, descs); });
-    while (for_each_list(pmt, defuse)) {
+// Readers that trust lengths run at most a few kilobytes past a section: what follows it in its
+// packet belongs to what they see, and zeros lie behind. A descriptor may reach into the ones
+// behind it, so a tag that is changed can make it endless: all are looked at until none is.
+std::uint8_t* pmt_copy(tsan_ctx* tc, const section_view& section) {
+    std::uint8_t* const pmt = tc->work;
+    std::uint8_t* end = std::copy(section.bytes.begin(), section.bytes.end(), pmt);
+    end = std::copy(section.behind.begin(), section.behind.end(), end);
+    std::fill(end, pmt + sizeof tc->work, std::uint8_t{0});
+    for_each_loop(pmt, [pmt](std::uint8_t* descs) { return clip_loop(pmt, descs); });
+    while (for_each_loop(pmt, retag_unprintable)) {
     }
+    return pmt;
 }

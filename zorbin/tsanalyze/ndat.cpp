@@ -1,16 +1,26 @@
 // ndat.cpp - streams that the tables list and that never receive a packet. Called by intake while a
 // scan is due, by the tables when they change, and by hosts at the end. Owns nothing.
-#include "internal.h"
+//
+// In quotes the transcript that shows it.
+//  1. A scan is due when the current program has received max_ndat_pcount packets more than when it
+//     was armed: at the start, by a changed table, by a scan that found silence.  "no data"
+//  2. It reports every stream of every program that never had a packet, as PID-NDAT.  "no data"
+//  3. A scan that finds none ends the scans until the tables change.  "no data"
+//  4. A host may ask for a scan at any time; it arms the next one even if max_ndat_pcount is 0.
+//     "a forced scan", "an index that is set counts from the next packet on"
+//  5. Without a current program (a PAT is being merged, the last packet belonged to none) its
+//     packet count reads as 0.  "a forced scan"
+//  6. A distance that cannot be counted is never reached.  "a deadline that is never reached"
+#include "alert.h"
+#include "checks.h"
 
 LOG_MODULE(0);
 
-// Packets of the current program; without one (a PAT is being merged, or the last packet belonged
-// to no program) the count reads as 0.
 static u64 program_pcount(const tsan_ctx* tc) {
-    return tc->dat.program ? tc->dat.program->stat.pcount : 0;
+    return prog(tc) ? prog(tc)->stat.pcount : 0;
 }
 
-// The packet count of the next scan. A distance that cannot be counted is never reached.
+// The packet count of the next scan.
 static u64 next_scan(const tsan_ctx* tc) {
     u64 due = 0;
     const bool endless = __builtin_add_overflow(program_pcount(tc), tc->cfg.max_ndat_pcount, &due);
@@ -20,9 +30,9 @@ static u64 next_scan(const tsan_ctx* tc) {
 void reset_ndat_pcount(tsan_ctx* tc) {
     if (tc->cfg.max_ndat_pcount == 0)
         return;
-    void* const address = tc;
     tc->ndat_pcount = next_scan(tc);
-    LOG(&g_log, DEBUG_level, "%s: (%p) NDAT pcount=%llu\n", __func__, address, tc->ndat_pcount);
+    LOG(&g_log, DEBUG_level, "%s: (%p) NDAT pcount=%llu\n", __func__, static_cast<void*>(tc),
+        tc->ndat_pcount);
 }
 
 void check_pcount(tsan_ctx* tc, bool force) {

@@ -1,5 +1,5 @@
 // pat.cpp - the programs of the stream: reads the first complete PAT, compares every later one with
-// it and merges what changed. Called by classify for PAT sections and by context at the end. The
+// it and merges what changed. Called by tables for PAT sections and by context at the end. The
 // sections in `pat` and `new_pat` are allocated here and released by free_pats.
 #include <algorithm>
 #include <cassert>
@@ -11,8 +11,10 @@
 #include <bitstream/mpeg/psi/pat.h>
 #include <bitstream/mpeg/psi/pat_print.h>
 
-#include "internal.h"
+#include "alert.h"
+#include "checks.h"
 #include "syswrap.h"
+#include "tables.h"
 
 LOG_MODULE(0);
 
@@ -58,7 +60,7 @@ static std::size_t listed_programs(std::uint8_t** sec, unsigned last_section) {
     return count;
 }
 
-ssize_t find_pid(const unsigned* pids, std::size_t count, unsigned pid) {
+static ssize_t find_pid(const unsigned* pids, std::size_t count, unsigned pid) {
     for (std::size_t i = 0; i < count; i++)
         if (pids[i] == pid)
             return static_cast<ssize_t>(i);
@@ -77,16 +79,16 @@ static void add_program(tsan_ctx* tc, unsigned entry, unsigned pid) {
     tc->nprogs++;
 }
 
-void process_PAT(tsan_ctx* tc, const std::uint8_t* pld) {
-    if (!gather(&tc->pat, pld))
+void process_PAT(tsan_ctx* tc, const section_view& section) {
+    if (!gather(&tc->pat, section.bytes.data()))
         return;
     if (!tc->pat.is_complete) {
-        void* const address = tc;
-        LOG(&g_log, DEBUG_level, "%s: (%p) not all sections gathered yet\n", __func__, address);
+        LOG(&g_log, DEBUG_level, "%s: (%p) not all sections gathered yet\n", __func__,
+            static_cast<void*>(tc));
         return;
     }
     assert(0 == tc->nprogs);
-    const unsigned last_section = psi_get_lastsection(pld);
+    const unsigned last_section = psi_get_lastsection(section.bytes.data());
     for_each_program(tc->pat.sec, last_section, [tc](unsigned k, unsigned pid) {
         if (tc->nprogs < MAX_PMTS)
             add_program(tc, k, pid);
@@ -102,61 +104,7 @@ void process_PAT(tsan_ctx* tc, const std::uint8_t* pld) {
     map_pids(tc);
 }
 
-// ---- later PATs --------------------------------------------------------------------------------
-
-static void free_new_pat(tsan_ctx* tc) {
-    if (!tc->new_pat)
-        return;
-    psi_table_free(tc->new_pat->sec);
-    std::free(tc->new_pat);
-    tc->new_pat = nullptr;
-}
-
-// The completed PAT in new_pat against the first one of the run.
-static void compare_pats(tsan_ctx* tc, const section_view& section) {
-    const bool single = section.bytes[7] == 0;
-    const u64 changes = tc->gac.pat_diff;
-    const bool known =
-        psi_table_compare(tc->pat.sec, tc->new_pat->sec) || merge_PATs(tc, section.bytes.data());
-    if (known && single && tc->gac.pat_diff == changes)
-        note_seen(&tc->seen_pat, section, 0);
-}
-
-static void trace_compiling(tsan_ctx* tc) {
-    void* const address = tc;
-    if (tc->cfg.trk.pat_pmt_pkt)
-        LOG(&g_log, INFO_level, "%s: (%p) new PAT is being compiled at %s\n", "another_PAT",
-            address, ptag(tc));
-}
-
-static void trace_ready(tsan_ctx* tc) {
-    if (tc->cfg.trk.pat_pmt_pkt)
-        LOG(&g_log, INFO_level, "%s: new PAT ready for comparison at %s\n", "another_PAT",
-            ptag(tc));
-}
-
-// Each repetition is compiled afresh, unless its only section is the one that changed nothing.
-void another_PAT(tsan_ctx* tc, const section_view& section) {
-    if (!tc->new_pat && is_seen(&tc->seen_pat, section)) {
-        trace_compiling(tc);
-        trace_ready(tc);
-        return;
-    }
-    if (!tc->new_pat)
-        tc->new_pat = static_cast<psi_block*>(W_calloc(__func__, 1, sizeof(psi_block)));
-    trace_compiling(tc);
-    if (!tc->new_pat || !gather(tc->new_pat, section.bytes.data()))
-        return;
-    if (!tc->new_pat->is_complete) {
-        void* const address = tc;
-        LOG(&g_log, DEBUG_level, "%s: (%p) not all sections gathered yet at %s\n", __func__,
-            address, ptag(tc));
-        return;
-    }
-    trace_ready(tc);
-    compare_pats(tc, section);
-    free_new_pat(tc);
-}
+// ---- merge -------------------------------------------------------------------------------------
 
 // Lists of a merge. They may outgrow MAX_PMTS until the missing programs are taken out.
 struct merge_lists {
@@ -193,7 +141,7 @@ static void compact(tsan_ctx* tc, merge_lists* m) {
 // `pld` is the section that completed new_pat. The first PAT stays what later ones are compared
 // with, and the program slots stay as they are: the next PMT on a moved pid shows as PMT-DIFF.
 // False when memory is short: the next repetition has to tell.
-bool merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
+static bool merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
     const unsigned last_section = psi_get_lastsection(pld);
     std::size_t room = tc->nprogs;
     for_each_program(tc->new_pat->sec, last_section, [&](unsigned, unsigned) { room++; });
@@ -220,9 +168,64 @@ bool merge_PATs(tsan_ctx* tc, const std::uint8_t* pld) {
     return true;
 }
 
-// ---- text --------------------------------------------------------------------------------------
+// ---- later PATs --------------------------------------------------------------------------------
 
-// Print callback of bitstream; `opaque` is the stream, and lines are cut to 127 characters.
+static void free_new_pat(tsan_ctx* tc) {
+    if (!tc->new_pat)
+        return;
+    psi_table_free(tc->new_pat->sec);
+    std::free(tc->new_pat);
+    tc->new_pat = nullptr;
+}
+
+// The completed PAT in new_pat against the first one of the run.
+static void compare_pats(tsan_ctx* tc, const section_view& section) {
+    const bool single = psi_get_lastsection(section.bytes.data()) == 0;
+    const u64 changes = tc->gac.pat_diff;
+    const bool known =
+        psi_table_compare(tc->pat.sec, tc->new_pat->sec) || merge_PATs(tc, section.bytes.data());
+    if (known && single && tc->gac.pat_diff == changes)
+        note_seen(&tc->seen_pat, section, 0);
+}
+
+static void trace_compiling(tsan_ctx* tc) {
+    if (tc->cfg.trk.pat_pmt_pkt)
+        LOG(&g_log, INFO_level, "%s: (%p) new PAT is being compiled at %s\n", "another_PAT",
+            static_cast<void*>(tc), ptag(tc));
+}
+
+static void trace_ready(tsan_ctx* tc) {
+    if (tc->cfg.trk.pat_pmt_pkt)
+        LOG(&g_log, INFO_level, "%s: new PAT ready for comparison at %s\n", "another_PAT",
+            ptag(tc));
+}
+
+// Each repetition is compiled afresh, unless its only section is the one that changed nothing.
+void another_PAT(tsan_ctx* tc, const section_view& section) {
+    if (!tc->new_pat && is_seen(&tc->seen_pat, section)) {
+        trace_compiling(tc);
+        trace_ready(tc);
+        return;
+    }
+    if (!tc->new_pat)
+        tc->new_pat = static_cast<psi_block*>(W_calloc(__func__, 1, sizeof(psi_block)));
+    trace_compiling(tc);
+    if (!tc->new_pat || !gather(tc->new_pat, section.bytes.data()))
+        return;
+    if (!tc->new_pat->is_complete) {
+        LOG(&g_log, DEBUG_level, "%s: (%p) not all sections gathered yet at %s\n", __func__,
+            static_cast<void*>(tc), ptag(tc));
+        return;
+    }
+    trace_ready(tc);
+    compare_pats(tc, section);
+    free_new_pat(tc);
+}
+
+// ---- texts and release -------------------------------------------------------------------------
+
+// Print callback of bitstream; `opaque` is the stream.
+// intended: lines are cut at 127 characters; the PMT's texts are not.
 [[gnu::format(printf, 2, 3)]] static void m_print(void* opaque, const char* fmt, ...) {
     char line[128];
     va_list args;

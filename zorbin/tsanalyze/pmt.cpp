@@ -1,14 +1,16 @@
 // pmt.cpp - the streams of a program: builds its table from the PMT, keeps the PMT's rendering,
-// finds changes by comparing renderings and rebuilds the table. Called by classify for PMT
-// sections. The rendering of each program is owned by its slot.
+// finds changes by comparing renderings and rebuilds the table. Called by tables for PMT sections.
+// The rendering of each program is owned by its slot.
 #include <algorithm>
 #include <cassert>
 #include <cstdlib>
 
 #include <bitstream/mpeg/psi/pmt.h>
 
-#include "internal.h"
+#include "alert.h"
+#include "checks.h"
 #include "syswrap.h"
+#include "tables.h"
 
 LOG_MODULE(0);
 
@@ -16,14 +18,7 @@ static constexpr ssize_t MAX_PMT_TXT = 4096;       // bytes of a rendering
 static constexpr ssize_t RENDERING_RESERVE = 64;   // less room left: lines may have been dropped
 static constexpr std::uint8_t MAX_ES_ENTRIES = 64; // entries read from one PMT
 
-ssize_t get_pmt_pg(const tsan_ctx* tc, unsigned pid) {
-    for (std::size_t i = 0; i < MAX_PMTS && tc->pmt_pid[i] != 0; i++)
-        if (tc->pmt_pid[i] == pid)
-            return static_cast<ssize_t>(i);
-    return -1;
-}
-
-ssize_t find_stream(const stream_info* stm, std::size_t count, unsigned pid) {
+static ssize_t find_stream(const stream_info* stm, std::size_t count, unsigned pid) {
     for (std::size_t i = 0; i < count; i++)
         if (stm[i].pid == pid)
             return static_cast<ssize_t>(i);
@@ -34,7 +29,7 @@ const char* stream_type_text(std::uint8_t scode) {
     return pmt_get_streamtype_txt(scode);
 }
 
-char code2stype(std::uint8_t scode) {
+static char code2stype(std::uint8_t scode) {
     switch (scode) {
     case 0x01: // MPEG-1
     case 0x02: // MPEG-2
@@ -84,7 +79,7 @@ static void note_ref_stream(const tsan_ctx* tc, program_info* pg, const stream_i
         source(tc), pg->ref_idx, si.stype, si.pid);
 }
 
-ssize_t add_stream(tsan_ctx* tc, unsigned pid, std::uint8_t scode) {
+static ssize_t add_stream(tsan_ctx* tc, unsigned pid, std::uint8_t scode) {
     program_info* pg = prog(tc);
     const std::size_t idx = pg->nstreams;
     const char stype = code2stype(scode);
@@ -110,10 +105,10 @@ ssize_t add_stream(tsan_ctx* tc, unsigned pid, std::uint8_t scode) {
     note_pcr_stream(tc, pg, si, idx);
     note_ref_stream(tc, pg, si, idx);
     pg->nstreams++;
-    const int shown = static_cast<int>(idx);
     LOG(&g_log, DEBUG_level, "%s: added stream[%d]:pid=%u (%c/%s) at %s, %zu streams total\n",
-        __func__, shown, pid, stype, pid == pg->pcr_pid ? "PCR" : "-", ptag(tc), pg->nstreams);
-    return shown;
+        __func__, static_cast<int>(idx), pid, stype, pid == pg->pcr_pid ? "PCR" : "-", ptag(tc),
+        pg->nstreams);
+    return static_cast<ssize_t>(idx);
 }
 
 static ssize_t add_pmt_stream(tsan_ctx* tc, const std::uint8_t* es) {
@@ -131,7 +126,7 @@ static bool is_whole(const ctxt_spec* txt) {
     return txt->buf && txt->buflen - txt->textlen > RENDERING_RESERVE;
 }
 
-void process_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
+static void process_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     program_info* pg = prog(tc);
     LOG(&g_log, INFO_level, "Adding streams from PMT (pid%u) at %s\n", pid, ptag(tc));
     pg->pcr_pid = pmt_get_pcrpid(pld);
@@ -157,6 +152,10 @@ void process_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     map_pids(tc);
 }
 
+void first_PMT(tsan_ctx* tc, const section_view& section, unsigned pid) {
+    process_PMT(tc, pmt_copy(tc, section), pid);
+}
+
 // ---- changes -----------------------------------------------------------------------------------
 
 static std::size_t count_entries(std::uint8_t* pld) {
@@ -174,10 +173,10 @@ static void trace_comparison(const tsan_ctx* tc, const char* result, unsigned pi
                              std::size_t count) {
     if (tc->cfg.trk.pmt_diff)
         LOG(&g_log, INFO_level, "%s: %s pid=%u %zu/%zu\n", "cmp_PMT", result, pid,
-            tc->dat.program->nstreams, count);
+            prog(tc)->nstreams, count);
 }
 
-int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
+static int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     program_info* pg = prog(tc);
     const std::size_t count = count_entries(pld);
     ctxt_spec new_txt;
@@ -197,7 +196,7 @@ int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     return differs ? 1 : 0;
 }
 
-void copy_stm_stats(stream_info* dst, const stream_info* src) {
+static void copy_stm_stats(stream_info* dst, const stream_info* src) {
     const stream_info named = *dst;
     *dst = *src;
     dst->pid = named.pid;
@@ -205,7 +204,7 @@ void copy_stm_stats(stream_info* dst, const stream_info* src) {
     dst->scode = named.scode;
 }
 
-void update_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
+static void update_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     program_info* pg = prog(tc);
     const std::size_t old_count = pg->nstreams;
     auto* old = static_cast<stream_info*>(W_calloc(__func__, old_count, sizeof(stream_info)));
@@ -221,8 +220,8 @@ void update_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
             continue;
         copy_stm_stats(&pg->stm[i], &old[j]);
         matches++;
-        const int shown = static_cast<int>(j);
-        LOG(&g_log, DEBUG_level, "%s: copied stats from old[%d] to new[%zu]\n", __func__, shown, i);
+        LOG(&g_log, DEBUG_level, "%s: copied stats from old[%d] to new[%zu]\n", __func__,
+            static_cast<int>(j), i);
     }
     LOG(&g_log, DEBUG_level, "%s: %zu old/new entries matched\n", __func__, matches);
     std::free(old);
@@ -234,8 +233,7 @@ void compare_PMT(tsan_ctx* tc, const section_view& section, unsigned pid) {
         trace_comparison(tc, "ok", pid, pg->seen_pmt.count);
         return;
     }
-    std::uint8_t* pld = section_copy(tc, section);
-    defuse_descriptors(pld);
+    std::uint8_t* pld = pmt_copy(tc, section);
     if (cmp_PMT(tc, pld, pid) != 0)
         update_PMT(tc, pld, pid);
     else if (tc->pmt_compared && is_whole(&pg->txt_pmt))

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "internal.h"
+#include "tables.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // section.cpp - finds the sections of a table's pid in its packets: most lie in one packet, longer
-// ones are collected over several. Called by classify for PAT and PMT packets. The bytes of an
+// ones are collected over several. Called by tables for packets of their pids. The bytes of an
 // unfinished section lie in the context; sections are handed on as views that hold for the call.
 #include <algorithm>
 #include <cstring>
 
 #include <bitstream/mpeg/psi/psi.h>
 
-#include "internal.h"
+#include "tables.h"
 
 LOG_MODULE(0);
 
@@ -24,12 +24,12 @@ constexpr table_facts facts_of(table_kind table) {
 }
 
 // One packet on its way through a collector.
-struct intake {
+struct section_input {
     tsan_ctx* tc;
     section_collector* c;
     table_kind table;
     unsigned pid;
-    take_section take;
+    section_handler handle;
 };
 
 constexpr std::size_t HEADER_LEN = 3;   // up to and including section_length
@@ -40,7 +40,7 @@ std::size_t claimed_size(ts_bytes header) {
 }
 
 // Whether a section of this size can be used at all.
-bool acceptable(const intake& in, std::size_t size) {
+bool acceptable(const section_input& in, std::size_t size) {
     const table_facts facts = facts_of(in.table);
     if (size >= HEADER_LEN + facts.min_length && size <= MAX_SECTION)
         return true;
@@ -49,18 +49,18 @@ bool acceptable(const intake& in, std::size_t size) {
     return false;
 }
 
-void hand_on(const intake& in, const section_view& section) {
+void hand_on(const section_input& in, const section_view& section) {
     // The loops of the section tables count in 8 bits and would never get past section 255.
     if (in.table == table_kind::pat && section.bytes[LAST_SECTION] == 255) {
         LOG(&g_log, WARN_level, "[%s] %s with last section 255 refused (pid%u) at %s\n",
             source(in.tc), facts_of(in.table).name, in.pid, ptag(in.tc));
         return;
     }
-    in.take(in.tc, section);
+    in.handle(in.tc, section);
 }
 
 // Nothing that follows such a section can be trusted to begin one, until a unit start says so.
-void drop(const intake& in, const char* why) {
+void drop(const section_input& in, const char* why) {
     in.c->used = 0;
     in.c->skipping = true;
     LOG(&g_log, DEBUG_level, "[%s] %s section dropped (pid%u): %s at %s\n", source(in.tc),
@@ -77,7 +77,7 @@ ts_bytes append(section_collector* c, ts_bytes data, std::size_t want) {
 
 // Adds bytes to the pending section and hands it on when it is complete. Leaves nothing pending
 // if the section turns out not to be wanted.
-void collect(const intake& in, ts_bytes data) {
+void collect(const section_input& in, ts_bytes data) {
     section_collector* c = in.c;
     if (c->used < HEADER_LEN) {
         data = append(c, data, HEADER_LEN);
@@ -102,7 +102,7 @@ void collect(const intake& in, ts_bytes data) {
 }
 
 // The first section that starts in a packet.
-void start(const intake& in, ts_bytes data) {
+void start(const section_input& in, ts_bytes data) {
     if (data.size() >= HEADER_LEN && claimed_size(data) <= data.size()) {
         const std::size_t size = claimed_size(data);
         if (acceptable(in, size))
@@ -117,8 +117,8 @@ void start(const intake& in, ts_bytes data) {
 // A section that lies in its packet is taken as it stands; one that was collected must have the
 // table's id and a correct CRC, since a lost packet leaves a hole in it.
 void collect_sections(tsan_ctx* tc, section_collector* c, table_kind table, ts_packet pkt,
-                      take_section take) {
-    const intake in = {tc, c, table, ts_pid(pkt), take};
+                      section_handler handle) {
+    const section_input in = {tc, c, table, ts_pid(pkt), handle};
     if (c->pid != in.pid)
         *c = {};
     c->pid = in.pid;
@@ -142,15 +142,6 @@ void collect_sections(tsan_ctx* tc, section_collector* c, table_kind table, ts_p
     c->skipping = false;
     if (pointer < data.size())
         start(in, data.subspan(pointer));
-}
-
-// Puts a section where readers that trust its length fields cannot leave the context: the section,
-// what follows it in its packet, and zeros behind. Holds until the next call.
-std::uint8_t* section_copy(tsan_ctx* tc, const section_view& section) {
-    std::uint8_t* end = std::copy(section.bytes.begin(), section.bytes.end(), tc->work);
-    end = std::copy(section.behind.begin(), section.behind.end(), end);
-    std::fill(end, tc->work + sizeof tc->work, std::uint8_t{0});
-    return tc->work;
 }
 
 // What follows counts as well: a descriptor may claim it.

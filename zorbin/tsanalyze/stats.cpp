@@ -2,7 +2,8 @@
 // by hosts between packets; owns nothing.
 #include <ctime>
 
-#include "internal.h"
+#include "context.h"
+#include "tables.h"
 #include "timeop.h"
 
 // ---- human statistics --------------------------------------------------------------------------
@@ -74,10 +75,9 @@ void tsan_dump_stats(FILE* out, tsan_t tc) {
 // ---- STAT lines --------------------------------------------------------------------------------
 
 static void log_global_stats(const tsan_ctx* tc) {
-    const long elapsed_ms = diff_ms(&tc->start_tm, nullptr);
     log_machine(&g_access_log, "STAT GLOBAL %s %ld %zu %llu %llu %llu %llu\n", source(tc),
-                elapsed_ms, tc->nprogs, tc->pre_skipped, tc->gac.lost_sync, tc->gac.pat_diff,
-                tc->gac.cc_mlr);
+                diff_ms(&tc->start_tm, nullptr), tc->nprogs, tc->pre_skipped, tc->gac.lost_sync,
+                tc->gac.pat_diff, tc->gac.cc_mlr);
 }
 
 static void log_pmt_stats(const tsan_ctx* tc, std::size_t i) {
@@ -94,13 +94,14 @@ static void log_pmt_stats(const tsan_ctx* tc, std::size_t i) {
 // intended: the pid is that of the current packet's program, the counts are those of program i.
 static void log_prg_stats(const tsan_ctx* tc, std::size_t i) {
     const sa_stats& s = tc->pg[i].stat;
-    const unsigned pcr_pid = tc->dat.program ? tc->dat.program->pcr_pid : 0;
+    const unsigned pcr_pid = prog(tc) ? prog(tc)->pcr_pid : 0;
     log_machine(&g_access_log, "STAT PRG %s %u %llu %llu %llu %llu %llu %llu %llu %llu\n",
                 source(tc), pcr_pid, s.pcount, s.acount, s.v_pcount, s.v_acount, s.a_pcount,
                 s.a_acount, s.s_pcount, s.s_acount);
 }
 
-void log_aval_stats(const char* name, const char* src, int pid, int pid2, const aggr_val* a) {
+static void log_aval_stats(const char* name, const char* src, int pid, int pid2,
+                           const aggr_val* a) {
     const double avg = static_cast<double>(a->total) / static_cast<double>(a->count);
     const double g_avg = static_cast<double>(a->g_total) / static_cast<double>(a->g_count);
     log_machine(&g_access_log,
@@ -155,11 +156,19 @@ int tsan_check_dump_stats(FILE* out, tsan_t tc) {
         tc->last_stats_dumped = now;
         return 0;
     }
-    const auto period = static_cast<time_t>(tc->cfg.dump_stats_period);
-    if (now - tc->last_stats_dumped < period)
+    if (now - tc->last_stats_dumped < static_cast<time_t>(tc->cfg.dump_stats_period))
         return 0;
     if (out)
         tsan_dump_stats(out, tc);
     tsan_alog_stats(tc);
     return 1;
+}
+
+void tsan_reset_local_stats(tsan_t tc) {
+    for (std::size_t i = 0; i < tc->nprogs; i++) {
+        program_info& pg = tc->pg[i];
+        reset_aval(&pg.av_pdts_delta);
+        reset_aval(&pg.av_pcr_delta);
+        reset_aval(&pg.av_pcr_freq);
+    }
 }
