@@ -45,10 +45,14 @@ class analyzer {
   public:
     analyzer() {
         bind_logs();
-        tsan_config cfg = TSAN_DEFAULTS;
+        tsan_config cfg = {};
+        cfg.is_enabled = true;
+        cfg.max_skip_pkts = 5000;
         cfg.max_pdts_delta = 500;
         cfg.max_pcr_delta = 900;
         cfg.pcr_freq_ms = 100;
+        cfg.cc_track = true;
+        cfg.cc_max_ms0_ms = 30;
         cfg.access_log_alerts = true;
         tsan_ = tsan_init("capture", &cfg, nullptr);
         if (!tsan_)

@@ -181,7 +181,8 @@ void PesFront::emit(Unit& unit, const At& at, bool valid) {
     unit.plain = !unit.counted;
     PesEvent& e = unit.event;
     e.valid = valid;
-    unit.whole = unit.whole && !e.disturbed && valid;
+    const bool is_short = e.received < e.declared; // packets are missing, though counters fit
+    unit.whole = unit.whole && !e.disturbed && !is_short && valid;
     unit.packets_since += e.packets;
     const std::array<std::uint8_t, stamps_end>& h = unit.header;
     if (valid) {

@@ -2,17 +2,20 @@
 // frames, missing pictures) and q.3 (order).
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <optional>
 #include <vector>
 
+#include "audio_frames.h"
+#include "audio_steps.h"
 #include "events.h"
+#include "excuses.h"
 #include "finding.h"
 #include "options.h"
 #include "output.h"
+#include "picture_steps.h"
 #include "programs.h"
 
 namespace quarn {
@@ -55,6 +58,86 @@ class Stamps {
     /// PTS (DTS) minus the program's clock at the last PES packet of the pid that had both, in 27
     /// MHz ticks.
     std::optional<Ticks> lead(std::uint16_t pid) const;
+
+  private:
+    /// PES packets that came too late, from the first one on (q.1).
+    struct Late {
+        Place begin;
+        Ticks worst = 0;
+        std::optional<Place> good; // since then none was late
+    };
+    struct Stream {
+        explicit Stream(double step_limit) : audio(step_limit) {}
+
+        ElementaryStream entry;
+        std::vector<std::uint16_t> programs;
+        std::optional<Place> last_pts; // 2.5
+        // The last stamp, and where; not set where the next one is not to be held against it:
+        std::optional<std::int64_t> stamp;
+        Place stamp_place;
+        Ticks quiet_until = no_time;
+        AudioSteps audio;
+        PictureSteps pictures;
+        std::optional<Late> late;
+        bool late_by_jump = false; // the clock jumped, the stamps have not followed
+        std::optional<Ticks> lead;
+    };
+    /// What a pid has had in the whole input, for judge() and what is told once.
+    struct Record {
+        ElementaryStream entry;
+        bool scrambled = false;
+        bool units = false;   // PES packets
+        bool stamps = false;  // PTS
+        bool clocked = false; // a stamp while the clock of its program was known
+        bool counted = false; // audio frames between stamps
+        bool told_late = false;
+        bool told_order = false;
+    };
+    /// A finding, unless it turns out to follow from something else.
+    struct Candidate {
+        Finding finding;
+        Place from;
+        Place to;
+        Ticks due = no_time;
+    };
+
+    void see(const Place& place);
+    void restart(Stream& stream);
+    void unit(Stream& stream, Record& record, const PesEvent& event, const Place& place,
+              std::optional<Ticks> clock);
+    void distance(Stream& stream, const Place& place, bool open);
+    void lateness(Stream& stream, Record& record, const PesEvent& event, const Place& place,
+                  Ticks clock);
+    void late(Stream& stream, Ticks by, const Place& place);
+    void close_late(Stream& stream, const Place& end, bool open);
+    void steps(Stream& stream, Record& record, const PesEvent& event, const Place& place);
+    bool order(Stream& stream, Record& record, const PesEvent& event, const Place& place,
+               std::int64_t step);
+    void audio_fault(const Stream& stream, const std::optional<AudioFault>& fault);
+    Candidate candidate(Rule rule, const Stream& stream, const Place& from, const Place& to) const;
+    void wait(Candidate&& candidate);
+    void decide(Candidate&& candidate);
+    bool follows(const Candidate& candidate) const;
+    bool is_quiet(const Stream& stream, const Place& place) const;
+    std::optional<Ticks> elapsed(const Place& from, const Place& to) const;
+
+    void judge_distance(Judgement& judgement) const;
+    void judge_lateness(Judgement& judgement) const;
+    void judge_steps(Judgement& judgement) const;
+    void judge_order(Judgement& judgement) const;
+    template <typename Ask>
+    void judge_streams(Judgement& judgement, Rule rule, Ask ask) const;
+
+    const Options& options_;
+    Output& out_;
+    ProgramsPtr programs_;
+    std::map<std::uint16_t, Stream> streams_;
+    std::map<std::uint16_t, Record> records_;
+    Excuses excuses_;
+    std::deque<Candidate> waiting_;    // in the order of `due`
+    Ticks next_look_ = no_time;        // of advance()
+    std::optional<Place> first_exact_; // places whose time is no estimate
+    std::optional<Place> last_exact_;
 };
 
 } // namespace quarn
