@@ -45,14 +45,10 @@ class analyzer {
   public:
     analyzer() {
         bind_logs();
-        tsan_config cfg = {};
-        cfg.is_enabled = true;
-        cfg.max_skip_pkts = 5000;
+        tsan_config cfg = TSAN_DEFAULTS;
         cfg.max_pdts_delta = 500;
         cfg.max_pcr_delta = 900;
         cfg.pcr_freq_ms = 100;
-        cfg.cc_track = true;
-        cfg.cc_max_ms0_ms = 30;
         cfg.access_log_alerts = true;
         tsan_ = tsan_init("capture", &cfg, nullptr);
         if (!tsan_)

@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 install(TARGETS quarn RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
 install(FILES doc/quarn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
 install(FILES doc/quarn.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
-install(FILES doc/alerts.md doc/tutorial.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
+install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
 install(FILES samples/quarn.conf samples/demo.ts
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
 install(FILES doc/quarn.bash-completion RENAME quarn COMPONENT quarn OPTIONAL

@@ -52,14 +52,11 @@ int main(int argc, char** argv) {
     log_default(&g_access_log, stdout);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-    tsan_config cfg = {};
-    cfg.is_enabled = true;
-    cfg.max_skip_pkts = 5000;
+    tsan_config cfg = TSAN_DEFAULTS;
     cfg.max_pdts_delta = 500;
     cfg.max_pcr_delta = 1000;
     cfg.pcr_freq_ms = 100;
     cfg.max_ndat_pcount = 10000;
-    cfg.cc_track = true;
     cfg.cc_max_ms0_ms = 1000;
     cfg.access_log_alerts = true;
     cfg.no_rlog = true;

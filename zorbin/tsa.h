@@ -1,8 +1,10 @@
-// tsa.h - the driver: its settings and the functions that main uses.
+// tsa.h - the driver: its settings and what its files share.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 
 #include <sys/types.h>
 
@@ -21,20 +23,30 @@ struct config {
     std::size_t max_records; // records to count before the run ends, 0: no limit
 };
 
+extern config g_cfg;
+
+struct file_closer {
+    void operator()(FILE* fp) const { std::fclose(fp); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// tsa.cpp: name, version and build of the program, a static text.
+const char* app_info();
+
 // Puts every setting at its start value.
 void init_config();
 
-// Applies the command line to g_cfg; the files of -C come first whatever their place, so that the
-// other options override them. Does not return for -?, -V, an unknown option or a missing operand.
-// Returns 0 to go on, else the exit status; a negative value stands for 2.
-[[nodiscard]] int parse_options(int argc, char* argv[]);
+// Handler of SIGINT and SIGTERM: asks the read loop to hand no more packets to the analyzer.
+void handle_quit(int signo);
 
-// Reads the group "zbn.stream_analyzer" of the configuration file `fpath` into `cfg`. Reports every
-// failure itself. Returns 0, or non-zero when the file cannot be used.
-[[nodiscard]] int load_config(const char* fpath, tsan_config* cfg);
+// tsa_options.cpp: applies the command line to g_cfg; the files of -C come first whatever their
+// place, so that the other options override them. Does not return for -?, -V, an unknown option or
+// a missing operand. Returns 0 to go on, else the exit status; a negative value stands for 2.
+[[nodiscard]] int parse_options(int argc, char* argv[]);
 
 // Writes the usage text to standard error and ends the process. `app` is the program's path.
 [[noreturn]] void usage(const char* app, int exit_code);
 
-// Handler of SIGINT and SIGTERM: asks the read loop to hand no more packets to the analyzer.
-void handle_quit(int signo);
+// tsa_config.cpp: reads the group "zbn.stream_analyzer" of the configuration file `fpath` into
+// `cfg`. Reports every failure itself. Returns 0, or non-zero when the file cannot be used.
+[[nodiscard]] int load_config(const char* fpath, tsan_config* cfg);

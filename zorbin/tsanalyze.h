@@ -54,6 +54,16 @@ struct tsan_config {
     bool no_rlog; // alerts are not written to the application log
 };
 
+// What a host starts from: continuity is checked, everything else off, and no source tag yet.
+inline constexpr tsan_config TSAN_DEFAULTS = [] {
+    tsan_config cfg{};
+    cfg.is_enabled = true;
+    cfg.max_skip_pkts = 5000;
+    cfg.cc_track = true;
+    cfg.cc_max_ms0_ms = 30;
+    return cfg;
+}();
+
 struct tsan_ctx;
 using tsan_t = tsan_ctx*; // handle of one analyzer context
 

@@ -14,7 +14,7 @@
 constinit char g_outbuf[LOG_OUTBUF_MAX] = {};
 
 namespace {
-// Errors in building a line are told under the name of the operation, whichever helper met them.
+// Errors in building a line are told under the name of the operation, whichever step met them.
 constexpr const char* PREPARE = "logbuf_prepare";
 
 // The free end of g_outbuf.

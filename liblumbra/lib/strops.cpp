@@ -1,4 +1,4 @@
-// Numbers with size suffixes, and line ends. Called by the settings helpers and by hosts that read
+// Numbers with size suffixes, and line ends. Called by config.cpp and by hosts that read
 // numbers from people. Owns nothing.
 #include "strops.h"
 

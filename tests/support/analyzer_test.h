@@ -13,12 +13,8 @@
 
 // Settings as the driver starts with them, and the source tag "src".
 inline tsan_config default_config() {
-    tsan_config cfg{};
-    cfg.is_enabled = true;
+    tsan_config cfg = TSAN_DEFAULTS;
     strcpy(cfg.source, "src");
-    cfg.max_skip_pkts = 5000;
-    cfg.cc_track = true;
-    cfg.cc_max_ms0_ms = 30;
     return cfg;
 }
 
