@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "big_endian.h"
+
 namespace quarn::inputs {
 
 Ticks ArrivalStamps::arrival(std::uint32_t stamp) {
@@ -13,11 +15,6 @@ Ticks ArrivalStamps::arrival(std::uint32_t stamp) {
     seen_ = true;
     stamp_ = stamp;
     return arrival_;
-}
-
-static std::uint32_t load_be32(const std::uint8_t* bytes) {
-    return static_cast<std::uint32_t>(bytes[0]) << 24 | static_cast<std::uint32_t>(bytes[1]) << 16 |
-           static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3];
 }
 
 /// The sync bytes of five places in step, as far as the input has them.

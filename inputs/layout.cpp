@@ -1,14 +1,14 @@
 #include "layout.h"
 
 #include <algorithm>
-#include <array>
+
+#include "big_endian.h"
 
 namespace quarn::inputs {
 namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
-constexpr std::array<std::size_t, 3> sizes = {188, 192, 204};
 /// So much of the input is held against each layout.
 constexpr std::size_t judged_bytes = 64 * 1024;
 
@@ -70,7 +70,7 @@ bool convincing(const Candidate& candidate, Bytes head, bool whole) {
 template <typename Acceptable>
 Candidate best_from(Bytes head, std::size_t from, Acceptable acceptable) {
     Candidate best;
-    for (const std::size_t size : sizes)
+    for (const std::size_t size : packet_sizes)
         for (std::size_t first = from; first < std::min(from + size, head.size()); ++first)
             if (const Candidate candidate = judge(head, size, first);
                 acceptable(candidate) && (best.places == 0 || candidate.margin() > best.margin()))
@@ -87,9 +87,7 @@ bool has_stamps(Bytes head, const Layout& layout) {
     for (std::size_t offset = layout.first + layout.size; offset < end; offset += layout.size) {
         if (head[offset] != sync_byte)
             continue;
-        std::uint32_t stamp = 0;
-        for (std::size_t i = offset - 4; i < offset; ++i)
-            stamp = stamp << 8 | head[i];
+        const std::uint32_t stamp = load_be32(head.data() + offset - 4);
         const std::uint32_t step = (stamp - last) & 0x3FFFFFFF;
         if (offset > layout.first + layout.size) {
             ++steps;
@@ -117,7 +115,7 @@ std::size_t first_packet(Bytes head, const Layout& layout) {
 
 std::optional<Layout> find_layout(Bytes head, bool whole) {
     std::size_t from = 0;
-    while (from < head.size() && std::ranges::none_of(sizes, [&](std::size_t size) {
+    while (from < head.size() && std::ranges::none_of(packet_sizes, [&](std::size_t size) {
                return run_begins(head, from, size);
            }))
         ++from;

@@ -1,6 +1,7 @@
 // How packets lie in an input: their size and where the first one begins.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -11,6 +12,8 @@ namespace quarn::inputs {
 inline constexpr std::uint8_t sync_byte = 0x47;
 /// So many sync bytes in step make lost synchronisation found again (TR 101 290, 1.1).
 inline constexpr std::size_t sync_run = 5;
+
+inline constexpr std::array<std::size_t, 3> packet_sizes = {188, 192, 204};
 
 struct Layout {
     std::size_t size = 188;  // 188; 192: four bytes in front; 204: 16 bytes behind
