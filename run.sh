@@ -5,7 +5,7 @@
 set -euo pipefail
 top=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 
-"$top/tools/install-packages" g++ cmake make libbitstream-dev libconfig-dev || exit 125
+"$top/tools/install-packages" g++ cmake make libbitstream-dev libconfig-dev libpcap-dev || exit 125
 
 build() {
   cd "$top"

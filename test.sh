@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
 
 native() {
-  tools/install-packages g++ cmake make libbitstream-dev libconfig-dev \
+  tools/install-packages g++ cmake make libbitstream-dev libconfig-dev libpcap-dev \
     libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox \
     python3-jsonschema
   local bench=OFF
@@ -23,7 +23,7 @@ arm() {
     "${root[@]}" dpkg --add-architecture armhf
   fi
   tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev \
-    libconfig-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf \
+    libconfig-dev:armhf libpcap-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf \
     python3-jsonschema
   cmake --preset arm
   cmake --build --preset arm

@@ -47,6 +47,7 @@ struct Flow {
     std::uint64_t datagrams = 0;
     std::uint64_t packets = 0;
     bool rtp = false;
+    std::size_t packet_size = 188;
 };
 
 /// An open input. One thread at a time.

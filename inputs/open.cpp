@@ -1,6 +1,7 @@
 #include "file_input.h"
 #include "input.h"
 #include "layout.h"
+#include "pcap_input.h"
 #include "sniff.h"
 #include "source.h"
 
@@ -27,6 +28,8 @@ std::variant<std::unique_ptr<Input>, Error> open(const std::string& operand,
         head = *peeked;
         if (head.empty())
             return Error{ErrorKind::empty, "empty: not one byte"};
+        if (is_pcap(head))
+            return PcapInput::open(std::move(source), options);
         const bool whole = head.size() < look;
         if (const auto layout = find_layout(head, whole))
             return std::make_unique<FileInput>(std::move(source), *layout);

@@ -36,9 +36,10 @@ class Source {
     /// The first bytes that read() will return: `count` of them, fewer at the end of the input
     /// or when the stop flag is set. Nothing after an error.
     std::optional<std::span<const std::uint8_t>> peek(std::size_t count);
-    /// Goes back to where it began; false where that is not possible.
+    /// Goes back to where it began, if it is seekable.
     bool rewind();
 
+    bool seekable() const { return seekable_; }
     bool stopped() const { return stop_ && stop_->load(std::memory_order_relaxed); }
     std::uint64_t bytes_read() const { return bytes_read_; }
     std::optional<std::uint64_t> bytes_total() const { return bytes_total_; }

@@ -1,51 +1,18 @@
+#include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "capture.h"
-#include "inputs/input.h"
+#include "files.h"
 
 namespace quarn::inputs {
 namespace {
 
 using namespace std::string_literals;
 
-class Open : public ::testing::Test {
-  protected:
-    Open() { EXPECT_NE(mkdtemp(directory_.data()), nullptr); }
-    ~Open() override { std::system(("rm -r " + directory_).c_str()); }
-
-    std::string path(const std::string& name) const { return directory_ + "/" + name; }
-
-    template <typename Bytes>
-    std::string file(const Bytes& bytes, const std::string& name = "file") const {
-        std::ofstream(path(name), std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()),
-                   static_cast<std::streamsize>(bytes.size()));
-        return path(name);
-    }
-
-    std::string directory_ = ::testing::TempDir() + "inputs.XXXXXX";
-};
-
-/// The kind and text of the error, or what was read.
-std::string outcome(const std::string& operand, const OpenOptions& options = {}) {
-    auto opened = open(operand, options);
-    if (const auto* error = std::get_if<Error>(&opened))
-        return std::string(word(error->kind)) + ": " + error->text;
-    Input& input = *std::get<std::unique_ptr<Input>>(opened);
-    Recorder recorder;
-    Input::Status status{};
-    while ((status = input.read(recorder)) == Input::Status::more) {
-    }
-    if (status == Input::Status::failed)
-        return recorder.text() + " failed: " + input.error().text;
-    return recorder.text();
-}
+class Open : public Files {};
 
 TEST_F(Open, what_is_no_transport_stream_is_named_for_what_it_is) {
     const struct {
@@ -65,15 +32,16 @@ TEST_F(Open, what_is_no_transport_stream_is_named_for_what_it_is) {
         {"\x1F\x8B\x08", "not_ts: compressed with gzip"},
         {std::string(257, 'x') + "ustar", "not_ts: a tar archive"},
         {"\x01\x02\x03\xFF", "not_ts: binary data"},
+        {"\xD4\xC3\xB2\xA1", "unreadable: a pcap that cannot be read: truncated"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(outcome(file(c.bytes)).find(c.outcome), 0u)
-            << c.outcome << " but " << outcome(file(c.bytes));
+        EXPECT_EQ(outcome(file({c.bytes.begin(), c.bytes.end()})).substr(0, std::strlen(c.outcome)),
+                  c.outcome);
     EXPECT_EQ(outcome(directory_), "directory: a directory: name the files in it");
     EXPECT_EQ(outcome(path("none")), "not_found: no such file");
-    EXPECT_EQ(outcome(file(""s) + "/none"), "not_found: no such file");
+    EXPECT_EQ(outcome(file({}) + "/none"), "not_found: no such file");
     if (geteuid() != 0) {
-        chmod(file("x"s, "locked").c_str(), 0);
+        chmod(file({1}, "locked").c_str(), 0);
         EXPECT_EQ(outcome(path("locked")), "unreadable: cannot be read: Permission denied");
     }
     EXPECT_EQ(outcome("/proc/self/mem"), "unreadable: cannot be read: Input/output error");
@@ -87,11 +55,7 @@ TEST_F(Open, files_and_pipes_of_any_size_read_the_same) {
                              "inserted(939950-2439950:136) 5000-5998 truncated(2627762:168)";
     EXPECT_EQ(outcome(file(capture.bytes)), told);
 
-    const std::string pipe = path("pipe");
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    std::thread writer([&] { file(capture.bytes, "pipe"); });
-    EXPECT_EQ(outcome(pipe), told);
-    writer.join();
+    EXPECT_EQ(through_pipe(capture.bytes), told);
 
     const int saved = dup(STDIN_FILENO);
     const int fd = ::open(path("file").c_str(), O_RDONLY);
