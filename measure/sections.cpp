@@ -9,6 +9,7 @@ namespace quarn {
 namespace {
 
 constexpr std::uint32_t crc_polynomial = 0x04C11DB7;
+constexpr std::uint8_t stuffing_table_id = 0x72; // any bytes, with either header
 constexpr std::uint8_t tot_table_id = 0x73;
 
 // Eight bytes at a time: row k is the effect of a byte with k bytes behind it.
@@ -52,7 +53,8 @@ SectionHead section_head(Bytes bytes) {
     SectionHead head;
     head.table_id = bytes[0];
     const bool long_header = bytes.size() > 1 && (bytes[1] & 0x80) != 0;
-    head.has_crc = long_header || head.table_id == tot_table_id;
+    head.has_crc =
+        (long_header && head.table_id != stuffing_table_id) || head.table_id == tot_table_id;
     if (!long_header || bytes.size() < long_header_size)
         return head;
     head.extension = read_16(bytes, 3);

@@ -36,7 +36,7 @@ inline std::uint16_t read_12(Bytes bytes, std::size_t at) {
 /// The header of a section. What is not there (short sections) is 0, and `current` true.
 struct SectionHead {
     std::uint8_t table_id = 0;
-    bool has_crc = false; // long sections, and the TOT
+    bool has_crc = false; // long sections but stuffing, and the TOT
     std::uint16_t extension = 0;
     std::uint8_t version = 0;
     bool current = true;

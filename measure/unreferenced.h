@@ -6,6 +6,7 @@
 #include <map>
 
 #include "finding.h"
+#include "gaps.h"
 #include "options.h"
 #include "output.h"
 #include "packet.h"
@@ -35,7 +36,9 @@ class Unreferenced {
         Place last;
     };
 
-    void close(std::uint16_t pid, const Stay& stay, bool open);
+    void end_judged(const Place& place);
+    bool too_long(const Stay& stay) const;
+    void tell(std::uint16_t pid, const Stay& stay, bool open);
 
     const Options& options_;
     Output& output_;
@@ -43,8 +46,9 @@ class Unreferenced {
     std::map<std::uint16_t, Stay> stays_; // of the pids that are named by nothing
     Place since_;                         // all tables have been in force since here
     bool complete_ = false;
-    bool timed_ = false;
+    bool was_complete_ = false;
     Ticks judged_ = 0; // the longest time over which all tables were in force
+    SureClock clock_;
 };
 
 } // namespace quarn
