@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
 # Analyses a capture: ./run.sh [options] FILE     (./run.sh alone: the bundled sample)
-# Installs what is missing, builds quarn where needed, and becomes quarn: standard output and exit
-# status are its own. Status 125: quarn could not be built.
+# Installs what is missing, builds all programs where needed, and becomes quarn: standard output and
+# exit status are its own. Status 125: they could not be built. The other programs are then beside
+# quarn in build/release.
 set -euo pipefail
 top=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 
-"$top/tools/install-packages" g++ cmake make libbitstream-dev libconfig-dev libpcap-dev || exit 125
+"$top/tools/install-packages" g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev ||
+  exit 125
 
 build() {
   cd "$top"
   # A tree that test.sh has configured keeps its tests.
   [ -e build/release/Makefile ] || cmake --preset release -DQUARN_TESTS=OFF
-  cmake --build --preset release --target quarn
+  cmake --build --preset release --target programs
 }
 
 if ! log=$(build 2>&1); then

@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
 
 native() {
-  tools/install-packages g++ cmake make libbitstream-dev libconfig-dev libpcap-dev \
+  tools/install-packages g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev \
     libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox \
     python3-jsonschema
   local bench=OFF
@@ -22,7 +22,7 @@ arm() {
     [ "$(id -u)" -eq 0 ] || root=(sudo)
     "${root[@]}" dpkg --add-architecture armhf
   fi
-  tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev \
+  tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev libcli11-dev \
     libconfig-dev:armhf libpcap-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf \
     python3-jsonschema
   cmake --preset arm

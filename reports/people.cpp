@@ -16,8 +16,15 @@ namespace {
 /// Of more pids with the same fault only so many have a line of their own.
 constexpr std::size_t most_lines = 8;
 
-double ms(Ticks ticks) {
-    return static_cast<double>(ticks) / static_cast<double>(ticks_per_ms);
+/// "7.22 s", "12 min 5 s", "24 h 0 min".
+std::string length_text(Ticks ticks) {
+    const Ticks seconds = ticks / ticks_per_second;
+    if (seconds >= 3600)
+        return std::to_string(seconds / 3600) + " h " + std::to_string(seconds / 60 % 60) + " min";
+    if (seconds >= 60)
+        return std::to_string(seconds / 60) + " min " + std::to_string(seconds % 60) + " s";
+    return std::to_string(seconds) + "." +
+           std::to_string(ticks % ticks_per_second * 10 / ticks_per_second) + " s";
 }
 
 std::string_view colour(const Colours& c, Verdict verdict) {
@@ -98,7 +105,7 @@ void head(std::string& out, const InputFacts& input, const Options& options, con
     if (!input.flow.empty())
         facts = input.flow + ", " + facts;
     if (s.duration)
-        facts += ", " + duration_text(ms(*s.duration));
+        facts += ", " + length_text(*s.duration);
     if (s.bitrate)
         facts += ", " + rate_text(*s.bitrate);
     facts += "; " + clock_text(s.clock);
@@ -165,6 +172,12 @@ void programs(std::string& out, const Summary& s, const Colours& c) {
 using Row = Groups::Key;
 using Rows = std::vector<std::pair<Row, const Group*>>;
 
+/// What a group says, told whole.
+std::string told(const Group& group) {
+    return printable(group.text) + " At " + place_text(group.first) + "." +
+           (group.sure ? "" : " A guess.");
+}
+
 /// A line a pid, and of many pids one for the rest.
 void group_lines(std::string& out, Rows rows) {
     std::stable_sort(rows.begin(), rows.end(), [&](const auto& a, const auto& b) {
@@ -175,6 +188,8 @@ void group_lines(std::string& out, Rows rows) {
         const auto& [key, group] = rows[i];
         const std::string pid = key.pid < 0 ? "" : "pid " + std::to_string(key.pid) + ": ";
         wrap(out, pid + group_text(key.rule, *group), 4);
+        if (key.rule == Rule::table_changed)
+            wrap(out, printable(group->text), 6); // says itself what no figure can
     }
     if (rows.size() <= most_lines)
         return;
@@ -214,10 +229,10 @@ void findings(std::string& out, const Groups& groups, const Colours& c) {
         for (auto row = at; row != end; ++row)
             rows.emplace_back(row->first, &row->second);
         rule_heading(out, at->first, c);
-        // A single finding is told whole; of several the sentence says what they mean.
         if (rows.size() == 1 && rows[0].second->count == 1)
-            wrap(out, printable(rows[0].second->text), 4);
-        group_lines(out, rows);
+            wrap(out, told(*rows[0].second), 4);
+        else
+            group_lines(out, rows);
         wrap(out, meaning(at->first.rule, at->first.kind), 4);
         at = end;
     }
@@ -289,10 +304,9 @@ void quiet_line(std::string& out, const InputFacts& input, const Summary& summar
              why);
 }
 
-void quiet_error(std::string& out, std::string_view name, std::string_view kind,
-                 std::string_view text, const Colours& colours) {
-    one_line(out, colours.bad, colours, "unreadable", name,
-             std::string(kind) + ", " + std::string(text));
+void quiet_error(std::string& out, std::string_view name, std::string_view text,
+                 const Colours& colours) {
+    one_line(out, colours.bad, colours, "unreadable", name, text);
 }
 
 } // namespace quarn

@@ -33,7 +33,7 @@ void people_report(std::string& out, const InputFacts& input, const Options& opt
 void quiet_line(std::string& out, const InputFacts& input, const Summary& summary,
                 const Colours& colours);
 /// The same for an input that cannot be read.
-void quiet_error(std::string& out, std::string_view name, std::string_view kind,
-                 std::string_view text, const Colours& colours);
+void quiet_error(std::string& out, std::string_view name, std::string_view text,
+                 const Colours& colours);
 
 } // namespace quarn

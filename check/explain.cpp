@@ -1,0 +1,56 @@
+#include "explain.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "pages.h"
+
+namespace quarn::check {
+
+namespace {
+
+/// Whether the heading "## 3.1.a NIT_actual_error, 3.1.b NIT_other_error" names that number.
+bool heads(std::string_view page, std::string_view id) {
+    const std::string_view heading = page.substr(0, page.find('\n'));
+    return heading.find(" " + std::string(id) + " ") != std::string_view::npos;
+}
+
+/// Markdown as it is, but for the marks of what stands out.
+void append_line(std::string& out, std::string_view line, const Colours& colours) {
+    const bool heading = line.starts_with("## ");
+    if (heading) {
+        line.remove_prefix(3);
+        out += colours.heading;
+    }
+    bool bold = false;
+    while (!line.empty()) {
+        const std::size_t marks = line.find("**");
+        out += line.substr(0, marks);
+        if (marks == std::string_view::npos)
+            break;
+        bold = !bold;
+        out += bold ? colours.heading : colours.off;
+        line.remove_prefix(marks + 2);
+    }
+    if (heading)
+        out += colours.off;
+    out += '\n';
+}
+
+} // namespace
+
+std::string explain(Rule rule, const Colours& colours) {
+    const auto page = std::find_if(std::begin(pages), std::end(pages),
+                                   [&](std::string_view p) { return heads(p, info(rule).id); });
+    if (page == std::end(pages))
+        return "There is no page on " + std::string(info(rule).id) + ".\n";
+    std::string out;
+    for (std::string_view text = *page; !text.empty();) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        append_line(out, text.substr(0, end), colours);
+        text.remove_prefix(std::min(text.size(), end + 1));
+    }
+    return out;
+}
+
+} // namespace quarn::check

@@ -1,0 +1,151 @@
+// quarn-check: the command line, the threads, the exit status.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "explain.h"
+#include "judge.h"
+#include "list.h"
+#include "options.h"
+#include "ordered.h"
+#include "progress.h"
+#include "reports/junit.h"
+#include "status.h"
+
+namespace quarn::check {
+
+namespace {
+
+/// A standard stream that was closed must not become the first file that is opened.
+void fill_standard_streams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+            (void)::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
+bool has_colours() {
+    const char* const no_color = std::getenv("NO_COLOR");
+    const char* const term = std::getenv("TERM");
+    return ::isatty(STDOUT_FILENO) && !(no_color && *no_color) && term && std::strcmp(term, "dumb");
+}
+
+/// The work of all threads: each takes the next input until there is none.
+class Run {
+  public:
+    Run(const CommandLine& line, const std::vector<std::string>& inputs, Target& out, Target* junit,
+        const Colours& colours)
+        : line_(line), inputs_(inputs), colours_(colours),
+          progress_(::isatty(STDERR_FILENO), inputs.size()),
+          output_(out, junit, [this] { progress_.clear(); }) {}
+
+    int all() {
+        const std::size_t count = std::min<std::size_t>(line_.jobs, inputs_.size());
+        std::atomic<std::size_t> running = count;
+        std::vector<std::jthread> threads;
+        for (std::size_t i = 0; i < count; ++i)
+            threads.emplace_back([&] {
+                work();
+                --running;
+                running.notify_one();
+            });
+        draw_until_done(running);
+        threads.clear();
+        progress_.clear();
+        return status_;
+    }
+
+  private:
+    void work() {
+        for (;;) {
+            const std::size_t input = next_++;
+            if (input >= inputs_.size() || !output_.begin(input))
+                return;
+            Judgement judgement = judge_one(input);
+            output_.finish(input, std::move(judgement.ending));
+            int status = status_;
+            while (!status_.compare_exchange_weak(status, worse(status, judgement.status))) {
+            }
+        }
+    }
+
+    Judgement judge_one(std::size_t input) {
+        Progress::Item item(progress_, inputs_[input]);
+        const auto write = [&](std::string_view text) { output_.write(input, text); };
+        const auto go_on = [&] { return !output_.failed(); };
+        return judge(inputs_[input], line_, colours_, write, go_on, item.position);
+    }
+
+    void draw_until_done(std::atomic<std::size_t>& running) {
+        constexpr auto step = std::chrono::milliseconds(20);
+        constexpr int steps_a_picture = 10;
+        for (int i = 0; running > 0; ++i) {
+            std::this_thread::sleep_for(step);
+            if (i % steps_a_picture == 0)
+                progress_.draw();
+        }
+    }
+
+    const CommandLine& line_;
+    const std::vector<std::string>& inputs_;
+    const Colours& colours_;
+    Progress progress_;
+    OrderedOutput output_;
+    std::atomic<std::size_t> next_ = 0;
+    std::atomic<int> status_ = status_healthy;
+};
+
+int check_all(const CommandLine& line, const Colours& colours) {
+    const std::vector<std::string> inputs = inputs_of(line);
+    if (inputs.empty())
+        std::cerr << "quarn-check: no input is in this shard\n";
+    Target out(STDOUT_FILENO, "standard output");
+    std::unique_ptr<Target> junit;
+    if (line.junit) {
+        const int fd = ::open(line.junit->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (fd < 0)
+            throw std::system_error(errno, std::generic_category(), "--junit " + *line.junit);
+        junit = std::make_unique<Target>(fd, *line.junit);
+        junit->write(junit_begin());
+    }
+    const int status = Run(line, inputs, out, junit.get(), colours).all();
+    if (junit)
+        junit->write(junit_end());
+    return out.failed() || (junit && junit->failed()) ? status_error : status;
+}
+
+int main_of(int argc, char** argv) {
+    fill_standard_streams();
+    std::signal(SIGPIPE, SIG_IGN);
+    const std::variant<CommandLine, int> parsed = parse_command_line(argc, argv);
+    if (const int* const status = std::get_if<int>(&parsed))
+        return *status;
+    const CommandLine& line = std::get<CommandLine>(parsed);
+    const Colours colours = has_colours() ? Colours::terminal() : Colours::none();
+    if (!line.explain)
+        return check_all(line, colours);
+    Target out(STDOUT_FILENO, "standard output");
+    out.write(explain(*rule_by_id(*line.explain), colours));
+    return out.failed() ? status_error : status_healthy;
+}
+
+} // namespace
+
+} // namespace quarn::check
+
+int main(int argc, char** argv) {
+    try {
+        return quarn::check::main_of(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "quarn-check: " << error.what() << '\n';
+        return quarn::check::status_error;
+    }
+}
