@@ -60,8 +60,8 @@ std::optional<AudioFault> AudioSteps::flush() {
     if (!waiting_)
         return std::nullopt;
     const double off = waiting_->stamps - waiting_->frames;
-    const AudioFault fault{Kind::jump, waiting_->from,   waiting_->to,
-                           off,        waiting_->frames, is_silence(off, lead_)};
+    const AudioFault fault{Kind::jump, waiting_->from,        waiting_->to, off,
+                           0,          is_silence(off, lead_)};
     waiting_.reset();
     lead_count_ = 0;
     return fault;
@@ -109,7 +109,7 @@ std::optional<AudioFault> AudioSteps::decide(const AudioStep& step) {
                           first.from,
                           first.to,
                           both,
-                          first.frames + step.frames,
+                          both / (first.frames + step.frames),
                           is_silence(both, lead_)};
     }
     const double lead_behind = lead_ - (step.stamps - step.clock); // at the large step
@@ -117,7 +117,7 @@ std::optional<AudioFault> AudioSteps::decide(const AudioStep& step) {
     const bool silence = is_silence(off, (lead_behind + lead_ - next_off) / 2);
     lead_count_ = 0; // the distance from the clock is another one now
     note_lead(lead_behind);
-    return AudioFault{Kind::jump, first.from, first.to, off, first.frames, silence};
+    return AudioFault{Kind::jump, first.from, first.to, off, 0, silence};
 }
 
 std::optional<AudioFault> AudioSteps::sum(const AudioStep& step) {
@@ -127,13 +127,12 @@ std::optional<AudioFault> AudioSteps::sum(const AudioStep& step) {
     find_rest(step);
     if (std::abs(sum_) <= limit_)
         return std::nullopt;
-    const double off = sum_;
     const double moved = sum_ - rest_sum_;
     const double sent = sent_ - rest_sent_;
-    const AudioFault fault{Kind::drift, *rest_, *rest_, moved, sent, false};
-    const bool known = drifting_ && upwards_ == (off > 0);
-    drifting_ = std::abs(moved) > sampling_clock * sent;
-    upwards_ = off > 0;
+    const AudioFault fault{Kind::drift, *rest_, *rest_, sum_, sent > 0 ? moved / sent : 0, false};
+    const bool known = drifting_ && upwards_ == (sum_ > 0);
+    drifting_ = std::abs(moved) >= unmoved && std::abs(moved) > sampling_clock * sent;
+    upwards_ = sum_ > 0;
     sum_ = rest_sum_ = mark_sum_ = 0;
     rest_sent_ = mark_sent_ = sent_;
     rest_ = step.to;

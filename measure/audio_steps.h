@@ -24,7 +24,7 @@ struct AudioFault {
     Place from;
     Place to;             // where it shows first
     double off = 0;       // by how much, in 90 kHz ticks, signed
-    double frames = 0;    // while how much audio was sent, in 90 kHz ticks
+    double speed = 0;     // drift: by how much in a unit of time, signed
     bool silence = false; // nothing was sent meanwhile: the stamps are right
 };
 

@@ -311,7 +311,7 @@ void Stamps::audio_fault(const Stream& stream, const std::optional<AudioFault>& 
     c.finding.kind = fault->kind;
     c.finding.detail.step_ms = ms_of_stamps(fault->off);
     if (fault->kind == Kind::drift)
-        c.finding.detail.drift_ms_per_s = fault->off / fault->frames * 1000;
+        c.finding.detail.drift_ms_per_s = fault->speed * 1000;
     wait(std::move(c));
 }
 
