@@ -195,11 +195,11 @@ void log_default(log_ctx* log, FILE* fp);
 // Null ends the copying.
 void log_mirror(log_ctx* log, FILE* fp);
 
-// Closes the stream, whoever opened it, closes the connection to syslog and destroys the ring. For
-// a pipe it waits until the command ends, without a limit. Does nothing at all for a context that
-// is bound to stderr or stdout or was never opened.
-// The other fields keep their values. So the stream field is dead: open or bind the context again
-// before it is used. Lines go on to the mirror, and to syslog until disable_syslog is called.
+// Closes the stream, whoever opened it, and the connection to syslog if the context forwards, and
+// destroys the ring. For a pipe it waits until the command ends, without a limit. Does nothing at
+// all for a context that is bound to stderr or stdout or was never opened.
+// All other fields keep their values, the stream field too, which is dead then: open or bind the
+// context again before it is used. Forwarding goes on from there until disable_syslog is called.
 void log_close(log_ctx* log);
 
 FILE* log_fp(const log_ctx* log);
