@@ -13,6 +13,7 @@ struct {
     std::size_t calls;   // allocations since arming
     std::size_t fail_at; // the one that fails, 1-based; 0: none
     long held;           // blocks allocated and not released since arming
+    tsan_ctx* leaving;   // the context that is being released
 } g_memory;
 
 // Makes an allocation or lets it fail.
@@ -46,6 +47,9 @@ char* __wrap_strdup(const char* text) {
 }
 void __wrap_free(void* block) {
     g_memory.held -= g_memory.armed && block;
+    if (block && block == g_memory.leaving) {
+        EXPECT_STREQ(g_memory.leaving->cfg.source, "") << "without the mark of a released context";
+    }
     __real_free(block);
 }
 }
@@ -70,7 +74,7 @@ class alloc_test : public analyzer_test {
         int error = 0;
         std::vector<u64> counted(6);
         log.clear();
-        g_memory = {true, for_ever, 0, fail_at, 0};
+        g_memory = {true, for_ever, 0, fail_at, 0, nullptr};
         t = tsan_init(nullptr, &cfg, &error);
         EXPECT_EQ(error, fail_at == 1 ? ENOMEM : 0);
         if (t != nullptr) {
@@ -82,6 +86,7 @@ class alloc_test : public analyzer_test {
             const u64 values[] = {tsan_get_pidx(t),  pg.stat.v_pcount, pg.stat.a_pcount,
                                   pg.alert.cc_break, t->gac.pat_diff,  pg.alert.pmt_diff};
             std::copy(std::begin(values), std::end(values), counted.begin());
+            g_memory.leaving = t;
             release();
         }
         g_memory.armed = false;
@@ -113,7 +118,7 @@ TEST_F(alloc_test, each_allocation_fails) {
 
 TEST_F(alloc_test, setting) {
     tsan_config changed = cfg;
-    g_memory = {true, false, 0, 1, 0};
+    g_memory = {true, false, 0, 1, 0, nullptr};
     EXPECT_EQ(tsan_cli_opt("pcr_delta=77", &changed), ENOMEM);
     g_memory.armed = false;
     EXPECT_EQ(changed.max_pcr_delta, 0U);
