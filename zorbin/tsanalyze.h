@@ -39,7 +39,7 @@ struct tracking_opt {
 
 // The analyzer's settings. tsan_init copies them; later changes do not reach the context.
 struct tsan_config {
-    bool is_enabled;               // false: packets are classified and counted, never checked
+    bool is_enabled;               // false: neither counters nor audio PTS/DTS are checked
     char source[MAX_STAG_LEN];     // source tag quoted in alerts; must not be empty
     std::size_t max_skip_pkts;     // packets that may pass before analysis must have begun
     std::size_t max_pdts_delta;    // ms audio PTS/DTS may lie from the video's; 0: no check
@@ -80,8 +80,8 @@ using tsan_t = tsan_ctx*; // handle of one analyzer context
 // the errno of a failed allocation.
 [[nodiscard]] int tsan_cli_opt(const char* optstr, tsan_config* cfg);
 
-// Sets tracking switches from a list of tokens such as "pdts_u:pcr_u", or "all".
-// Always returns 0.
+// Sets tracking switches from a list of tokens such as "pdts_u:pcr_u", or "all". The five that
+// "all" turns on are turned off first. Always returns 0.
 int tsan_xtrack_opt(const char* optstr, tsan_config* cfg);
 
 // Writes the settings as text, headed by `title`.
