@@ -137,7 +137,7 @@ void StreamClock::add_point(const PcrPoint& pcr) {
 
 // ---------------------------------------------------------------- where PCRs are missing
 
-void StreamClock::tick(const At& at, Ticks arrival) {
+void StreamClock::tick(const At& at, Ticks arrival, Ticks frames) {
     if (source_ == ClockSummary::Source::none) {
         choose(at, false);
         if (source_ == ClockSummary::Source::none && at.index >= blind) {
@@ -149,43 +149,49 @@ void StreamClock::tick(const At& at, Ticks arrival) {
         return;
     }
     if (source_ == ClockSummary::Source::pcr)
-        replace_or_bridge(at, arrival);
+        replace_or_bridge(at, arrival, frames);
     else
         steady_source(at, arrival);
 }
 
-void StreamClock::replace_or_bridge(const At& at, Ticks arrival) {
+void StreamClock::replace_or_bridge(const At& at, Ticks arrival, Ticks frames) {
     if (points_.empty() || held_)
         return;
     const Point& last = points_.back();
     const std::uint64_t since = at.index - last.pcr.at.index;
-    const std::uint64_t second = packets_in(silence);
-    if (!last.bridge && since < second)
+    if (rate_.constant() || (arrival != no_time && last.pcr.arrival != no_time))
+        frames = 0; // there is better
+    if (!last.bridge)
+        bridged_time_ = 0;
+    if (!last.bridge && since < packets_in(silence) && frames < silence)
         return;
     for (const Program& p : programs_ ? programs_->programs : std::vector<Program>{}) {
         const auto c = candidates_.find(p.pcr_pid);
         if (p.pcr_pid == pid_ || c == candidates_.end() || c->second.points.empty())
             continue;
-        if (at.index - c->second.points.back().pcr.at.index < second / 2) {
+        if (at.index - c->second.points.back().pcr.at.index < packets_in(silence) / 2) {
             pid_ = p.pcr_pid;
             moving_ = true;
             return;
         }
     }
-    if (since >= packets_in(bridge_step))
-        bridge(at, arrival, 0);
+    if (frames > 0 && frames - bridged_time_ >= bridge_step)
+        bridge(at, arrival, frames - bridged_time_);
+    else if (frames == 0 && since >= packets_in(bridge_step))
+        bridge(at, arrival, std::nullopt);
 }
 
-void StreamClock::bridge(const At& at, Ticks arrival, Ticks value_step) {
+void StreamClock::bridge(const At& at, Ticks arrival, std::optional<Ticks> value_step) {
     Point next = points_.back();
-    if (value_step == 0) {
+    if (!value_step) {
         const bool by_arrival = arrival != no_time && next.pcr.arrival != no_time;
         value_step = by_arrival
                          ? arrival - next.pcr.arrival
                          : static_cast<Ticks>(static_cast<double>(at.index - next.pcr.at.index) *
                                               rate_.ticks_per_packet());
     }
-    next.pcr.value = (next.pcr.value + value_step) % pcr_wrap;
+    bridged_time_ += *value_step;
+    next.pcr.value = (next.pcr.value + *value_step) % pcr_wrap;
     next.pcr.at = at;
     next.pcr.arrival = arrival;
     next.pcr.flagged = false;
@@ -219,8 +225,8 @@ void StreamClock::steady_source(const At& at, Ticks arrival) {
     bridge(at, arrival, step);
 }
 
-void StreamClock::finish(const At& last, Ticks arrival) {
-    tick(last, arrival);
+void StreamClock::finish(const At& last, Ticks arrival, Ticks frames) {
+    tick(last, arrival, frames);
     if (source_ == ClockSummary::Source::none)
         choose(last, true);
     if (points_.empty() || last.index <= points_.back().pcr.at.index)
@@ -229,8 +235,12 @@ void StreamClock::finish(const At& last, Ticks arrival) {
         held_ = false;
         rate_.decide_now();
     }
-    if (rate_.known())
-        bridge(last, arrival, 0);
+    if (!points_.back().bridge)
+        bridged_time_ = 0;
+    if (!rate_.constant() && frames - bridged_time_ > bridge_step)
+        bridge(last, arrival, frames - bridged_time_);
+    else if (rate_.known())
+        bridge(last, arrival, std::nullopt);
 }
 
 // ---------------------------------------------------------------- what broke
@@ -303,7 +313,24 @@ std::uint64_t StreamClock::packets_in(Ticks ticks) const {
     if (!rate_.known())
         return static_cast<std::uint64_t>(static_cast<double>(blind) * static_cast<double>(ticks) /
                                           ticks_per_second);
-    return static_cast<std::uint64_t>(static_cast<double>(ticks) / rate_.ticks_per_packet()) + 1;
+    const double tpp =
+        rate_.constant() ? rate_.ticks_per_packet() : rate_.fewest_ticks_per_packet();
+    return static_cast<std::uint64_t>(static_cast<double>(ticks) / tpp) + 1;
+}
+
+bool StreamClock::passed(std::uint64_t since, const At& now, Ticks time) const {
+    if (now.index >= since + packets_in(time))
+        return true;
+    Ticks sum = 0;
+    for (std::size_t i = points_.size(); i >= 2 && points_[i - 2].pcr.at.index >= since; --i) {
+        const Ticks step =
+            clock_distance(points_[i - 2].pcr.value, points_[i - 1].pcr.value, pcr_wrap);
+        if (step > 0 && step < ticks_per_second && !points_[i - 1].moved)
+            sum += step;
+        if (sum >= time)
+            return true;
+    }
+    return false;
 }
 
 bool StreamClock::ready(const At& last, bool at_end) {
@@ -322,7 +349,7 @@ bool StreamClock::ready(const At& last, bool at_end) {
     }
     if (points_.size() < 2)
         return false;
-    return at_end || last.index >= points_[1].pcr.at.index + packets_in(look_ahead);
+    return at_end || passed(points_[1].pcr.at.index, last, look_ahead);
 }
 
 ClockInterval StreamClock::measure(const PcrPoint& from, const PcrPoint& to) const {
@@ -462,6 +489,8 @@ void StreamClock::keep(ClockInterval& i, const Point& from, const Point& to) {
                          torn ? torn_at(from.pcr.at.index, to.pcr.at.index) : 0, tpp, guessed});
     now_ = i.end_time;
     known_to_ = to.pcr.at.index;
+    if (!guessed)
+        sure_ = to.pcr.at;
     if (!to.bridge) {
         last_real_ = to.pcr;
         last_real_time_ = now_;

@@ -72,12 +72,12 @@ class StreamClock {
     void added(const At& at, unsigned packets);
     /// Nothing but null packets from one to the other.
     void nulls(std::uint64_t from, std::uint64_t to);
-    /// To be called now and then (some hundred packets) with the last packet so far and its
-    /// arrival.
-    void tick(const At& at, Ticks arrival);
+    /// To be called now and then (some hundred packets) with the last packet so far, its arrival,
+    /// and the time of the frames of its program that began since the last PCR, where known.
+    void tick(const At& at, Ticks arrival, Ticks frames);
 
     /// Nothing comes behind that packet: the time goes on up to it.
-    void finish(const At& last, Ticks arrival);
+    void finish(const At& last, Ticks arrival, Ticks frames);
 
     /// The next interval that is decided; `at_end`: nothing more comes. In order, each once.
     std::optional<ClockInterval> next(const At& last, bool at_end);
@@ -87,9 +87,12 @@ class StreamClock {
 
     std::uint64_t added_between(std::uint64_t from, std::uint64_t to) const;
     bool disturbed_between(std::uint64_t from, std::uint64_t to) const;
-    /// Packets in that many ticks at the rate so far; for looking ahead, when times are not known
-    /// yet.
+    /// Packets in that many ticks at the rate so far (a variable one: the highest of late); for
+    /// looking ahead, when times are not known yet.
     std::uint64_t packets_in(Ticks ticks) const;
+    /// At least that much time passed from one packet to `now`, by PCRs or by the number of
+    /// packets.
+    bool passed(std::uint64_t since, const At& now, Ticks time) const;
     bool has_clock() const { return source_ != ClockSummary::Source::none; }
     const Rate& rate() const { return rate_; }
     std::optional<std::uint16_t> pid() const;
@@ -97,6 +100,8 @@ class StreamClock {
     /// From the first packet to the last, where there is a clock.
     std::optional<Ticks> duration() const;
     std::uint64_t known_to() const { return known_to_; }
+    /// The last packet whose time is no estimate.
+    const std::optional<At>& known_for_sure() const { return sure_; }
 
   private:
     struct Point {
@@ -129,8 +134,8 @@ class StreamClock {
     std::optional<std::uint16_t> busiest_choice() const;
     void start(std::uint16_t pid);
     void add_point(const PcrPoint& pcr);
-    void replace_or_bridge(const At& at, Ticks arrival);
-    void bridge(const At& at, Ticks arrival, Ticks value_step);
+    void replace_or_bridge(const At& at, Ticks arrival, Ticks frames);
+    void bridge(const At& at, Ticks arrival, std::optional<Ticks> value_step);
     void steady_source(const At& at, Ticks arrival);
     bool ready(const At& last, bool at_end);
     ClockInterval measure(const PcrPoint& from, const PcrPoint& to) const;
@@ -164,6 +169,8 @@ class StreamClock {
     Rate rate_;
     Ticks now_ = 0; // the end of the last segment
     std::uint64_t known_to_ = 0;
+    std::optional<At> sure_;
+    Ticks bridged_time_ = 0; // of the bridges since the last PCR
 };
 
 } // namespace quarn

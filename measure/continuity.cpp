@@ -176,6 +176,9 @@ std::size_t PidCounter::second_copies(const std::vector<Waiting>& packets, bool 
     const std::size_t back = (next_ - packets.front().counter) & 15;
     if (back < 2 || back > std::min<std::size_t>(history, count_))
         return 0;
+    // Tables are the same from one repetition to the next: only what was sent just now is a copy.
+    if (packets.front().at.index - index_back(back) > datagrams + 7)
+        return 0;
     std::size_t n = 0;
     while (n < packets.size() && n < back && packets[n].print == print_back(back - n) &&
            packets[n].counter == ((packets.front().counter + n) & 15))

@@ -121,10 +121,12 @@ class PidCounter {
     void accept(unsigned counter, std::uint64_t print, const At& at) {
         next_ = static_cast<std::uint8_t>((counter + 1) & 15);
         copies_ = 0;
+        indices_[count_ % history] = at.index;
         prints_[count_++ % history] = print;
         at_ = at;
     }
     std::uint64_t print_back(std::size_t k) const { return prints_[(count_ - k) % history]; }
+    std::uint64_t index_back(std::size_t k) const { return indices_[(count_ - k) % history]; }
     Step other(std::uint16_t pid, const Packet& packet, unsigned counter, std::uint64_t print,
                const At& at, bool trusted, ContinuitySink& sink);
     Step hold(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
@@ -142,6 +144,7 @@ class PidCounter {
     bool frozen_ = false;
     std::uint32_t count_ = 0;
     std::array<std::uint64_t, history> prints_{};
+    std::array<std::uint64_t, history> indices_{}; // beside prints_
     At at_;
     std::unique_ptr<Held> held_;
     FrozenRun frozen_run_;

@@ -180,6 +180,25 @@ void FirstLook::count_frames(PcrPoint& point) {
         point.frames.reset(); // nothing began: that says nothing
 }
 
+// The same since the last PCR of the stream clock, where PCRs are missing.
+Ticks FirstLook::frames_since_pcr() const {
+    const auto starts = clock_.pid() ? starts_.find(*clock_.pid()) : starts_.end();
+    if (starts == starts_.end())
+        return 0;
+    double most = 0;
+    double time = 0;
+    for (const auto& [pid, before] : starts->second.of) {
+        const double ticks = pes_.ticks_per_start(pid);
+        const auto began =
+            static_cast<double>(pes_.starts(pid) - std::min(before, pes_.starts(pid)));
+        if (ticks > 0 && began > most) {
+            most = began;
+            time = began * ticks * 300;
+        }
+    }
+    return static_cast<Ticks>(time);
+}
+
 void FirstLook::not_null(const At& at) {
     if (null_run_ > null_run_of_note) {
         clock_.nulls(nulls_since_.index, at.index);
@@ -190,7 +209,7 @@ void FirstLook::not_null(const At& at) {
 
 void FirstLook::look_at_clock(const At& at, Ticks arrival) {
     next_look_ = at.index + std::max(look_at_least, clock_.packets_in(look_every));
-    clock_.tick(at, arrival);
+    clock_.tick(at, arrival, frames_since_pcr());
     close_spans(at);
     settle_old(at);
 }
@@ -213,10 +232,10 @@ void FirstLook::close_spans(const At& at) {
 void FirstLook::settle_old(const At& at) {
     if (holding_.empty())
         return;
-    const std::uint64_t old = clock_.packets_in(hold_at_most);
     std::erase_if(holding_, [&](std::uint16_t pid) {
         Pid& state = pids_[slots_[pid]];
-        if (state.counter.holds() && at.index - state.counter.held_since().index >= old)
+        if (state.counter.holds() &&
+            clock_.passed(state.counter.held_since().index, at, hold_at_most))
             state.counter.settle(pid, true, *this);
         state.holding = state.counter.holds();
         return !state.holding;
@@ -293,7 +312,7 @@ void FirstLook::finish() {
         push(last_, NullsItem{nulls_since_, true});
     }
     close_spans(last_);
-    clock_.finish(last_, last_arrival_);
+    clock_.finish(last_, last_arrival_, frames_since_pcr());
 }
 
 double FirstLook::null_share() const {

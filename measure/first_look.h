@@ -145,6 +145,7 @@ class FirstLook final : EventSink, ContinuitySink {
     void changed_bits(Pid& state, const Packet& packet, const At& at);
     void take_pcr(const Packet& packet, const At& at, Ticks arrival);
     void count_frames(PcrPoint& point);
+    Ticks frames_since_pcr() const; // 0: not known
     void alive(Pid& state, std::uint16_t pid, const At& at) {
         if (state.span_packets++ == 0) {
             state.span_first = at;

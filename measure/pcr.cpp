@@ -250,7 +250,7 @@ void PcrRules::inaccurate(std::uint16_t pid, const PcrAccuracy::Result& result) 
     output_.finding(std::move(f));
 }
 
-void PcrRules::finish(const Place& end, bool constant_rate) {
+void PcrRules::finish(const Place& end, const Place& sure) {
     for (auto& [pid, state] : states_) {
         if (!state.early.empty() && state.inaccurate * 2 <= state.accurate + state.inaccurate)
             for (const auto& r : state.early)
@@ -258,9 +258,7 @@ void PcrRules::finish(const Place& end, bool constant_rate) {
         if (!state.announced || !state.last || end.time == no_time ||
             options_.profile == Profile::segment)
             continue;
-        if (end.estimated && !constant_rate)
-            continue; // an estimate opens no gap
-        const Ticks since = end.time - state.last_place.time;
+        const Ticks since = sure.time - state.last_place.time; // an estimate opens no gap
         if (since <= options_.limits.pcr_gap)
             continue;
         Finding f = make(Rule::pcr_repetition_error, Kind::none, pid);

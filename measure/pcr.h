@@ -59,7 +59,8 @@ class PcrRules {
     /// A PCR of another pid. `lost`: the time that packets missing since the one before account for
     /// at most.
     void other(const PcrPoint& point, const Place& place, const StreamClock& clock);
-    void finish(const Place& end, bool constant_rate);
+    /// `sure`: the last place whose time is no estimate.
+    void finish(const Place& end, const Place& sure);
     void judge(Judgement& judgement, bool has_clock) const;
 
     /// The value of that pid's clock at a packet: at a constant rate what it should be by now, else

@@ -73,7 +73,7 @@ void Presence::leave(State& state, const Place& place) {
 
 void Presence::never(const State& state, const Place& to, bool open) {
     const Ticks waited = between(state.since, to);
-    if (waited <= options_.limits.pid_never || to.estimated)
+    if (waited <= options_.limits.pid_never)
         return;
     if (dark(state.since, to) * 2 > waited) {
         output_.consequence(Rule::pid_error);
@@ -178,16 +178,16 @@ void Presence::nulls(const Place& from, const Place& to, bool open) {
     output_.finding(std::move(f));
 }
 
-void Presence::finish(const Place& end, bool constant_rate) {
+void Presence::finish(const Place& end, const Place& sure) {
     for (auto& [pid, state] : states_) {
         if (!state.first) {
-            never(state, end, true);
+            never(state, sure, true);
             continue;
         }
         without_pcr(state, end);
         const Ticks gap = between(state.last, end);
-        if (!end.estimated || constant_rate) {
-            silent(state, end, true, Sure::exact);
+        if (between(state.last, sure) > options_.limits.pid_stopped || !end.estimated) {
+            silent(state, end.estimated ? sure : end, true, Sure::exact);
             continue;
         }
         if (gap > 3 * options_.limits.pid_stopped) // an estimate has to be clear

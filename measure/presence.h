@@ -37,7 +37,8 @@ class Presence {
     void pcr(std::uint16_t pid, const Place& place);
     /// Only null packets from `from` on, until `to`.
     void nulls(const Place& from, const Place& to, bool open);
-    void finish(const Place& end, bool constant_rate);
+    /// `sure`: the last place whose time is no estimate.
+    void finish(const Place& end, const Place& sure);
     void judge(Judgement& judgement, std::optional<Ticks> duration) const;
 
   private:

@@ -15,7 +15,8 @@ constexpr std::uint32_t swing_decision = 100;
 constexpr double constant_from = 0.65;
 constexpr double variable_below = 0.55;
 constexpr double swinging_from = 0.35;
-constexpr double forget_at = 1e6; // packets: older ones weigh half
+constexpr double peak_fades = 1.005; // an interval
+constexpr double forget_at = 1e6;    // packets: older ones weigh half
 } // namespace
 
 bool Rate::fits(const Interval& i, double tpp) const {
@@ -66,6 +67,8 @@ void Rate::add(std::uint64_t packets, std::uint64_t fewer, Ticks distance) {
     if (packets == 0 || distance <= 0)
         return;
     const Interval interval = {static_cast<double>(packets), static_cast<double>(fewer), distance};
+    const double each = static_cast<double>(distance) / interval.packets;
+    fewest_ = fewest_ == 0 ? each : std::min(fewest_ * peak_fades, each);
     recent_[count_ % window] = interval;
     ++count_;
     if (!decided_) {

@@ -27,6 +27,8 @@ class Rate {
     bool certain() const;
     /// Ticks from one packet to the next; at a variable rate the median.
     double ticks_per_packet() const { return constant_ ? time_ / packets_ : median_; }
+    /// The same where packets came fastest of late.
+    double fewest_ticks_per_packet() const { return fewest_; }
     /// The usual distance of two PCRs.
     Ticks usual_distance() const { return usual_; }
     /// Decides with what there is, for nothing more comes.
@@ -50,6 +52,7 @@ class Rate {
     bool constant_ = false;
     bool decided_ = false;
     double median_ = 0;
+    double fewest_ = 0;
     Ticks usual_ = 0;
     // of the current segment
     std::uint32_t seen_ = 0;

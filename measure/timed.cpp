@@ -56,8 +56,10 @@ void Timed::finish(std::deque<Item>& queue, const At& last) {
     dispatch(queue, UINT64_MAX);
     const Place end = place(last);
     findings_.advance(end);
-    presence_.finish(end, clock_.rate().constant());
-    pcrs_.finish(end, clock_.rate().constant());
+    const Place sure =
+        end.estimated && clock_.known_for_sure() ? place(*clock_.known_for_sure()) : end;
+    presence_.finish(end, sure);
+    pcrs_.finish(end, sure);
     losses_.advance(clock_, end, true);
     damage_.finish();
     repetition_.finish(end);
