@@ -1,12 +1,14 @@
 // replay.cpp - runs one fuzz target on the files of a directory, without a fuzzer. Any finding ends
 // the process. Fails as well if there was nothing to run.
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
-#include "harness.h"
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 int main(int argc, char* argv[]) {
     std::size_t count = 0;

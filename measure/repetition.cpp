@@ -66,7 +66,7 @@ class Repetition::Impl {
         return !section.crc_right && !watch.ids[section.table_id];
     }
     bool judges_repetition() const { return options_.profile != Profile::segment; }
-    void wrong_crc(const SectionEvent& section, const Place& begin, const Place& end);
+    void wrong_crc(const SectionEvent& section, const Place& end);
     void foreign_id(const SectionEvent& section, const Place& end);
     void pat_section(const SectionEvent& section, const Place& end);
     void pmt_section(Watch& watch, const SectionEvent& section, const Place& end);
@@ -114,7 +114,7 @@ void Repetition::Impl::section(const SectionEvent& section, const Place& begin, 
     gaps_.clock().see(end);
     const auto watch = pmts_.find(section.pid);
     if (!section.crc_right)
-        wrong_crc(section, begin, end);
+        wrong_crc(section, end);
     else
         foreign_id(section, end);
     // What has a wrong CRC may have been one whatever its table id says.
@@ -128,8 +128,7 @@ void Repetition::Impl::section(const SectionEvent& section, const Place& begin, 
         end_scrambled(section.pid);
 }
 
-void Repetition::Impl::wrong_crc(const SectionEvent& section, const Place& begin,
-                                 const Place& end) {
+void Repetition::Impl::wrong_crc(const SectionEvent& section, const Place& end) {
     const auto watch = pmts_.find(section.pid);
     const bool of_si = section.pid >= table_pid::nit && section.pid <= table_pid::tdt;
     const bool of_pmt = watch != pmts_.end() &&
@@ -138,8 +137,7 @@ void Repetition::Impl::wrong_crc(const SectionEvent& section, const Place& begin
     if (!ours)
         return; // private sections
     crc_seen_ = true;
-    Finding f =
-        make_finding(Rule::crc_error, Kind::none, section.pid, section.table_id, begin, end);
+    Finding f = make_finding(Rule::crc_error, Kind::none, section.pid, section.table_id, end, end);
     f.programs = programs_->programs_of(section.pid);
     gaps_.excusable(std::move(f));
 }

@@ -1,57 +1,15 @@
 // Rules on tables at their limits, as rows of "<time in ms>:<what comes>" and of what is found.
-#include <array>
-#include <charconv>
-#include <cmath>
+#include <algorithm>
 #include <map>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "book.h"
 #include "measure/repetition.h"
-#include "measure/scrambling.h"
-#include "measure/unreferenced.h"
 
 namespace quarn {
 namespace {
-
-// Keeps findings and answers as words: "1.3.a gap 0-501", "x3", "open".
-struct Book : Output, Judgement {
-    static std::string ms(const Place& p) {
-        std::ostringstream out;
-        out.precision(10);
-        out << (p.time == no_time ? -1 : std::round(static_cast<double>(p.time) / 27) / 1000);
-        return out.str();
-    }
-    void finding(Finding&& f) override {
-        std::string line = std::string(info(f.rule).id);
-        if (f.kind != Kind::none)
-            line += " " + std::string(word(f.kind));
-        line += " " + ms(f.begin);
-        if (f.shape == Shape::interval)
-            line += "-" + ms(f.end);
-        if (f.count > 1)
-            line += " x" + std::to_string(f.count);
-        if (f.open)
-            line += " open";
-        for (const std::uint16_t p : f.programs)
-            line += " p" + std::to_string(p);
-        for (const std::uint16_t p : f.detail.pids)
-            line += " " + std::to_string(p);
-        found += (found.empty() ? "" : "; ") + line;
-    }
-    void consequence(Rule rule) override {
-        found += (found.empty() ? "" : "; ") + ("(" + std::string(info(rule).id) + ")");
-    }
-    void yes(Rule rule) override { answers[info(rule).id] = "yes"; }
-    void no(Rule rule, const char* why, std::optional<std::uint16_t>) override {
-        answers[info(rule).id] = std::string("no: ") + why;
-    }
-    void not_applicable(Rule rule, const char*) override { answers[info(rule).id] = "n/a"; }
-
-    std::string found;
-    std::map<std::string_view, std::string> answers;
-};
 
 SectionEvent section(std::uint16_t pid, std::uint8_t id, std::uint8_t number = 0) {
     SectionEvent s;
@@ -74,47 +32,14 @@ const std::map<std::string, SectionEvent> words = {
     {"f19", section(19, 0x70)},   {"f20", section(20, 0x71)},      {"stuff", section(18, 0x72)},
 };
 
-ProgramsPtr programs(const std::vector<std::uint16_t>& numbers, bool with_streams = false) {
+ProgramsPtr programs(const std::vector<std::uint16_t>& numbers) {
     auto p = std::make_shared<Programs>();
     p->pat_in_force = true;
     for (const std::uint16_t n : numbers) {
-        Program program{n, 100, with_streams, 256, {}, {}};
-        if (with_streams)
-            program.streams.push_back({256, 0x1B, StreamKind::video, Codec::h264, "", false, true});
-        p->programs.push_back(program);
+        p->programs.push_back({n, 100, false, 256, {}, {}});
     }
     return p;
 }
-
-// Splits "500.04:pat!" into a place and a word. A packet lasts 40 microseconds.
-class Steps {
-  public:
-    explicit Steps(const std::string& text) : in_(text) {}
-
-    bool next(Place& place, std::string& what) {
-        std::string token;
-        if (!(in_ >> token))
-            return false;
-        const auto colon = token.find(':');
-        place = at(token.substr(0, colon));
-        what = token.substr(colon + 1);
-        if (what == "est")
-            estimated_ = !estimated_;
-        place.estimated = estimated_;
-        return true;
-    }
-    static Place at(const std::string& ms) {
-        Place place;
-        const double time = std::stod(ms);
-        place.time = std::llround(time * ticks_per_ms);
-        place.packet = static_cast<std::uint64_t>(std::llround(time * 25)) + 1;
-        return place;
-    }
-
-  private:
-    std::istringstream in_;
-    bool estimated_ = false;
-};
 
 struct Played {
     Book book;
