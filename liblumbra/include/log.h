@@ -20,6 +20,8 @@
 #include <ctime>
 #include <sys/types.h>
 
+#include "timeop.h" // the TMF_ flags of a time stamp
+
 // log_ctx holds times, so a host must agree with the library on their width.
 static_assert(sizeof(time_t) == 8, "compile with the flags that quarn's package names");
 
@@ -63,16 +65,6 @@ inline constexpr std::size_t LOG_PATHNAME_MAX = 128;
 inline constexpr std::size_t MAX_CYCLIC_ROTATIONS = 128;
 inline constexpr std::size_t D_CYCLIC_ROTATIONS = 16; // rotated files kept by default
 inline constexpr std::uint32_t F_APPEND_OLD = 1;      // log_open_ex: append, move nothing aside
-
-// Time-stamp flags (log_timefmt, mk_timestr). The two low bits choose the clock.
-inline constexpr std::uint32_t TMF_REAL = 0;         // real-time clock
-inline constexpr std::uint32_t TMF_MONOTONIC = 1;    // monotonic clock
-inline constexpr std::uint32_t TMF_CLOCK_MASK = 3;   // 2 and 3 are refused
-inline constexpr std::uint32_t TMF_SECONDS = 0x10;   // no microseconds
-inline constexpr std::uint32_t TMF_NONE = 0x100;     // no time stamp, and no process id either
-inline constexpr std::uint32_t TMF_GMT = 0x200;      // UTC digits; the zone name stays local
-inline constexpr std::uint32_t TMF_RAW = 0x400;      // seconds and microseconds of the clock
-inline constexpr std::uint32_t TMF_BAD = 0x40000000; // a format name that cannot be parsed
 
 // A ring of log lines that a host may supply; none is shipped.
 struct lard {

@@ -32,8 +32,6 @@
 
 #include <sys/types.h>
 
-#include "log.h" // the TMF_ flags
-
 // A host must agree with the library on the width of times.
 static_assert(sizeof(time_t) == 8, "compile with the flags that quarn's package names");
 
@@ -120,6 +118,17 @@ bool tspan_timed_out(const tspan* span, const timespec* last_tm, std::uint32_t l
                      std::uint32_t tick);
 
 // ---- texts -------------------------------------------------------------------------------------
+
+// Flags of a time's text, of the time stamps of log lines too (log_timefmt). The two low bits
+// choose the clock that those are read from.
+inline constexpr std::uint32_t TMF_REAL = 0;         // real-time clock
+inline constexpr std::uint32_t TMF_MONOTONIC = 1;    // monotonic clock
+inline constexpr std::uint32_t TMF_CLOCK_MASK = 3;   // 2 and 3 are refused
+inline constexpr std::uint32_t TMF_SECONDS = 0x10;   // no microseconds
+inline constexpr std::uint32_t TMF_NONE = 0x100;     // no time stamp, and no process id either
+inline constexpr std::uint32_t TMF_GMT = 0x200;      // UTC digits; the zone name stays local
+inline constexpr std::uint32_t TMF_RAW = 0x400;      // seconds and microseconds of the clock
+inline constexpr std::uint32_t TMF_BAD = 0x40000000; // a format name that cannot be parsed
 
 // Non-zero while mk_timestr is at work on what a signal handler must not touch.
 extern volatile sig_atomic_t g_tmlock;
