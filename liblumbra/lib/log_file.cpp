@@ -15,10 +15,10 @@ static FILE* open_stream(const log_ctx* log, const char* name) {
     FILE* fp = log->is_pipe ? popen(name, "w") : fopen(name, "a+");
     if (fp == nullptr) {
         const long uid = geteuid();
-        const long gid = getegid();
         const int err = errno;
-        fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", uid, gid,
-                log->is_pipe ? "popen" : "fopen", name, err, strerror(err));
+        fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", uid,
+                static_cast<long>(getegid()), log->is_pipe ? "popen" : "fopen", name, err,
+                strerror(err));
     }
     return fp;
 }
@@ -40,9 +40,10 @@ int do_open(log_ctx* log, const char* name) {
         log->fp = stderr;
         return 0;
     }
+    // intended: a name of 128 characters is opened, although the context keeps but 127 of them.
     if (strlen(name) > LOG_PATHNAME_MAX) {
-        const long allowed = LOG_PATHNAME_MAX;
-        fprintf(stderr, "Log pathname/command is too long, %ld bytes allowed\n", allowed);
+        fprintf(stderr, "Log pathname/command is too long, %ld bytes allowed\n",
+                static_cast<long>(LOG_PATHNAME_MAX));
         return -1;
     }
     log->fp = open_stream(log, name);

@@ -49,8 +49,7 @@ time_t log_rota_eod(const log_ctx* log) {
 
 // Writes the name that `path` gets when it is rotated at `tm`. Returns its length, fit or not.
 static int name_at(char* out, std::size_t room, const char* path, time_t tm) {
-    const unsigned long secs = static_cast<unsigned long>(tm);
-    return snprintf(out, room, "%s.%lu", path, secs);
+    return snprintf(out, room, "%s.%lu", path, static_cast<unsigned long>(tm));
 }
 
 // The same for a context; tells on stderr, on behalf of `func`, if the name does not fit.
@@ -96,9 +95,8 @@ static void delete_oldest(const char* oldest, const log_ctx* log, time_t now) {
             strerror(err));
         return;
     }
-    const unsigned long secs = static_cast<unsigned long>(now);
     LOG(&g_log, DEBUG_level, "%s: replaced %s with %s.%lu\n", "handle_rotation", oldest, log->name,
-        secs);
+        static_cast<unsigned long>(now));
 }
 
 // Notes a rotation that was done, and deletes the file whose place in the ring it takes.
@@ -106,9 +104,8 @@ static void handle_rotation(log_ctx* log, time_t now, const char* new_name) {
     rotation_ctx& rota = log->rota;
     const auto slot = static_cast<std::size_t>(rota.next_idx);
     const long idx = static_cast<long>(rota.next_idx);
-    const long long secs = now;
     LOG(&g_log, NORM_level, "[%s]: previous log rotated to [%s] tm=%lld, idx=%ld\n",
-        g_logmod.app_tag, new_name, secs, idx);
+        g_logmod.app_tag, new_name, static_cast<long long>(now), idx);
     if (rota.tm[slot] != 0) {
         char oldest[ROTATED_NAME_MAX];
         if (!rotated_name(oldest, log, rota.tm[slot], __func__))

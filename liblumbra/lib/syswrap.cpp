@@ -45,9 +45,8 @@ void* W_calloc(const char* caller, std::size_t n, std::size_t size) {
     void* mem = calloc(n, size);
     if (mem == nullptr) {
         const errno_guard saved;
-        const long count = static_cast<long>(n);
-        const long each = static_cast<long>(size);
-        REPORT(saved, "%s: calloc(%ld, %ld)", caller, count, each);
+        REPORT(saved, "%s: calloc(%ld, %ld)", caller, static_cast<long>(n),
+               static_cast<long>(size));
     }
     return mem;
 }
@@ -57,9 +56,8 @@ void* W_realloc(const char* caller, void* ptr, std::size_t size) {
     void* mem = realloc(ptr, size);
     if (mem == nullptr) {
         const errno_guard saved;
-        const void* shown = reinterpret_cast<const void*>(old);
-        const long bytes = static_cast<long>(size);
-        REPORT(saved, "%s: realloc(%p, %ld)", caller, shown, bytes);
+        REPORT(saved, "%s: realloc(%p, %ld)", caller, reinterpret_cast<const void*>(old),
+               static_cast<long>(size));
     }
     return mem;
 }
@@ -71,8 +69,8 @@ int W_open(const char* caller, const char* path, int flags, mode_t mode) {
     const int fd = open(path, flags, used);
     if (fd == -1) {
         const errno_guard saved;
-        const unsigned long shown = used;
-        REPORT(saved, "%s: open('%s', %d, 0x%lx)", caller, path, flags, shown);
+        REPORT(saved, "%s: open('%s', %d, 0x%lx)", caller, path, flags,
+               static_cast<unsigned long>(used));
     }
     return fd;
 }
@@ -91,8 +89,8 @@ off_t W_lseek(const char* caller, int fd, off_t offset, int whence) {
     const off_t pos = lseek(fd, offset, whence);
     if (pos == -1) {
         const errno_guard saved;
-        const long long to = offset;
-        REPORT(saved, "%s: lseek(%d, %lld, %d)", caller, fd, to, whence);
+        REPORT(saved, "%s: lseek(%d, %lld, %d)", caller, fd, static_cast<long long>(offset),
+               whence);
     }
     return pos;
 }
@@ -110,8 +108,7 @@ int W_ftruncate(const char* caller, int fd, off_t length) {
     const int rc = ftruncate(fd, length);
     if (rc != 0) {
         const errno_guard saved;
-        const long long bytes = length;
-        REPORT(saved, "%s: ftruncate(%d, %lld)", caller, fd, bytes);
+        REPORT(saved, "%s: ftruncate(%d, %lld)", caller, fd, static_cast<long long>(length));
     }
     return rc;
 }
@@ -141,8 +138,7 @@ ssize_t W_write_f(const char* caller, int fd, const void* buf, std::size_t len,
     const ssize_t n = write(fd, buf, len);
     if (n == -1 && !no_fault(errno, guilty)) {
         const errno_guard saved;
-        const long bytes = static_cast<long>(len);
-        REPORT(saved, "%s: write(%d, %p, %ld)", caller, fd, buf, bytes);
+        REPORT(saved, "%s: write(%d, %p, %ld)", caller, fd, buf, static_cast<long>(len));
     }
     return n;
 }
@@ -151,8 +147,7 @@ ssize_t W_read_f(const char* caller, int fd, void* buf, std::size_t len, std::ui
     const ssize_t n = read(fd, buf, len);
     if (n == -1 && !no_fault(errno, guilty)) {
         const errno_guard saved;
-        const long bytes = static_cast<long>(len);
-        REPORT(saved, "%s: read(%d, %p, %ld)", caller, fd, buf, bytes);
+        REPORT(saved, "%s: read(%d, %p, %ld)", caller, fd, buf, static_cast<long>(len));
     }
     return n;
 }
@@ -162,9 +157,8 @@ ssize_t W_pread_f(const char* caller, int fd, void* buf, std::size_t len, off_t 
     const ssize_t n = pread(fd, buf, len, offset);
     if (n == -1 && !no_fault(errno, guilty)) {
         const errno_guard saved;
-        const long bytes = static_cast<long>(len);
-        const long long from = offset;
-        REPORT(saved, "%s: pread(%d, %p, %ld, %lld)", caller, fd, buf, bytes, from);
+        REPORT(saved, "%s: pread(%d, %p, %ld, %lld)", caller, fd, buf, static_cast<long>(len),
+               static_cast<long long>(offset));
     }
     return n;
 }
@@ -174,11 +168,10 @@ ssize_t W_sendfile_f(const char* caller, int out_fd, int in_fd, off_t* offset, s
     const ssize_t n = sendfile(out_fd, in_fd, offset, count);
     if (n == -1 && !no_fault(errno, guilty)) {
         const errno_guard saved;
-        const long long from = *offset;
-        const long bytes = static_cast<long>(count);
         // intended: no newline, so the next line of the log follows on the same one.
         LOG(&g_log, ERR_level, "%s: LNX sendfile(%d<-%d, %lld, %ld) ERROR(%d): %s", caller, out_fd,
-            in_fd, from, bytes, saved.err, strerror(saved.err));
+            in_fd, static_cast<long long>(*offset), static_cast<long>(count), saved.err,
+            strerror(saved.err));
     }
     return n;
 }
@@ -204,8 +197,8 @@ int W_getsockopt(const char* caller, int fd, int level, int name, void* val, soc
     const int rc = getsockopt(fd, level, name, val, len);
     if (rc == -1) {
         const errno_guard saved;
-        const long bytes = length_behind(len);
-        REPORT(saved, "%s: getsockopt(%d, %d, %d, %p, %ld)", caller, fd, level, name, val, bytes);
+        REPORT(saved, "%s: getsockopt(%d, %d, %d, %p, %ld)", caller, fd, level, name, val,
+               length_behind(len));
     }
     return rc;
 }
@@ -214,8 +207,8 @@ int W_setsockopt(const char* caller, int fd, int level, int name, const void* va
     const int rc = setsockopt(fd, level, name, val, len);
     if (rc == -1) {
         const errno_guard saved;
-        const long bytes = length_behind(&len);
-        REPORT(saved, "%s: setsockopt(%d, %d, %d, %p, %ld)", caller, fd, level, name, val, bytes);
+        REPORT(saved, "%s: setsockopt(%d, %d, %d, %p, %ld)", caller, fd, level, name, val,
+               length_behind(&len));
     }
     return rc;
 }
@@ -224,9 +217,8 @@ int W_bind(const char* caller, int fd, const sockaddr* addr, socklen_t len) {
     const int rc = bind(fd, addr, len);
     if (rc == -1) {
         const errno_guard saved;
-        const void* where = addr;
-        const long bytes = length_behind(&len);
-        REPORT(saved, "%s: bind(%d, %p, %ld):", caller, fd, where, bytes);
+        REPORT(saved, "%s: bind(%d, %p, %ld):", caller, fd, static_cast<const void*>(addr),
+               length_behind(&len));
     }
     return rc;
 }
@@ -244,9 +236,8 @@ int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* len) {
     const int peer = accept(fd, addr, len);
     if (peer == -1 && !is_eagain(errno)) {
         const errno_guard saved;
-        const void* where = addr;
-        const long bytes = length_behind(len);
-        REPORT(saved, "%s: accept(%d, %p, %ld)", caller, fd, where, bytes);
+        REPORT(saved, "%s: accept(%d, %p, %ld)", caller, fd, static_cast<const void*>(addr),
+               length_behind(len));
     }
     return peer;
 }
@@ -259,9 +250,8 @@ int W_connect(const char* caller, int fd, const sockaddr* addr, socklen_t len) {
     if (saved.err == EINPROGRESS) {
         LOG(&g_log, INFO_level, "%s: non-blocking connect in progress for fd%d\n", __func__, fd);
     } else {
-        const void* where = addr;
-        const long bytes = length_behind(&len);
-        REPORT(saved, "%s: connect(%d, %p, %ld)", caller, fd, where, bytes);
+        REPORT(saved, "%s: connect(%d, %p, %ld)", caller, fd, static_cast<const void*>(addr),
+               length_behind(&len));
     }
     return rc;
 }
@@ -273,11 +263,10 @@ int W_getaddrinfo(const char* caller, const char* node, const char* service, con
     // the program, are worth a line.
     if (rc == -1) {
         const errno_guard saved;
-        const void* hint = hints;
-        const void* list = res;
         LOG(&g_log, ERR_level, "%s: getaddrinfo(%s, %s, %p, %p): ERROR(%d:%d): %s\n", caller,
-            node != nullptr ? node : "(null)", service != nullptr ? service : "(null)", hint, list,
-            rc, saved.err, rc == EAI_SYSTEM ? strerror(saved.err) : gai_strerror(rc));
+            node != nullptr ? node : "(null)", service != nullptr ? service : "(null)",
+            static_cast<const void*>(hints), static_cast<const void*>(res), rc, saved.err,
+            rc == EAI_SYSTEM ? strerror(saved.err) : gai_strerror(rc));
     }
     return rc;
 }
@@ -288,8 +277,8 @@ ssize_t W_sendto(const char* caller, int fd, const void* buf, std::size_t len, i
     // intended: 0 is reported too, with whatever errno holds, because nothing was sent.
     if (n <= 0) {
         const errno_guard saved;
-        const unsigned long bytes = len;
-        REPORT(saved, "%s: sendto(%d, %p, %lu, %d, ...)", caller, fd, buf, bytes, flags);
+        REPORT(saved, "%s: sendto(%d, %p, %lu, %d, ...)", caller, fd, buf,
+               static_cast<unsigned long>(len), flags);
     }
     return n;
 }
@@ -300,8 +289,8 @@ ssize_t W_recvfrom(const char* caller, int fd, void* buf, std::size_t len, int f
     // intended: 0 is reported too, with whatever errno holds, because the peer is gone.
     if (n <= 0) {
         const errno_guard saved;
-        const unsigned long bytes = len;
-        REPORT(saved, "%s: recvfrom(%d, %p, %lu, %d, ...)", caller, fd, buf, bytes, flags);
+        REPORT(saved, "%s: recvfrom(%d, %p, %lu, %d, ...)", caller, fd, buf,
+               static_cast<unsigned long>(len), flags);
     }
     return n;
 }
@@ -329,9 +318,8 @@ int W_poll(const char* caller, pollfd* fds, nfds_t nfds, int tmout_ms) {
     const int n = poll(fds, nfds, tmout_ms);
     const errno_guard saved;
     if (n == -1) {
-        const void* list = fds;
-        const long count = static_cast<long>(nfds);
-        REPORT(saved, "%s: poll(%p, %ld, %d)", caller, list, count, tmout_ms);
+        REPORT(saved, "%s: poll(%p, %ld, %d)", caller, static_cast<const void*>(fds),
+               static_cast<long>(nfds), tmout_ms);
     } else if (n == 0) {
         LOG(&g_log, WARN_level, "%s: poll() has timed out after %d ms\n", caller, tmout_ms);
     }
@@ -353,8 +341,7 @@ int W_kill(const char* caller, pid_t pid, int sig) {
     const int rc = kill(pid, sig);
     if (rc != 0) {
         const errno_guard saved;
-        const long target = pid;
-        REPORT(saved, "%s: kill(%ld, %d)", caller, target, sig);
+        REPORT(saved, "%s: kill(%ld, %d)", caller, static_cast<long>(pid), sig);
     }
     return rc;
 }

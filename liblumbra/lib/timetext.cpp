@@ -48,9 +48,9 @@ static bool fill_second(time_t second, bool gmt) {
     g_second.filled = false;
     if ((gmt ? gmtime_r(&second, &parts) : localtime_r(&second, &parts)) == nullptr)
         return false;
-    const long long year = 1900LL + parts.tm_year;
-    snprintf(g_second.text, sizeof(g_second.text), "%04lld-%02d-%02d %02d:%02d:%02d", year,
-             parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+    snprintf(g_second.text, sizeof(g_second.text), "%04lld-%02d-%02d %02d:%02d:%02d",
+             1900LL + parts.tm_year, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+             parts.tm_sec);
     g_second.second = second;
     g_second.gmt = gmt;
     g_second.zone = zone_key::current();
@@ -89,10 +89,9 @@ const char* get_timezone(int refresh) {
 }
 
 static ssize_t mk_rawstr(const timespec* tms, char* buf, std::size_t buflen) {
-    const long long secs = tms->tv_sec;
-    const long micros = tms->tv_nsec / 1000;
     const std::size_t room = buflen > 0 ? buflen - 1 : 0;
-    const int n = snprintf(buf, room, "%lld.%06ld", secs, micros);
+    const int n =
+        snprintf(buf, room, "%lld.%06ld", static_cast<long long>(tms->tv_sec), tms->tv_nsec / 1000);
     return n < 0 || static_cast<std::size_t>(n) >= buflen ? -1 : n;
 }
 
@@ -122,10 +121,9 @@ ssize_t mk_timestr(const timespec* tms, std::uint32_t flags, char* buf, std::siz
     const char* zone = get_timezone(0);
     if (zone == nullptr)
         zone = "(null)";
-    const long micros = tms->tv_nsec / 1000;
     const int n = (flags & TMF_SECONDS) != 0
                       ? snprintf(buf, buflen, "%s%s", second, zone)
-                      : snprintf(buf, buflen, "%s.%06ld%s", second, micros, zone);
+                      : snprintf(buf, buflen, "%s.%06ld%s", second, tms->tv_nsec / 1000, zone);
     if (!passes_for_fitting(n, buflen)) {
         fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n,
                 static_cast<long>(buflen));
@@ -140,8 +138,8 @@ int mk_gmt_date(time_t ut, char* buf, std::size_t buflen) {
         perror("gmtime");
         return -1;
     }
-    const long long year = 1900LL + parts.tm_year;
-    const int n = snprintf(buf, buflen, "%04lld-%02d-%02d", year, parts.tm_mon + 1, parts.tm_mday);
+    const int n = snprintf(buf, buflen, "%04lld-%02d-%02d", 1900LL + parts.tm_year,
+                           parts.tm_mon + 1, parts.tm_mday);
     if (n == 0 || !passes_for_fitting(n, buflen)) {
         LOG(&g_log, ERR_level, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__,
             n, static_cast<long>(buflen));

@@ -34,12 +34,11 @@ static char* put_tag(char* to, const tsan_ctx* tc) {
 }
 
 const char* ptag(tsan_ctx* tc) {
-    const bool has_packet = tc->ptotal != 0;
-    if (has_packet && tc->ptag[0] == '\0') {
-        char text[128];
-        char* end = put_tag(text, tc);
-        // intended: cut at 62 characters, one less than there is room for.
-        *std::copy(text, std::min(end, text + PKTIDX_LEN - 2), tc->ptag) = '\0';
-    }
+    if (tc->ptag[0] != '\0' || tc->ptotal == 0) // made before, or no packet yet
+        return tc->ptag;
+    char text[128];
+    char* const end = put_tag(text, tc);
+    // intended: cut at 62 characters, one less than there is room for.
+    *std::copy(text, std::min(end, text + PKTIDX_LEN - 2), tc->ptag) = '\0';
     return tc->ptag;
 }
