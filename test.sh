@@ -9,9 +9,7 @@ native() {
   tools/install-packages g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev \
     libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox \
     python3-jsonschema
-  local bench=OFF
-  [ ! -e bench/CMakeLists.txt ] || bench=ON
-  cmake --preset release -DQUARN_TESTS=ON -DQUARN_BENCH=$bench
+  cmake --preset release -DQUARN_TESTS=ON -DQUARN_BENCH=ON
   cmake --build --preset release
   ctest --preset release
 }

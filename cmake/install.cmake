@@ -7,11 +7,12 @@ install(FILES doc/quarn.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONEN
 install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
 install(FILES samples/quarn.conf samples/demo.ts
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
-install(FILES doc/quarn.bash-completion RENAME quarn COMPONENT quarn OPTIONAL
+install(FILES doc/quarn.bash-completion RENAME quarn COMPONENT quarn
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
 
-file(GLOB lumbra_headers liblumbra/include/*.h)
-install(FILES ${lumbra_headers} zorbin/tsanalyze.h
+set(lumbra liblumbra/include)
+install(FILES ${lumbra}/config.h ${lumbra}/log.h ${lumbra}/mpegts.h ${lumbra}/strops.h
+              ${lumbra}/syswrap.h ${lumbra}/timeop.h zorbin/tsanalyze.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn COMPONENT dev)
 install(TARGETS lumbra tsanalyze EXPORT quarnTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
