@@ -132,7 +132,7 @@ TEST_F(cases_test, rows) {
         {"distance", [&] { return distance(); }},
         {"timeout", [&] { return timeout(); }},
         {"tspan", [&] { const timespec tms = time(2);
-                        tspan span;
+                        tspan span{TSPAN_TICKS, {}}; // one that has passed
                         return string() << set_tspan(&span, num(1), &tms, 5)
                                         << tspan_timed_out(&span, &START, -2U, num(4)); }},
         {"stamp", [&] { return stamp(); }},
