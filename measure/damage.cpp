@@ -47,8 +47,7 @@ void Damage::close(std::uint16_t pid, const Run& run) {
     output_.finding(std::move(f));
 }
 
-void Damage::sync_byte(std::uint16_t pid, const Place& place) {
-    (void)pid; // its header may be damaged as well
+void Damage::sync_byte(const Place& place) { // its pid may be damaged as well
     Finding f = make(Rule::sync_byte_error, Kind::none, std::nullopt);
     f.begin = f.end = place;
     output_.finding(std::move(f));
@@ -58,8 +57,8 @@ void Damage::sync_loss(const SyncLoss& loss, const Place& begin, const Place& en
     Finding f = make(Rule::ts_sync_loss, loss.kind, std::nullopt);
     f.shape = Shape::interval;
     f.begin = begin;
-    f.begin.byte = loss.begin_byte;
     f.end = end;
+    f.end.byte = loss.end_byte;
     if (loss.kind != Kind::garbled)
         f.detail.bytes = loss.bytes;
     output_.finding(std::move(f));

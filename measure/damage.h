@@ -21,8 +21,7 @@ class Damage {
 
     void programs(const ProgramsPtr& programs) { programs_ = programs; }
     void transport_error(std::uint16_t pid, const Place& place);
-    void sync_byte(std::uint16_t pid, const Place& place);
-    /// `extra`: time that passed beyond what the bytes account for.
+    void sync_byte(const Place& place);
     void sync_loss(const SyncLoss& loss, const Place& begin, const Place& end);
     void truncated(std::int64_t bytes, const Place& place);
     void datagrams(const DatagramEvent& event, const Place& place);

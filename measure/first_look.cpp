@@ -48,8 +48,12 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
     }
     if (at.index >= next_look_)
         look_at_clock(at, arrival);
+    if (garbled_ && at.byte >= garbled_->end_byte) {
+        push(at, SyncLossItem{*garbled_, garbled_at_, garbled_at_});
+        garbled_.reset();
+    }
     if (!right)
-        push(at, SyncByteItem{pid});
+        push(at, SyncByteItem{pid, garbled_.has_value()});
     if (packet.transport_error()) {
         push(at, DamagedItem{pid});
         if (pid != null_pid)
@@ -84,7 +88,8 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
     }
     if (has_payload || state.pcr_only)
         alive(state, pid, at);
-    if (right && step != PidCounter::Step::copy && packet.has_pcr())
+    // With a wrong sync byte the header counts if its counter fits.
+    if ((right || has_payload) && step != PidCounter::Step::copy && packet.has_pcr())
         take_pcr(packet, at, arrival);
 }
 
@@ -115,6 +120,8 @@ void FirstLook::with_payload(Pid& state, const Packet& packet, const At& at, boo
         return;
     }
     if (state.table) {
+        if (packet.unit_start())
+            close_spans(at); // what came before a table is judged by the one before
         const ProgramsPtr before = tables_.current();
         tables_.feed(at, packet.pid(), packet.payload(), packet.unit_start());
         if (tables_.current() != before)
@@ -283,16 +290,19 @@ void FirstLook::event(const At& at, EventBody&& body) {
 }
 
 void FirstLook::sync_loss(const SyncLoss& loss, std::uint64_t index) {
-    const At at = {index, loss.end_byte, last_.utc_us};
-    for (std::uint32_t pid = 0; pid < pid_count; ++pid)
-        if (slots_[pid] != 0 && loss.kind != Kind::garbled)
-            pids_[slots_[pid]].counter.forget(static_cast<std::uint16_t>(pid), *this);
-    if (loss.kind != Kind::garbled) {
-        tables_.disturbed(null_pid);
-        pes_.disturbed();
-    }
+    const At at = {index, loss.begin_byte, last_.utc_us};
     clock_.disturbed(null_pid, last_.index, index, 1);
-    push(at, SyncLossItem{loss, last_});
+    if (loss.kind == Kind::garbled) { // the packets are there, and told one by one
+        garbled_ = loss;
+        garbled_at_ = at;
+        return;
+    }
+    for (std::uint32_t pid = 0; pid < pid_count; ++pid)
+        if (slots_[pid] != 0)
+            pids_[slots_[pid]].counter.forget(static_cast<std::uint16_t>(pid), *this);
+    tables_.disturbed(null_pid);
+    pes_.disturbed();
+    push(at, SyncLossItem{loss, at, last_});
 }
 
 void FirstLook::datagrams(const DatagramEvent& event, const At& at) {
@@ -304,6 +314,8 @@ void FirstLook::truncated(const At& at, std::int64_t bytes) {
 }
 
 void FirstLook::finish() {
+    if (garbled_)
+        push(last_, SyncLossItem{*garbled_, garbled_at_, garbled_at_});
     for (std::uint32_t pid = 0; pid < pid_count; ++pid)
         if (slots_[pid] != 0)
             pids_[slots_[pid]].counter.forget(static_cast<std::uint16_t>(pid), *this);

@@ -52,10 +52,12 @@ struct DamagedItem {
 /// The sync byte alone is wrong.
 struct SyncByteItem {
     std::uint16_t pid = 0;
+    bool garbled = false; // one of several, told as such
 };
 struct SyncLossItem {
     SyncLoss loss;
-    At before;
+    At begin;
+    At before; // the last packet that was in step
 };
 struct TruncatedItem {
     std::int64_t bytes = 0;
@@ -176,6 +178,8 @@ class FirstLook final : EventSink, ContinuitySink {
     std::uint64_t null_run_ = 0;
     std::uint64_t nulls_ = 0;
     bool first_ = true;
+    std::optional<SyncLoss> garbled_; // until the packet behind it
+    At garbled_at_;
 };
 
 } // namespace quarn

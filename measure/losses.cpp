@@ -79,23 +79,28 @@ void Losses::pes(const PesEvent& event, const At& at, double per_second, double 
             b.pes_seen = true;
             ++several;
         }
+    const ElementaryStream* stream = programs_ ? programs_->stream(event.pid) : nullptr;
+    const bool audio = stream != nullptr && stream->kind == StreamKind::audio;
+    const double step =
+        stamp && t.stamp ? static_cast<double>(clock_distance(*t.stamp, *stamp, stamp_wrap)) : 0;
+    std::optional<double> lacks;
+    const bool by_length = event.declared > 0 && event.received < event.declared &&
+                           (!audio || step <= 1.5 * per_start);
+    if (by_length)
+        lacks = (event.declared - event.received) / 184.0;
+    else if (audio && per_second > 0 && step > 0 && step < 3 * 90000.0)
+        lacks = step / 90000.0 * per_second - t.packets_since;
+    const double pictures = !audio && per_start > 0 && step > 0 ? step / per_start - 1 : 0;
     if (mine != nullptr && several == 1) {
-        const ElementaryStream* stream = programs_ ? programs_->stream(event.pid) : nullptr;
-        const bool audio = stream != nullptr && stream->kind == StreamKind::audio;
-        const double step = stamp && t.stamp
-                                ? static_cast<double>(clock_distance(*t.stamp, *stamp, stamp_wrap))
-                                : 0;
-        if (event.declared > 0 && event.received < event.declared &&
-            (!audio || step <= 1.5 * per_start)) {
-            mine->pes_short = (event.declared - event.received) / 184.0;
-            mine->pes_sure = true;
-        } else if (audio && per_second > 0 && step > 0 && step < 3 * 90000.0) {
-            mine->pes_short = step / 90000.0 * per_second - t.packets_since;
-        }
-        if (!audio && per_start > 0 && step > 0) {
-            mine->frames_seen = true;
-            mine->frames_missing = step / per_start - 1;
-        }
+        mine->pes_short = lacks;
+        mine->pes_sure = by_length;
+        mine->frames_seen = !audio && per_start > 0 && step > 0;
+        mine->frames_missing = pictures;
+    } else if (mine == nullptr && !event.disturbed &&
+               (lacks.value_or(0) > 12 || (pictures > 0.9 && pictures < 50))) {
+        shortfalls_.push_back({event.pid, t.start, at.index, lacks.value_or(0)});
+        if (shortfalls_.size() > 64)
+            shortfalls_.pop_front();
     }
     if (stamp) {
         t.stamp = stamp;
@@ -482,19 +487,22 @@ void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
     for (const auto& [a, b] : outages_)
         if (from.packet < b.packet && to.packet > a.packet)
             return;
-    // The pid that has the fewest of the packets that it would have had.
+    // The pid that lacks them by its own length or frames, else the one that has the fewest of the
+    // packets that it would have had.
     std::optional<std::uint16_t> pid;
+    if (const Shortfall* s = shortfall(from.packet, to.packet, static_cast<double>(packets)))
+        pid = s->pid;
     double most = 0.5 * static_cast<double>(packets);
     Place at = to;
     for (const auto& [p, t] : traffic_) {
-        if (p == null_pid)
+        if (p == null_pid || (pid && p != *pid))
             continue;
         double came = 0;
         for (const PidSpan& s : t.spans)
             if (s.first.packet > from.packet && s.last.packet <= to.packet)
                 came += s.packets;
         const double lacks = due(p, from, to) - came;
-        if (lacks > most) {
+        if (lacks > most || pid == p) {
             most = lacks;
             pid = p;
             for (const PidSpan& s : t.spans)
@@ -518,6 +526,21 @@ void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
     if (pid)
         traffic_[*pid].lost += static_cast<std::uint64_t>(packets / 16 * 16);
     output_.finding(std::move(f));
+}
+
+const Losses::Shortfall* Losses::shortfall(std::uint64_t from, std::uint64_t to,
+                                           double packets) const {
+    const Shortfall* best = nullptr;
+    for (const Shortfall& s : shortfalls_) {
+        if (s.from + 1 > to || s.to + 1 < from)
+            continue;
+        const auto off = [&](const Shortfall& x) {
+            return x.packets > 0 ? std::abs(x.packets - packets) : packets / 4;
+        };
+        if (best == nullptr || off(s) < off(*best))
+            best = &s;
+    }
+    return best;
 }
 
 void Losses::forget(const Place& now) {

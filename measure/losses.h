@@ -66,6 +66,13 @@ class Losses {
         std::uint32_t packets_since = 0;   // packets since the last stamp
         bool dirty = true;                 // a break since the last start
     };
+    /// A PES packet without a break of its counter that lacks packets or pictures.
+    struct Shortfall {
+        std::uint16_t pid = 0;
+        std::uint64_t from = 0; // packets
+        std::uint64_t to = 0;
+        double packets = 0; // 0: not known
+    };
     struct Jump {
         std::uint16_t pid = 0;
         Place from;
@@ -87,6 +94,7 @@ class Losses {
     void datagram(const std::vector<Break*>& cluster, std::optional<std::int64_t> missing,
                   const StreamClock& clock);
     void emit(const Break& b, const StreamClock& clock);
+    const Shortfall* shortfall(std::uint64_t from, std::uint64_t to, double packets) const;
     void forget(const Place& now);
     bool touches(const Break& b, const ClockInterval& i) const;
 
@@ -99,6 +107,7 @@ class Losses {
         0; // intervals up to this packet were looked at for losses without a break
     std::map<std::uint16_t, Traffic> traffic_;
     std::map<std::uint16_t, std::deque<std::uint64_t>> damaged_;
+    std::deque<Shortfall> shortfalls_;
     std::deque<Jump> jumps_;
     std::deque<std::pair<Place, Place>> outages_;
     double null_share_ = 0;

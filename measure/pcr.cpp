@@ -1,6 +1,7 @@
 #include "pcr.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace quarn {
@@ -15,64 +16,21 @@ double ms(Ticks t) {
     return static_cast<double>(t) / ticks_per_ms;
 }
 
-struct Line {
-    double slope = 0;
-    double offset = 0;
-    double at(double x) const { return slope * x + offset; }
-};
-
-// Least squares; points whose weight is 0 are left out.
-Line fit(const std::deque<PcrAccuracy::Point>& points, const std::vector<bool>& use) {
-    double n = 0;
-    double sx = 0;
-    double sy = 0;
-    double sxx = 0;
-    double sxy = 0;
-    const double x0 = points.front().index;
-    const double y0 = points.front().value;
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        if (!use[i])
-            continue;
-        const double x = points[i].index - x0;
-        const double y = points[i].value - y0;
-        n += 1;
-        sx += x;
-        sy += y;
-        sxx += x * x;
-        sxy += x * y;
-    }
-    const double d = n * sxx - sx * sx;
-    if (d <= 0)
-        return {0, y0};
-    const double slope = (n * sxy - sx * sy) / d;
-    return {slope, y0 + (sy - slope * sx) / n - slope * x0};
-}
 } // namespace
 
-std::optional<PcrAccuracy::Result> PcrAccuracy::add(const Place& place, std::uint64_t index,
-                                                    Ticks distance) {
-    const double value = points_.empty() ? 0 : points_.back().value + static_cast<double>(distance);
-    points_.push_back({place, static_cast<double>(index), value});
+std::optional<PcrAccuracy::Result> PcrAccuracy::add(const Place& place, double error) {
+    points_.push_back({place, points_.empty() ? 0 : points_.back().offset + error});
     if (points_.size() < 2 * around + 1)
         return std::nullopt;
-    // The line of those that lie on one: what is far off at first is left out of the second fit.
-    std::vector<bool> use(points_.size(), true);
-    use[around] = false;
-    std::vector<double> off(points_.size());
-    for (int round = 0; round < 3; ++round) {
-        const Line line = fit(points_, use);
-        for (std::size_t i = 0; i < points_.size(); ++i)
-            off[i] = std::abs(points_[i].value - line.at(points_[i].index));
-        std::vector<double> sorted = off;
-        std::nth_element(sorted.begin(), sorted.begin() + around, sorted.end());
-        const double limit = std::max(3 * sorted[around], 2.0); // PCRs are whole ticks
-        for (std::size_t i = 0; i < points_.size(); ++i)
-            use[i] = i != around && off[i] <= limit;
-    }
-    const Line line = fit(points_, use);
+    std::array<double, 2 * around> others{};
+    for (std::size_t i = 0; i < others.size(); ++i)
+        others[i] = points_[i < around ? i : i + 1].offset;
+    std::nth_element(others.begin(), others.begin() + around, others.end());
+    const double upper = others[around];
+    const double lower = *std::max_element(others.begin(), others.begin() + around);
     const Point& middle = points_[around];
-    const Result result = {middle.place, (middle.value - line.at(middle.index)) * 1e9 /
-                                             static_cast<double>(ticks_per_second)};
+    const double off = middle.offset - (upper + lower) / 2;
+    const Result result = {middle.place, off * 1e9 / static_cast<double>(ticks_per_second)};
     points_.pop_front();
     return result;
 }
@@ -170,7 +128,7 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to) {
         begin.last = i.from;
         begin.last_place = from;
         ++begin.count;
-        begin.accuracy.add(from, i.from.at.index, 0);
+        begin.accuracy.add(from, 0);
     }
     if (i.stretch == Stretch::moved) {
         Finding f = make(Rule::clock_jump, Kind::moved, i.to.pid);
@@ -184,7 +142,7 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to) {
         gap(i.to.pid, state, from, to, i.distance, i.stretch == Stretch::lost);
     }
     const bool usable = i.constant && i.stretch == Stretch::steady && !i.disturbed && i.added == 0;
-    accuracy(i.to.pid, state, to, i.to.at.index, i.distance, usable);
+    accuracy(i.to.pid, state, to, i.error, usable);
     state.last = i.to;
     state.last_place = to;
     ++state.count;
@@ -195,7 +153,7 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
     ++state.count;
     if (!state.last) {
         first(point.pid, state, place);
-        state.accuracy.add(place, point.at.index, 0);
+        state.accuracy.add(place, 0);
     } else {
         const std::uint64_t from = state.last->at.index;
         const bool disturbed = clock.disturbed_between(from, point.at.index);
@@ -211,19 +169,22 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
                 disturbed && distance < 3 * ticks_per_second);
         const bool usable =
             constant && !jumps && !disturbed && clock.added_between(from, point.at.index) == 0;
-        accuracy(point.pid, state, place, point.at.index, distance, usable);
+        const double error =
+            static_cast<double>(distance) -
+            static_cast<double>(point.at.index - from) * clock.rate().ticks_per_packet();
+        accuracy(point.pid, state, place, error, usable);
     }
     state.last = point;
     state.last_place = place;
 }
 
-void PcrRules::accuracy(std::uint16_t pid, State& state, const Place& place, std::uint64_t index,
-                        Ticks distance, bool usable) {
+void PcrRules::accuracy(std::uint16_t pid, State& state, const Place& place, double error,
+                        bool usable) {
     if (!usable) {
         state.accuracy.clear();
-        distance = 0;
+        error = 0;
     }
-    const auto result = state.accuracy.add(place, index, distance);
+    const auto result = state.accuracy.add(place, error);
     if (!result)
         return;
     const bool bad = std::abs(result->error_ns) > options_.limits.pcr_accuracy_ns;

@@ -26,26 +26,25 @@ class JumpSink {
     virtual void pcr_gap(std::uint16_t pid, const Place& from, const Place& to) = 0;
 };
 
-/// Is each PCR where a constant rate puts it? A line through the 20 PCRs around tells.
+/// Is each PCR where a constant rate puts it? The middle of the 20 PCRs around tells where that is.
 class PcrAccuracy {
   public:
-    struct Point {
-        Place place;
-        double index = 0; // packets
-        double value = 0; // ticks, unwrapped
-    };
     struct Result {
         Place place;
         double error_ns = 0;
     };
-    /// The next PCR of the pid, undisturbed since the one before. Gives the one in the middle of
-    /// the window.
-    std::optional<Result> add(const Place& place, std::uint64_t index, Ticks distance);
+    /// The next PCR of the pid, undisturbed since the one before; `error`: ticks that it lies
+    /// behind what the packets since then account for. Gives the one in the middle of the window.
+    std::optional<Result> add(const Place& place, double error);
     /// Something broke: begins anew.
     void clear() { points_.clear(); }
 
   private:
     static constexpr std::size_t around = 10;
+    struct Point {
+        Place place;
+        double offset = 0; // ticks, from the constant rate
+    };
     std::deque<Point> points_;
 };
 
@@ -86,8 +85,7 @@ class PcrRules {
     void jump(std::uint16_t pid, const Place& from, const Place& to, Ticks step, bool flagged,
               bool main);
     void plain_gap_as_jump(std::uint16_t pid, const Place& to, Ticks distance);
-    void accuracy(std::uint16_t pid, State& state, const Place& place, std::uint64_t index,
-                  Ticks distance, bool usable);
+    void accuracy(std::uint16_t pid, State& state, const Place& place, double error, bool usable);
     void inaccurate(std::uint16_t pid, const PcrAccuracy::Result& result);
     void first(std::uint16_t pid, State& state, const Place& place);
     Finding make(Rule rule, Kind kind, std::uint16_t pid) const;

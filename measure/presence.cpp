@@ -66,12 +66,12 @@ void Presence::programs(const ProgramsPtr& programs, const Place& place) {
 
 void Presence::leave(State& state, const Place& place) {
     if (!state.first)
-        never(state, place, false);
+        never(state, place, false, place);
     else
         without_pcr(state, place);
 }
 
-void Presence::never(const State& state, const Place& to, bool open) {
+void Presence::never(const State& state, const Place& to, bool open, const Place& end) {
     const Ticks waited = between(state.since, to);
     if (waited <= options_.limits.pid_never)
         return;
@@ -82,7 +82,7 @@ void Presence::never(const State& state, const Place& to, bool open) {
     Finding f = make(Kind::never, state);
     f.open = open;
     f.begin = state.since;
-    f.end = to;
+    f.end = end;
     f.detail.interval_ms = ms(waited);
     f.detail.limit_ms = ms(options_.limits.pid_never);
     output_.finding(std::move(f));
@@ -108,16 +108,16 @@ void Presence::span(const PidSpan& span) {
         return;
     State& state = s->second;
     if (!state.first) {
-        never(state, span.first, false);
+        never(state, span.first, false, span.first);
         state.first = span.first;
     } else {
-        silent(state, span.first, false, Sure::exact);
+        silent(state, span.first, false, Sure::exact, span.first);
     }
     state.last = span.last;
     state.packets += span.packets;
 }
 
-void Presence::silent(State& state, const Place& to, bool open, Sure sure) {
+void Presence::silent(State& state, const Place& to, bool open, Sure sure, const Place& end) {
     const Ticks gap = between(state.last, to);
     if (!state.main() || gap <= options_.limits.pid_stopped ||
         static_cast<double>(gap) <= far_over_record * static_cast<double>(state.record)) {
@@ -132,7 +132,7 @@ void Presence::silent(State& state, const Place& to, bool open, Sure sure) {
     f.open = open;
     f.sure = sure;
     f.begin = state.last;
-    f.end = to;
+    f.end = end;
     f.detail.interval_ms = ms(gap);
     f.detail.limit_ms = ms(options_.limits.pid_stopped);
     silences_.stopped(state.stream.pid, state.last, to);
@@ -181,17 +181,17 @@ void Presence::nulls(const Place& from, const Place& to, bool open) {
 void Presence::finish(const Place& end, const Place& sure) {
     for (auto& [pid, state] : states_) {
         if (!state.first) {
-            never(state, sure, true);
+            never(state, sure, true, end);
             continue;
         }
         without_pcr(state, end);
         const Ticks gap = between(state.last, end);
         if (between(state.last, sure) > options_.limits.pid_stopped || !end.estimated) {
-            silent(state, end.estimated ? sure : end, true, Sure::exact);
+            silent(state, end.estimated ? sure : end, true, Sure::exact, end);
             continue;
         }
         if (gap > 3 * options_.limits.pid_stopped) // an estimate has to be clear
-            silent(state, end, true, Sure::guess);
+            silent(state, end, true, Sure::guess, end);
         else
             state.undecided = gap > options_.limits.pid_stopped;
     }

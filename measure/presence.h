@@ -57,8 +57,8 @@ class Presence {
     };
 
     void arrived(State& state, const PidSpan& span);
-    void silent(State& state, const Place& to, bool open, Sure sure);
-    void never(const State& state, const Place& to, bool open);
+    void silent(State& state, const Place& to, bool open, Sure sure, const Place& end);
+    void never(const State& state, const Place& to, bool open, const Place& end);
     void without_pcr(const State& state, const Place& to);
     void leave(State& state, const Place& place);
     Ticks dark(const Place& from, const Place& to) const;

@@ -207,19 +207,21 @@ void Timed::take(const At& at, const DamagedItem& item) {
 
 void Timed::take(const At& at, const SyncByteItem& item) {
     const Place p = place(at);
-    damage_.sync_byte(item.pid, p);
+    if (!item.garbled)
+        damage_.sync_byte(p);
     losses_.damaged(item.pid, at.index);
     stamps_.hold_off(null_pid, p);
     repetition_.excuse(null_pid, p, p);
+    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet});
 }
 
 void Timed::take(const At& at, const SyncLossItem& item) {
-    const Place begin = place(item.before);
+    const Place before = place(item.before);
     const Place end = place(at);
-    damage_.sync_loss(item.loss, begin, end);
+    damage_.sync_loss(item.loss, place(item.begin), end);
     stamps_.hold_off(null_pid, end);
-    repetition_.excuse(null_pid, begin, end);
-    findings_.cause({Cause::What::sync_lost, std::nullopt, begin.packet, end.packet});
+    repetition_.excuse(null_pid, before, end);
+    findings_.cause({Cause::What::sync_lost, std::nullopt, before.packet, end.packet});
 }
 
 void Timed::take(const At& at, const TruncatedItem& item) {
