@@ -129,13 +129,15 @@ std::optional<AudioFault> AudioSteps::sum(const AudioStep& step) {
         return std::nullopt;
     const double moved = sum_ - rest_sum_;
     const double sent = sent_ - rest_sent_;
-    const AudioFault fault{Kind::drift, *rest_, *rest_, sum_, sent > 0 ? moved / sent : 0, false};
+    const Place begin = off_rest_.value_or(*rest_);
+    const AudioFault fault{Kind::drift, *rest_, begin, sum_, sent > 0 ? moved / sent : 0, false};
     const bool known = drifting_ && upwards_ == (sum_ > 0);
     drifting_ = std::abs(moved) >= unmoved && std::abs(moved) > sampling_clock * sent;
     upwards_ = sum_ > 0;
     sum_ = rest_sum_ = mark_sum_ = 0;
     rest_sent_ = mark_sent_ = sent_;
     rest_ = step.to;
+    off_rest_.reset();
     if (known || !drifting_)
         return std::nullopt;
     return fault;
@@ -146,6 +148,9 @@ void AudioSteps::find_rest(const AudioStep& step) {
     if (std::abs(sum_ - rest_sum_) < unmoved) {
         rest_ = step.to;
         rest_sent_ = sent_;
+        off_rest_.reset();
+    } else if (!off_rest_) {
+        off_rest_ = step.to;
     }
     if (sent_ - mark_sent_ < still_time)
         return;
@@ -154,6 +159,7 @@ void AudioSteps::find_rest(const AudioStep& step) {
         rest_sum_ = sum_;
         rest_ = step.to;
         rest_sent_ = sent_;
+        off_rest_.reset();
     }
     mark_sum_ = sum_;
     mark_sent_ = sent_;

@@ -67,6 +67,7 @@ class AudioSteps {
     double rest_sum_ = 0;
     double rest_sent_ = 0;
     std::optional<Place> rest_;
+    std::optional<Place> off_rest_; // the first stamp behind it
     // A while ago:
     double mark_sum_ = 0;
     double mark_sent_ = 0;

@@ -12,6 +12,7 @@ constexpr Ticks bridge_step = 100 * ticks_per_ms;
 constexpr Ticks arrival_step = 10 * ticks_per_ms;
 constexpr std::uint64_t blind = 10'000;        // packets instead of a second where there is no rate
 constexpr std::uint64_t longest_hold = 20'000; // packets
+constexpr std::uint64_t longest_wait = 500'000; // packets: a second of 750 Mbit/s
 constexpr std::size_t points_to_choose = 41;
 constexpr std::size_t segments_kept = 1024;
 constexpr Ticks clear_jump = 30 * ticks_per_ms;
@@ -163,7 +164,7 @@ void StreamClock::replace_or_bridge(const At& at, Ticks arrival, Ticks frames) {
         frames = 0; // there is better
     if (!last.bridge)
         bridged_time_ = 0;
-    if (!last.bridge && since < packets_in(silence) && frames < silence)
+    if (!last.bridge && since < std::min(packets_in(silence), 2 * longest_wait) && frames < silence)
         return;
     for (const Program& p : programs_ ? programs_->programs : std::vector<Program>{}) {
         const auto c = candidates_.find(p.pcr_pid);
@@ -319,7 +320,7 @@ std::uint64_t StreamClock::packets_in(Ticks ticks) const {
 }
 
 bool StreamClock::passed(std::uint64_t since, const At& now, Ticks time) const {
-    if (now.index >= since + packets_in(time))
+    if (now.index >= since + std::min(packets_in(time), longest_wait))
         return true;
     Ticks sum = 0;
     for (std::size_t i = points_.size(); i >= 2 && points_[i - 2].pcr.at.index >= since; --i) {

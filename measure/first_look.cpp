@@ -108,9 +108,10 @@ void FirstLook::with_payload(Pid& state, const Packet& packet, const At& at, boo
     if (bits != 0) {
         ++state.scrambled;
         ++state.span_scrambled;
-        if (state.table)
+        if (state.table) {
+            tables_.disturbed(packet.pid());
             push(at, ScrambledTableItem{packet.pid()});
-        else if (state.es)
+        } else if (state.es)
             pes_.scrambled(packet.pid());
         return;
     }

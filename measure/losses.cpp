@@ -97,7 +97,7 @@ void Losses::pes(const PesEvent& event, const At& at, double per_second, double 
         mine->frames_seen = !audio && per_start > 0 && step > 0;
         mine->frames_missing = pictures;
     } else if (mine == nullptr && !event.disturbed &&
-               (lacks.value_or(0) > 12 || (pictures > 0.9 && pictures < 50))) {
+               (lacks.value_or(0) > 12 || (pictures > 0.6 && pictures < 50))) {
         shortfalls_.push_back({event.pid, t.start, at.index, lacks.value_or(0)});
         if (shortfalls_.size() > 64)
             shortfalls_.pop_front();

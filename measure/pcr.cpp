@@ -122,6 +122,18 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to) {
     if (i.stretch == Stretch::bridged)
         return;
     State& state = states_[i.to.pid];
+    if (!state.last && state.ever && state.since.packet > from.packet &&
+        i.stretch != Stretch::moved) {
+        if (i.stretch == Stretch::jump || i.stretch == Stretch::flagged)
+            jumps_.clock_jumped(i.to.pid, from, to, true, true);
+        first(i.to.pid, state, to); // named anew: begins anew
+        state.accuracy.clear();
+        state.accuracy.add(to, 0);
+        state.last = i.to;
+        state.last_place = to;
+        ++state.count;
+        return;
+    }
     if (!state.last && i.stretch != Stretch::moved) {
         State& begin = states_[i.from.pid];
         first(i.from.pid, begin, from);

@@ -286,8 +286,8 @@ void Stamps::steps(Stream& stream, Record& record, const PesEvent& event, const 
 bool Stamps::order(Stream& stream, Record& record, const PesEvent& event, const Place& place,
                    std::int64_t step) {
     const bool is_back = step <= 0 && !event.frame_ticks;
-    bool is_far = step * ticks_per_stamp > options_.limits.stamp_order;
-    if (is_far) { // no jump if that much time went by, or may have
+    bool is_far = std::abs(step) * ticks_per_stamp > options_.limits.stamp_order;
+    if (is_far && step > 0) { // no jump if that much time went by, or may have
         const std::optional<Ticks> gap = elapsed(stream.stamp_place, place);
         is_far = gap && std::abs(step * ticks_per_stamp - *gap) > *gap / 10 + ticks_per_second;
     }

@@ -164,7 +164,8 @@ void Timed::take(const At& at, const ScramblingEvent& event) {
     scrambling_.scrambling(event, p);
     if (event.scrambled)
         stamps_.scrambled(event.pid, p);
-    stamps_.hold_off(event.pid, p);
+    if (!event.first || event.scrambled)
+        stamps_.hold_off(event.pid, p);
 }
 
 void Timed::take(const At& at, const SpansItem& item) {
