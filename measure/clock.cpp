@@ -18,7 +18,8 @@ constexpr std::size_t segments_kept = 1024;
 constexpr Ticks clear_jump = 30 * ticks_per_ms;
 constexpr Ticks flagged_jump = ticks_per_ms;
 constexpr Ticks longest_loss = 3 * ticks_per_second;
-constexpr double whole_packets = 72; // up to here packets without a break, beyond it a jump
+constexpr std::uint64_t datagram = 7; // packets
+constexpr double whole_packets = 72;  // up to here packets without a break, beyond it a jump
 
 template <class T>
 auto in_range(const T& d, std::uint64_t from, std::uint64_t to) {
@@ -251,6 +252,12 @@ void StreamClock::disturbed(std::uint16_t pid, std::uint64_t from, std::uint64_t
     disturbances_.push_back({pid, from, to, packets});
 }
 
+void StreamClock::out_of_order(std::uint64_t from, std::uint64_t to) {
+    swaps_.emplace_back(from, to);
+    if (swaps_.size() > 64)
+        swaps_.pop_front();
+}
+
 void StreamClock::added(const At& at, unsigned packets) {
     added_.emplace_back(at.index, packets);
 }
@@ -397,6 +404,14 @@ std::optional<ClockInterval> StreamClock::next(const At& last, bool at_end) {
 }
 
 void StreamClock::decide(ClockInterval& i) const {
+    // A PCR that changed places with its neighbours says nothing about either side of it.
+    for (const auto& [from, to] : swaps_)
+        if (from <= i.to.at.index + datagram && to + datagram >= i.from.at.index &&
+            std::abs(i.error) < static_cast<double>(ticks_per_second)) {
+            i.stretch = Stretch::lost;
+            i.disturbed = true;
+            return;
+        }
     if (i.constant)
         decide_constant(i);
     else

@@ -68,6 +68,8 @@ class StreamClock {
     /// Something broke between two packets of that pid (null_pid: of all); `packets`: the fewest
     /// that are missing.
     void disturbed(std::uint16_t pid, std::uint64_t from, std::uint64_t to, unsigned packets);
+    /// Packets between these two came in another order than they were sent in.
+    void out_of_order(std::uint64_t from, std::uint64_t to);
     /// Copies that a network may have added.
     void added(const At& at, unsigned packets);
     /// Nothing but null packets from one to the other.
@@ -163,6 +165,7 @@ class StreamClock {
     Ticks last_real_time_ = 0;
     bool bridged_ = false; // the front of points_ is a bridge
     std::deque<Disturbance> disturbances_;
+    std::deque<std::pair<std::uint64_t, std::uint64_t>> swaps_;
     std::deque<std::pair<std::uint64_t, unsigned>> added_;
     std::deque<std::pair<std::uint64_t, std::uint64_t>> nulls_;
     std::deque<Segment> segments_;

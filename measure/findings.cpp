@@ -8,6 +8,7 @@ namespace quarn {
 namespace {
 constexpr Ticks hold = 800 * ticks_per_ms;    // until what explains a finding is known
 constexpr std::uint64_t hold_packets = 8'000; // the same without a clock
+constexpr Ticks near = 600 * ticks_per_ms;    // a loss and the pictures that it took
 constexpr Ticks quiet = ticks_per_second;     // ends a flood
 constexpr std::uint64_t quiet_packets = 10'000;
 constexpr unsigned single = 3; // findings of a flood that stay as they are
@@ -59,6 +60,8 @@ std::optional<double> magnitude(const Finding& f) {
 Findings::Findings(const Options& options, Sink& sink) : options_(options), sink_(sink) {}
 
 void Findings::finding(Finding&& finding) {
+    if (finding.rule == Rule::continuity_count_error && finding.kind == Kind::loss)
+        cause({What::lost, finding.pid, 0, 0, finding.begin.time});
     if (wanted(finding))
         waiting_.push_back({std::move(finding), now_});
 }
@@ -93,6 +96,11 @@ bool Findings::wanted(const Finding& f) const {
 }
 
 bool Findings::follows(const Finding& f) const {
+    if (f.rule == Rule::stamp_jump && f.kind == Kind::frames_missing && f.begin.time != no_time)
+        for (const Cause& c : causes_) // told as a loss already
+            if (c.what == What::lost && c.pid == f.pid && c.time != no_time &&
+                std::abs(c.time - f.begin.time) < near)
+                return true;
     for (const Explanation& e : explanations) {
         if (e.rule != f.rule)
             continue;

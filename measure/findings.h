@@ -23,6 +23,7 @@ struct Cause {
     enum class What : std::uint8_t {
         sync_lost,       // bytes missing or inserted
         transport_error, // damaged packets of the pid
+        lost,            // packets of the pid (near in time)
         stopped,         // no packets of the pid
         outage,          // null packets only
     };
@@ -30,6 +31,7 @@ struct Cause {
     std::optional<std::uint16_t> pid; // not set: all
     std::uint64_t from = 0;           // packet numbers
     std::uint64_t to = 0;
+    Ticks time = no_time; // of a loss
 };
 
 class Findings final : public Output {

@@ -128,7 +128,10 @@ class FirstLook final : EventSink, ContinuitySink {
 
     void event(const At& at, EventBody&& body) override;
     void counter_break(const CounterBreak& fault) override { breaks_.counter_break(fault); }
-    void order(const OrderFault& fault) override { put(fault.begin, fault); }
+    void order(const OrderFault& fault) override {
+        clock_.out_of_order(fault.begin.index, fault.end.index);
+        put(fault.begin, fault);
+    }
     void copies(const CopyFault& fault) override { put(fault.at, fault); }
     void frozen(const FrozenRun& run) override { put(run.begin, run); }
     void added(const At& at, unsigned packets) override { clock_.added(at, packets); }

@@ -66,14 +66,16 @@ void Losses::span(const PidSpan& span) {
         spans.pop_front();
 }
 
-void Losses::pes(const PesEvent& event, const At& at, double per_second, double per_start) {
+void Losses::pes(const PesEvent& event, const Place& place, double per_second, double per_start,
+                 bool constant_rate) {
+    const std::uint64_t at = place.packet - 1;
     Traffic& t = traffic_[event.pid];
     t.packets_since += event.packets;
     const auto stamp = event.dts ? event.dts : event.pts;
     Break* mine = nullptr;
     unsigned several = 0;
     for (Break& b : breaks_)
-        if (b.fault.pid == event.pid && !b.pes_seen && b.fault.at.index <= at.index &&
+        if (b.fault.pid == event.pid && !b.pes_seen && b.fault.at.index <= at &&
             b.fault.before.index >= t.start) {
             mine = &b;
             b.pes_seen = true;
@@ -98,16 +100,52 @@ void Losses::pes(const PesEvent& event, const At& at, double per_second, double 
         mine->frames_missing = pictures;
     } else if (mine == nullptr && !event.disturbed &&
                (lacks.value_or(0) > 12 || (pictures > 0.6 && pictures < 50))) {
-        shortfalls_.push_back({event.pid, t.start, at.index, lacks.value_or(0)});
+        shortfalls_.push_back({event.pid, t.start, at, lacks.value_or(0)});
         if (shortfalls_.size() > 64)
             shortfalls_.pop_front();
     }
+    if (mine == nullptr && !constant_rate && !event.disturbed && lacks)
+        sixteens(event, t, place, audio ? step : 0, *lacks);
     if (stamp) {
         t.stamp = stamp;
         t.packets_since = 0;
     }
-    t.start = at.index;
+    t.start_time = place.time;
+    t.start = at;
     t.dirty = false;
+}
+
+// At a variable rate: whole sixteens that a PES packet lacks by its length, or that a sound lacks
+// by its frames while its stamps keep their distance from the clock.
+void Losses::sixteens(const PesEvent& event, const Traffic& traffic, const Place& place,
+                      double step, double lacks) {
+    const double whole = std::round(lacks / 16) * 16;
+    const bool by_length = event.declared > event.received;
+    if (whole < 16 || whole > 48 || std::abs(lacks - whole) > (by_length ? 1.0 : 2.0))
+        return;
+    if (!outages_.empty() && outages_.back().second.packet > traffic.start)
+        return;
+    if (!by_length) {
+        if (event.declared > 0) // complete: its stream paused
+            return;
+        if (!event.frame_ticks || traffic.start_time == no_time || place.time == no_time)
+            return;
+        const double gone = step - *event.frame_ticks; // 90 kHz
+        const double moved = step - static_cast<double>(place.time - traffic.start_time) / 300;
+        if (gone < 1800 || std::abs(moved) > gone / 2)
+            return;
+    }
+    Finding f;
+    f.rule = Rule::continuity_count_error;
+    f.kind = Kind::loss;
+    f.sure = Sure::guess;
+    f.pid = event.pid;
+    if (programs_)
+        f.programs = programs_->programs_of(event.pid);
+    f.begin = f.end = place;
+    f.detail.lost = static_cast<std::int64_t>(whole);
+    traffic_[event.pid].lost += static_cast<std::uint64_t>(whole);
+    output_.finding(std::move(f));
 }
 
 void Losses::clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool main) {
@@ -325,8 +363,9 @@ void Losses::name_variable(Break& b, const StreamClock& clock) {
     for (const ClockInterval& i : intervals_)
         pcr_missing =
             pcr_missing || (touches(b, i) && i.distance > clock.rate().usual_distance() * 3 / 2);
-    if (b.fault.got == 0 && stream != nullptr && b.frames_seen && b.frames_missing < 0.5 &&
-        !pcr_missing) {
+    const bool datagram_gone = d == datagram_packets; // more often than a counter that begins anew
+    if (b.fault.got == 0 && !datagram_gone && stream != nullptr && b.frames_seen &&
+        b.frames_missing < 0.5 && !pcr_missing) {
         b.kind = Kind::reset;
         b.lost = 0;
         b.sure = Sure::guess;
@@ -493,7 +532,6 @@ void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
     if (const Shortfall* s = shortfall(from.packet, to.packet, static_cast<double>(packets)))
         pid = s->pid;
     double most = 0.5 * static_cast<double>(packets);
-    Place at = to;
     for (const auto& [p, t] : traffic_) {
         if (p == null_pid || (pid && p != *pid))
             continue;
@@ -505,11 +543,6 @@ void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
         if (lacks > most || pid == p) {
             most = lacks;
             pid = p;
-            for (const PidSpan& s : t.spans)
-                if (s.first.packet > from.packet) {
-                    at = s.first;
-                    break;
-                }
         }
     }
     if (!pid && null_share_ > no_nulls && packets < 32)
@@ -521,7 +554,7 @@ void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
     f.pid = pid;
     if (pid && programs_)
         f.programs = programs_->programs_of(*pid);
-    f.begin = f.end = at;
+    f.begin = f.end = to;
     f.detail.lost = packets / 16 * 16;
     if (pid)
         traffic_[*pid].lost += static_cast<std::uint64_t>(packets / 16 * 16);

@@ -33,7 +33,8 @@ class Losses {
     void span(const PidSpan& span);
     /// A PES packet of that pid begins; `per_second`: packets in a second of its stamps, 0 if not
     /// known; `per_start`: 90 kHz ticks from one start to the next.
-    void pes(const PesEvent& event, const At& at, double per_second, double per_start);
+    void pes(const PesEvent& event, const Place& place, double per_second, double per_start,
+             bool constant_rate);
     void clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool main);
     void outage(const Place& from, const Place& to);
     /// The share of null packets in the multiplex so far.
@@ -63,8 +64,9 @@ class Losses {
         std::uint64_t lost = 0;
         std::optional<std::int64_t> stamp; // of the last PES start that had one
         std::uint64_t start = 0;           // the packet of the last PES start
-        std::uint32_t packets_since = 0;   // packets since the last stamp
-        bool dirty = true;                 // a break since the last start
+        Ticks start_time = no_time;
+        std::uint32_t packets_since = 0; // packets since the last stamp
+        bool dirty = true;               // a break since the last start
     };
     /// A PES packet without a break of its counter that lacks packets or pictures.
     struct Shortfall {
@@ -94,6 +96,8 @@ class Losses {
     void datagram(const std::vector<Break*>& cluster, std::optional<std::int64_t> missing,
                   const StreamClock& clock);
     void emit(const Break& b, const StreamClock& clock);
+    void sixteens(const PesEvent& event, const Traffic& traffic, const Place& place, double step,
+                  double lacks);
     const Shortfall* shortfall(std::uint64_t from, std::uint64_t to, double packets) const;
     void forget(const Place& now);
     bool touches(const Break& b, const ClockInterval& i) const;

@@ -12,6 +12,13 @@ constexpr Ticks jump_variable =
     150 * ticks_per_ms;                       // between PCRs of a varying rate places are guesses
 constexpr std::uint32_t enough_to_judge = 20; // PCRs, for 2.4
 
+/// What is left of an error when whole packets that are missing are put back.
+double without_packets(double error, double ticks_per_packet) {
+    const double whole = std::round(error / ticks_per_packet);
+    const double rest = error - whole * ticks_per_packet;
+    return whole > 0 && std::abs(rest) < 0.05 * ticks_per_packet ? rest : error;
+}
+
 double ms(Ticks t) {
     return static_cast<double>(t) / ticks_per_ms;
 }
@@ -118,7 +125,8 @@ void PcrRules::first(std::uint16_t pid, State& state, const Place& place) {
     gap(pid, state, from, place, place.time - from.time, false);
 }
 
-void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to) {
+void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
+                   double ticks_per_packet) {
     if (i.stretch == Stretch::bridged)
         return;
     State& state = states_[i.to.pid];
@@ -153,8 +161,10 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to) {
     } else {
         gap(i.to.pid, state, from, to, i.distance, i.stretch == Stretch::lost);
     }
-    const bool usable = i.constant && i.stretch == Stretch::steady && !i.disturbed && i.added == 0;
-    accuracy(i.to.pid, state, to, i.error, usable);
+    const bool usable = i.constant &&
+                        (i.stretch == Stretch::steady || i.stretch == Stretch::lost) &&
+                        !i.disturbed && i.added == 0;
+    accuracy(i.to.pid, state, to, without_packets(i.error, ticks_per_packet), usable);
     state.last = i.to;
     state.last_place = to;
     ++state.count;
@@ -184,7 +194,8 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
         const double error =
             static_cast<double>(distance) -
             static_cast<double>(point.at.index - from) * clock.rate().ticks_per_packet();
-        accuracy(point.pid, state, place, error, usable);
+        accuracy(point.pid, state, place, without_packets(error, clock.rate().ticks_per_packet()),
+                 usable);
     }
     state.last = point;
     state.last_place = place;

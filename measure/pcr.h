@@ -54,7 +54,8 @@ class PcrRules {
 
     void programs(const ProgramsPtr& programs, const Place& place);
     /// An interval of the stream clock's pid.
-    void own(const ClockInterval& interval, const Place& from, const Place& to);
+    void own(const ClockInterval& interval, const Place& from, const Place& to,
+             double ticks_per_packet);
     /// A PCR of another pid. `lost`: the time that packets missing since the one before account for
     /// at most.
     void other(const PcrPoint& point, const Place& place, const StreamClock& clock);

@@ -60,6 +60,8 @@ void Rate::count(const Interval& i) {
         ++small_;
         swing_ += error;
         swing_size_ += std::abs(error);
+    } else if (error < 0) {
+        ++crowded_;
     }
 }
 
@@ -91,13 +93,13 @@ void Rate::decide_now() {
         return;
     refresh_median();
     decided_ = true;
-    seen_ = fitting_ = small_ = 0;
+    seen_ = fitting_ = small_ = crowded_ = 0;
     time_ = packets_ = swing_ = swing_size_ = 0;
     const std::size_t n = std::min<std::size_t>(count_, window);
     for (std::size_t i = 0; i < n; ++i)
         count(recent_[(count_ - n + i) % window]);
     if (n < first_decision) // of so few, more than a rate that varies could do by chance
-        constant_ = fitting_ >= 8 && fitting_ >= constant_from * seen_;
+        constant_ = fitting_ >= 8 && fitting_ >= constant_from * seen_ && !crowded();
     else
         decide();
 }
@@ -112,9 +114,9 @@ void Rate::decide() {
     const auto others = static_cast<double>(seen_ - fitting_);
     const bool swings = seen_ >= swing_decision && fitting_ >= swinging_from * seen_ &&
                         small_ > 0.8 * others && std::abs(swing_) < 0.2 * swing_size_;
-    if (known_rate && (fitting_ >= constant_from * seen_ || swings))
+    if (known_rate && !crowded() && (fitting_ >= constant_from * seen_ || swings))
         constant_ = true;
-    else if (fitting_ < variable_below * seen_)
+    else if (fitting_ < variable_below * seen_ || crowded())
         constant_ = false;
     if (!constant_ && seen_ % first_decision == 0)
         time_ = packets_ = 0; // gathered around another median
@@ -133,7 +135,7 @@ bool Rate::certain() const {
 }
 
 void Rate::new_segment() {
-    seen_ = fitting_ = small_ = 0;
+    seen_ = fitting_ = small_ = crowded_ = 0;
     swing_ = swing_size_ = 0;
 }
 

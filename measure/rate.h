@@ -45,6 +45,8 @@ class Rate {
     bool fits(const Interval& interval, double ticks_per_packet) const;
     void count(const Interval& interval);
     void decide();
+    /// No constant rate has that: single packets with a PCR each, and many between some of them.
+    bool crowded() const { return crowded_ * 20 > seen_; }
     void restart();
 
     std::array<Interval, window> recent_{};
@@ -60,6 +62,7 @@ class Rate {
     double swing_ = 0; // sum and absolute sum of the small errors
     double swing_size_ = 0;
     std::uint32_t small_ = 0;
+    std::uint32_t crowded_ = 0;   // far more packets than their time has room for
     std::uint64_t last_fits_ = 0; // one bit an interval, the latest lowest
     // of the fitting intervals
     double time_ = 0;

@@ -90,6 +90,7 @@ class Repetition::Impl {
     SiRepetition si_;
     ProgramsPtr programs_ = std::make_shared<Programs>();
     Place start_;
+    std::bitset<pid_count> early_; // pids with packets before the first PAT
     bool started_ = false;
     Series pat_;
     bool pat_seen_ = false;
@@ -208,8 +209,10 @@ void Repetition::Impl::programs(const ProgramsPtr& programs, const Place& place)
         if (!first)
             continue;
         watch->second.announced = place;
-        // The first PAT announces what should have been there from the start.
-        watch->second.series.last = before->pat_in_force || !started_ ? place : start_;
+        // The first PAT announces what should have been there from the start; of a pid with packets
+        // before it nobody looked at the sections.
+        const bool later = before->pat_in_force || !started_ || early_[program.pmt_pid];
+        watch->second.series.last = later ? place : start_;
     }
     programs_seen_ = programs_seen_ || !programs->programs.empty();
     si_.programs(programs, place);
@@ -218,6 +221,8 @@ void Repetition::Impl::programs(const ProgramsPtr& programs, const Place& place)
 void Repetition::Impl::seen(std::uint16_t pid) {
     if (const auto watch = pmts_.find(pid); watch != pmts_.end())
         watch->second.packets = true;
+    else if (!programs_seen_)
+        early_[pid] = true;
 }
 
 void Repetition::Impl::scrambled(std::uint16_t pid, const Place& place) {

@@ -20,7 +20,8 @@ void Timed::interval(const ClockInterval& interval, std::deque<Item>& queue, dou
     // What came before the PCR at its end still belongs to the clock before it.
     dispatch(queue, interval.to.at.index);
     if (clock_.pid())
-        pcrs_.own(interval, place(interval.from.at), place(interval.to.at));
+        pcrs_.own(interval, place(interval.from.at), place(interval.to.at),
+                  clock_.rate().ticks_per_packet());
     dispatch(queue, interval.to.at.index + 1);
     advance(place(interval.to.at), false);
 }
@@ -89,14 +90,14 @@ void Timed::pcr_gap(std::uint16_t pid, const Place& from, const Place& to) {
 
 void Timed::stopped(std::uint16_t pid, const Place& from, const Place& to) {
     stamps_.stopped(pid, from, to);
-    findings_.cause({Cause::What::stopped, pid, from.packet, to.packet});
+    findings_.cause({Cause::What::stopped, pid, from.packet, to.packet, no_time});
 }
 
 void Timed::outage(const Place& from, const Place& to) {
     stamps_.outage(from, to);
     repetition_.outage(from, to);
     losses_.outage(from, to);
-    findings_.cause({Cause::What::outage, std::nullopt, from.packet, to.packet});
+    findings_.cause({Cause::What::outage, std::nullopt, from.packet, to.packet, no_time});
 }
 
 // ---------------------------------------------------------------- items
@@ -149,7 +150,8 @@ void Timed::take(const At& at, const TableChangedEvent& event) {
 }
 
 void Timed::take(const At& at, const PesItem& item) {
-    losses_.pes(item.event, at, item.packets_per_second, item.ticks_per_start);
+    losses_.pes(item.event, place(at), item.packets_per_second, item.ticks_per_start,
+                clock_.rate().constant());
     std::optional<Ticks> clock;
     for (const Program& p : programs_->programs)
         if (!clock &&
@@ -203,7 +205,7 @@ void Timed::take(const At& at, const DamagedItem& item) {
     losses_.damaged(item.pid, at.index);
     stamps_.hold_off(item.pid, p);
     repetition_.excuse(item.pid, p, p);
-    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet});
+    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet, no_time});
 }
 
 void Timed::take(const At& at, const SyncByteItem& item) {
@@ -213,7 +215,7 @@ void Timed::take(const At& at, const SyncByteItem& item) {
     losses_.damaged(item.pid, at.index);
     stamps_.hold_off(null_pid, p);
     repetition_.excuse(null_pid, p, p);
-    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet});
+    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet, no_time});
 }
 
 void Timed::take(const At& at, const SyncLossItem& item) {
