@@ -210,7 +210,7 @@ TEST(Stamps, StepsOfAudioAgainstItsFrames) {
                      u.stamp += 160;
              };
          },
-         "q.2 drift 257 at 4037, 40.689, 10.091"},
+         "q.2 drift 257 at 4109, 40.689, 10.091"},
         {"no faster than sampling clocks differ",
          [](Scene& s) {
              s.end = 600'000;
@@ -248,6 +248,8 @@ TEST(Stamps, StepsOfAudioAgainstItsFrames) {
          "q.2 jump 257 at 4097, 100"},
         {"over 10 s ahead is out of order", moved(audio, 4000, ever, 10'000),
          "q.3 257 at 4037, 10072"},
+        {"and back as well", moved(audio, 4000, ever, -10'073),
+         "q.3 257 at 4037, -10001; q.1 257 at 4037 open at 10000, 9778"},
     });
 }
 
