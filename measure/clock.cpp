@@ -533,8 +533,11 @@ Place StreamClock::place(const At& at) const {
         p.estimated = !rate_.constant();
         return p;
     }
-    const auto s = std::partition_point(segments_.begin(), segments_.end(),
-                                        [&](const Segment& x) { return x.to < at.index; });
+    // Most look-ups are of the last ones.
+    const auto near = segments_.size() > 4 ? segments_.end() - 4 : segments_.begin();
+    const auto s =
+        std::partition_point(near->to < at.index ? near : segments_.begin(), segments_.end(),
+                             [&](const Segment& x) { return x.to < at.index; });
     const auto ticks = [](double x) { return static_cast<Ticks>(std::llround(x)); };
     if (s == segments_.end()) {
         const Segment& last = segments_.back();

@@ -8,45 +8,8 @@
 #include "continuity.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace quarn {
-
-std::uint64_t fingerprint(const Packet& packet) {
-    constexpr std::uint64_t k = 0x9E3779B97F4A7C15u;
-    const std::uint8_t* p = packet.data();
-    const auto load = [p](std::size_t at) {
-        std::uint64_t x = 0;
-        std::memcpy(&x, p + at, sizeof x);
-        return x;
-    };
-    std::array<std::uint64_t, 4> lane = {k, ~k, k << 1, k >> 1};
-    // 184 bytes behind the first four: 23 words in four lanes.
-    const auto mix = [&](std::size_t l, std::uint64_t x) {
-        lane[l] = (lane[l] ^ x) * k;
-        lane[l] ^= lane[l] >> 29;
-    };
-    std::uint64_t first = load(4);
-    std::uint64_t second = load(12);
-    if (packet.has_pcr()) { // bytes 6 to 11
-        std::uint8_t masked[8];
-        std::memcpy(masked, p + 4, sizeof masked);
-        std::memset(masked + 2, 0, 6);
-        std::memcpy(&first, masked, sizeof first);
-    }
-    mix(0, first);
-    mix(1, second);
-    mix(2, load(20));
-    for (std::size_t i = 0; i < 5; ++i) {
-        mix(3, load(28 + 32 * i));
-        mix(0, load(36 + 32 * i));
-        mix(1, load(44 + 32 * i));
-        mix(2, load(52 + 32 * i));
-    }
-    std::uint32_t head = 0;
-    std::memcpy(&head, p, sizeof head);
-    return lane[0] ^ lane[1] * 3 ^ lane[2] * 5 ^ lane[3] * 7 ^ head;
-}
 
 PidCounter::Step PidCounter::other(std::uint16_t pid, const Packet& packet, unsigned counter,
                                    std::uint64_t print, const At& at, bool trusted,
@@ -91,7 +54,7 @@ bool PidCounter::take_copy(std::uint16_t pid, const Waiting& now, ContinuitySink
     if (copies_ == 1)
         ++lawful_copies_;
     else
-        sink.copies({pid, now.at, 1});
+        sink.copies({pid, now.at, now.at, 1});
     sink.added(now.at, 1);
     return true;
 }
@@ -143,7 +106,7 @@ std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& pa
                                ContinuitySink& sink) {
     const Waiting& first = packets.front();
     if (const std::size_t n = second_copies(packets, at_end)) {
-        sink.copies({pid, first.at, static_cast<unsigned>(n)});
+        sink.copies({pid, first.at, packets[n - 1].at, static_cast<unsigned>(n)});
         sink.added(first.at, static_cast<unsigned>(n));
         return n;
     }

@@ -9,6 +9,7 @@ namespace {
 constexpr Ticks look_every = 100 * ticks_per_ms;
 constexpr std::uint64_t look_at_least = 32; // packets
 constexpr Ticks hold_at_most = 450 * ticks_per_ms;
+constexpr Ticks plain_distance = 40 * ticks_per_ms; // the strictest limit of PCRs
 constexpr std::uint64_t null_run_of_note = 20;
 } // namespace
 
@@ -172,9 +173,17 @@ void FirstLook::take_pcr(const Packet& packet, const At& at, Ticks arrival) {
 // program that had most of them, for any of them may be what stopped.
 void FirstLook::count_frames(PcrPoint& point) {
     Starts& starts = starts_[point.pid];
+    const std::int64_t distance =
+        starts.value < 0 ? 0 : clock_distance(starts.value, point.value, pcr_wrap);
+    const bool plain = distance > 0 && distance <= plain_distance; // then nobody asks
+    starts.value = point.value;
     double most = -1;
     for (auto& [pid, before] : starts.of) {
         const std::uint64_t now = pes_.starts(pid);
+        if (plain) {
+            before = now;
+            continue;
+        }
         const double ticks = pes_.ticks_per_start(pid);
         const auto began = static_cast<double>(now - std::min(before, now));
         before = now;

@@ -124,6 +124,7 @@ class FirstLook final : EventSink, ContinuitySink {
     /// PES starts of the streams of a program at its last PCR.
     struct Starts {
         std::vector<std::pair<std::uint16_t, std::uint64_t>> of;
+        std::int64_t value = -1; // of that PCR
     };
 
     void event(const At& at, EventBody&& body) override;
@@ -132,7 +133,11 @@ class FirstLook final : EventSink, ContinuitySink {
         clock_.out_of_order(fault.begin.index, fault.end.index);
         put(fault.begin, fault);
     }
-    void copies(const CopyFault& fault) override { put(fault.at, fault); }
+    void copies(const CopyFault& fault) override {
+        if (fault.packets > 1) // a PCR among them was taken
+            clock_.out_of_order(fault.at.index, fault.end.index);
+        put(fault.at, fault);
+    }
     void frozen(const FrozenRun& run) override { put(run.begin, run); }
     void added(const At& at, unsigned packets) override { clock_.added(at, packets); }
 

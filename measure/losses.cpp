@@ -44,7 +44,6 @@ void Losses::counter_break(const CounterBreak& fault) {
         return x.fault.at.index <= fault.at.index;
     });
     breaks_.insert(behind.base(), b);
-    traffic_[fault.pid].dirty = true;
 }
 
 void Losses::damaged(std::uint16_t pid, std::uint64_t index) {
@@ -105,34 +104,34 @@ void Losses::pes(const PesEvent& event, const Place& place, double per_second, d
             shortfalls_.pop_front();
     }
     if (mine == nullptr && !constant_rate && !event.disturbed && lacks)
-        sixteens(event, t, place, audio ? step : 0, *lacks);
+        sixteens(event, t, place, by_length ? 0 : step, *lacks, per_second);
+    t.counted = t.counted || event.frame_ticks;
     if (stamp) {
         t.stamp = stamp;
         t.packets_since = 0;
     }
     t.start_time = place.time;
     t.start = at;
-    t.dirty = false;
 }
 
 // At a variable rate: whole sixteens that a PES packet lacks by its length, or that a sound lacks
-// by its frames while its stamps keep their distance from the clock.
+// although its stamps keep their distance from the clock, and its frames do not go on.
 void Losses::sixteens(const PesEvent& event, const Traffic& traffic, const Place& place,
-                      double step, double lacks) {
+                      double step, double lacks, double per_second) {
     const double whole = std::round(lacks / 16) * 16;
-    const bool by_length = event.declared > event.received;
+    const bool by_length = step == 0;
     if (whole < 16 || whole > 48 || std::abs(lacks - whole) > (by_length ? 1.0 : 2.0))
         return;
     if (!outages_.empty() && outages_.back().second.packet > traffic.start)
         return;
     if (!by_length) {
-        if (event.declared > 0) // complete: its stream paused
-            return;
-        if (!event.frame_ticks || traffic.start_time == no_time || place.time == no_time)
-            return;
-        const double gone = step - *event.frame_ticks; // 90 kHz
+        const bool complete = event.declared > 0 && event.received >= event.declared;
+        const bool counted = event.frame_ticks.has_value();
+        const bool cut = counted ? !complete && step - *event.frame_ticks > 1800 : traffic.counted;
+        if (!cut || traffic.start_time == no_time || place.time == no_time)
+            return; // a stream that pauses ends with a frame, and begins with one
         const double moved = step - static_cast<double>(place.time - traffic.start_time) / 300;
-        if (gone < 1800 || std::abs(moved) > gone / 2)
+        if (std::abs(moved) > lacks / per_second * 90000 / 2)
             return;
     }
     Finding f;

@@ -66,7 +66,7 @@ class Losses {
         std::uint64_t start = 0;           // the packet of the last PES start
         Ticks start_time = no_time;
         std::uint32_t packets_since = 0; // packets since the last stamp
-        bool dirty = true;               // a break since the last start
+        bool counted = false;            // its audio frames are counted
     };
     /// A PES packet without a break of its counter that lacks packets or pictures.
     struct Shortfall {
@@ -97,7 +97,7 @@ class Losses {
                   const StreamClock& clock);
     void emit(const Break& b, const StreamClock& clock);
     void sixteens(const PesEvent& event, const Traffic& traffic, const Place& place, double step,
-                  double lacks);
+                  double lacks, double per_second);
     const Shortfall* shortfall(std::uint64_t from, std::uint64_t to, double packets) const;
     void forget(const Place& now);
     bool touches(const Break& b, const ClockInterval& i) const;

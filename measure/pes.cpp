@@ -232,6 +232,8 @@ void PesFront::note_stamp(Unit& unit) {
         if (is_usual)
             unit.steps[unit.step_count++ % unit.steps.size()] = {ticks, unit.starts_since,
                                                                  unit.packets_since};
+        if (is_usual && (unit.step_count < 16 || unit.step_count % 4 == 0))
+            unit.usual = usual(unit);
     }
     unit.stamp = stamp;
     unit.whole = true;
@@ -245,20 +247,19 @@ std::uint64_t PesFront::starts(std::uint16_t pid) const {
 }
 
 /// Sum of the last steps without those that are far from most: jumps, left out pictures.
-PesFront::Step PesFront::usual(std::uint16_t pid) const {
-    const Unit* unit = find(pid);
-    const std::size_t count = unit ? std::min(unit->step_count, unit->steps.size()) : 0;
+PesFront::Step PesFront::usual(const Unit& unit) {
+    const std::size_t count = std::min(unit.step_count, unit.steps.size());
     if (count < 3)
         return {};
     std::array<std::int64_t, 16> each{};
     for (std::size_t i = 0; i < count; ++i)
-        each[i] = unit->steps[i].ticks / unit->steps[i].starts;
+        each[i] = unit.steps[i].ticks / unit.steps[i].starts;
     const auto middle = each.begin() + static_cast<std::ptrdiff_t>(count / 2);
     std::nth_element(each.begin(), middle, each.begin() + static_cast<std::ptrdiff_t>(count));
     const std::int64_t median = *middle;
     Step sum;
     for (std::size_t i = 0; i < count; ++i) {
-        const Step& step = unit->steps[i];
+        const Step& step = unit.steps[i];
         const std::int64_t one = step.ticks / step.starts;
         if (2 * one >= median && one <= 2 * median)
             sum = {sum.ticks + step.ticks, sum.starts + step.starts, sum.packets + step.packets};
@@ -267,12 +268,14 @@ PesFront::Step PesFront::usual(std::uint16_t pid) const {
 }
 
 double PesFront::ticks_per_start(std::uint16_t pid) const {
-    const Step sum = usual(pid);
+    const Unit* unit = find(pid);
+    const Step sum = unit ? unit->usual : Step{};
     return sum.starts > 0 ? static_cast<double>(sum.ticks) / sum.starts : 0;
 }
 
 double PesFront::packets_per_second(std::uint16_t pid) const {
-    const Step sum = usual(pid);
+    const Unit* unit = find(pid);
+    const Step sum = unit ? unit->usual : Step{};
     return sum.ticks > 0 ? sum.packets * 90'000.0 / static_cast<double>(sum.ticks) : 0;
 }
 

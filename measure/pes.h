@@ -95,6 +95,7 @@ class PesFront {
 
         std::uint64_t starts = 0;
         std::size_t step_count = 0;
+        Step usual;                   // of the last steps, brought up to date now and then
         std::array<Step, 16> steps{}; // the last ones
         AudioFrames frames{Codec::unknown};
     };
@@ -108,7 +109,7 @@ class PesFront {
     std::size_t read_header(Unit& unit, const At& at, std::span<const std::uint8_t> bytes);
     void emit(Unit& unit, const At& at, bool valid);
     void note_stamp(Unit& unit);
-    Step usual(std::uint16_t pid) const;
+    static Step usual(const Unit& unit);
 
     EventSink& sink_;
     std::array<std::uint16_t, pid_count> slots_{};
