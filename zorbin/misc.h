@@ -1,4 +1,4 @@
-// misc.h - helpers of the analyzer: running aggregates, captured text, millisecond time texts.
+// misc.h - tools of the analyzer: running aggregates, captured text, millisecond time texts.
 #pragma once
 
 #include <cstddef>
