@@ -6,7 +6,7 @@ namespace quarn::inputs {
 namespace {
 
 /// Parts of a size that stays in the second-level cache between read() and the sink.
-constexpr std::size_t part = 256 * 1024;
+constexpr std::size_t part = std::size_t{256} * 1024;
 /// Room in front of a part, for what is left of the one before it.
 constexpr std::size_t usual_rest = 4096;
 

@@ -1,6 +1,7 @@
 #include "layout.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "big_endian.h"
 
@@ -10,7 +11,7 @@ namespace {
 using Bytes = std::span<const std::uint8_t>;
 
 /// So much of the input is held against each layout.
-constexpr std::size_t judged_bytes = 64 * 1024;
+constexpr std::size_t judged_bytes = std::size_t{64} * 1024;
 
 /// Stamps further apart than half a second are none: no stream has so few packets for long.
 constexpr std::uint32_t longest_step = 13'500'000;
@@ -83,7 +84,7 @@ bool has_stamps(Bytes head, const Layout& layout) {
     std::size_t steps = 0;
     std::size_t plausible = 0;
     std::uint32_t last = 0;
-    const std::size_t end = std::min<std::size_t>(head.size(), layout.first + judged_bytes);
+    const std::size_t end = std::min(head.size(), layout.first + judged_bytes);
     for (std::size_t offset = layout.first + layout.size; offset < end; offset += layout.size) {
         if (head[offset] != sync_byte)
             continue;
@@ -101,7 +102,7 @@ bool has_stamps(Bytes head, const Layout& layout) {
 /// Where the first packet begins if the first five in step begin at layout.first: packets before
 /// these are packets as well when a sync byte of them is wrong, or bytes are missing behind two.
 std::size_t first_packet(Bytes head, const Layout& layout) {
-    const auto run = static_cast<std::size_t>(layout.first);
+    const std::size_t run = layout.first;
     const std::size_t same_step = run % layout.size;
     if (same_step == layout.prefix() || run < 2 * layout.size)
         return same_step;
@@ -111,14 +112,24 @@ std::size_t first_packet(Bytes head, const Layout& layout) {
     return run;
 }
 
+/// Where the first five packets in step begin, or the end of `head`.
+std::size_t first_run(Bytes head) {
+    for (std::size_t from = 0; from < head.size(); ++from) {
+        const void* byte = std::memchr(head.data() + from, sync_byte, head.size() - from);
+        if (!byte)
+            break;
+        from = static_cast<std::size_t>(static_cast<const std::uint8_t*>(byte) - head.data());
+        for (const std::size_t size : packet_sizes)
+            if (run_begins(head, from, size))
+                return from;
+    }
+    return head.size();
+}
+
 } // namespace
 
 std::optional<Layout> find_layout(Bytes head, bool whole) {
-    std::size_t from = 0;
-    while (from < head.size() && std::ranges::none_of(packet_sizes, [&](std::size_t size) {
-               return run_begins(head, from, size);
-           }))
-        ++from;
+    const std::size_t from = first_run(head);
     const bool run = from < head.size();
     const Candidate best = best_from(head, run ? from : 0, [&](const Candidate& candidate) {
         return run ? run_begins(head, candidate.first, candidate.size)

@@ -16,9 +16,9 @@ inline constexpr std::size_t sync_run = 5;
 inline constexpr std::array<std::size_t, 3> packet_sizes = {188, 192, 204};
 
 struct Layout {
-    std::size_t size = 188;  // 188; 192: four bytes in front; 204: 16 bytes behind
-    std::uint64_t first = 0; // offset of the first sync byte
-    bool stamps = false;     // the four bytes of 192 are a running clock
+    std::size_t size = 188; // 188; 192: four bytes in front; 204: 16 bytes behind
+    std::size_t first = 0;  // offset of the first sync byte
+    bool stamps = false;    // the four bytes of 192 are a running clock
 
     std::size_t prefix() const { return size == 192 ? 4 : 0; }
 };

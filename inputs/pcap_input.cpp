@@ -6,7 +6,7 @@ namespace quarn::inputs {
 namespace {
 
 /// So much of the file is handed over by one call of read(), or so many frames.
-constexpr std::uint64_t part = 256 * 1024;
+constexpr std::uint64_t part = std::uint64_t{256} * 1024;
 constexpr int most_frames = 4096;
 
 Error no_flow(const FlowTable& flows, const OpenOptions& options, bool cut) {

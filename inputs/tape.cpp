@@ -50,7 +50,8 @@ std::FILE* Tape::file() {
     };
     std::FILE* file = fopencookie(this, "r", {.read = read, .write = {}, .seek = {}, .close = {}});
     if (file)
-        (void)std::setvbuf(file, nullptr, _IOFBF, 64 * 1024); // without: smaller reads, no more
+        (void)std::setvbuf(file, nullptr, _IOFBF,
+                           std::size_t{64} * 1024); // without: smaller reads, no more
     return file;
 }
 
