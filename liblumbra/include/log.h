@@ -22,9 +22,6 @@
 
 #include "timeop.h" // the TMF_ flags of a time stamp
 
-// log_ctx holds times, so a host must agree with the library on their width.
-static_assert(sizeof(time_t) == 8, "compile with the flags that quarn's package names");
-
 // ---- levels ------------------------------------------------------------------------------------
 
 // Smaller is more severe. Any other int is a legal level too; it prints the tag "( ? )".
