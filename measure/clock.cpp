@@ -130,7 +130,7 @@ void StreamClock::pcr(const PcrPoint& pcr) {
 void StreamClock::add_point(const PcrPoint& pcr) {
     if (!points_.empty() && !points_.back().bridge && !moving_ && !pcr.flagged) {
         const ClockInterval i = measure(points_.back().pcr, pcr);
-        if (!i.disturbed && i.distance > 0 && i.distance < ticks_per_second)
+        if (!i.disturbed && i.distance > 0 && i.distance < 2 * ticks_per_second)
             rate_.add(i.packets, i.packets - i.added, i.distance);
     }
     points_.push_back({pcr, false, moving_});
@@ -141,19 +141,30 @@ void StreamClock::add_point(const PcrPoint& pcr) {
 
 void StreamClock::tick(const At& at, Ticks arrival, Ticks frames) {
     if (source_ == ClockSummary::Source::none) {
+        early_.emplace_back(at, arrival);
         choose(at, false);
-        if (source_ == ClockSummary::Source::none && at.index >= blind) {
-            if (arrival != no_time)
-                source_ = ClockSummary::Source::arrival;
-            else if (bitrate_ > 0)
-                source_ = ClockSummary::Source::bitrate;
-        }
+        if (source_ == ClockSummary::Source::none && at.index >= blind)
+            do_without_pcrs();
+        else if (source_ != ClockSummary::Source::none)
+            early_.clear();
         return;
     }
     if (source_ == ClockSummary::Source::pcr)
         replace_or_bridge(at, arrival, frames);
     else
         steady_source(at, arrival);
+}
+
+// No pid has PCRs: arrival tells the time, else the bit rate that was given, else nothing.
+void StreamClock::do_without_pcrs() {
+    if (!early_.empty() && early_.back().second != no_time)
+        source_ = ClockSummary::Source::arrival;
+    else if (bitrate_ > 0)
+        source_ = ClockSummary::Source::bitrate;
+    for (const auto& [at, arrival] : early_)
+        if (source_ != ClockSummary::Source::none)
+            steady_source(at, arrival);
+    early_.clear();
 }
 
 void StreamClock::replace_or_bridge(const At& at, Ticks arrival, Ticks frames) {
@@ -231,6 +242,11 @@ void StreamClock::finish(const At& last, Ticks arrival, Ticks frames) {
     tick(last, arrival, frames);
     if (source_ == ClockSummary::Source::none)
         choose(last, true);
+    if (source_ == ClockSummary::Source::none) {
+        early_.emplace_back(last, arrival);
+        do_without_pcrs();
+        return;
+    }
     if (points_.empty() || last.index <= points_.back().pcr.at.index)
         return;
     if (held_) {

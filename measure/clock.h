@@ -138,6 +138,7 @@ class StreamClock {
     void add_point(const PcrPoint& pcr);
     void replace_or_bridge(const At& at, Ticks arrival, Ticks frames);
     void bridge(const At& at, Ticks arrival, std::optional<Ticks> value_step);
+    void do_without_pcrs();
     void steady_source(const At& at, Ticks arrival);
     bool ready(const At& last, bool at_end);
     ClockInterval measure(const PcrPoint& from, const PcrPoint& to) const;
@@ -168,6 +169,8 @@ class StreamClock {
     std::deque<std::pair<std::uint64_t, std::uint64_t>> swaps_;
     std::deque<std::pair<std::uint64_t, unsigned>> added_;
     std::deque<std::pair<std::uint64_t, std::uint64_t>> nulls_;
+    std::deque<std::pair<At, Ticks>>
+        early_; // looks at the clock while there is none: packet, arrival
     std::deque<Segment> segments_;
     Rate rate_;
     Ticks now_ = 0; // the end of the last segment

@@ -163,7 +163,7 @@ Summary Stream::Impl::summary() const {
     s.programs = programs(s.duration);
     s.segment_hint = timed_.pats() == 1 && timed_.first_pat() < 100;
     s.program_missing = options_.program && timed_.seen().program(*options_.program) == nullptr;
-    Answers answers(options_);
+    Answers answers(options_, timed_.seen());
     timed_.judge(answers, s.duration);
     judge_packets(answers);
     s.rules = answers.rows(findings_);

@@ -11,6 +11,11 @@ void Answers::yes(Rule rule) {
 }
 
 void Answers::no(Rule rule, const char* why, std::optional<std::uint16_t> pid) {
+    if (options_.program && pid) {
+        const auto programs = programs_.programs_of(*pid);
+        if (std::find(programs.begin(), programs.end(), *options_.program) == programs.end())
+            return;
+    }
     Answer& a = answers_[static_cast<std::size_t>(rule)];
     if (a.judged != Judged::no)
         a.why = why;

@@ -9,6 +9,7 @@
 
 #include "findings.h"
 #include "output.h"
+#include "programs.h"
 #include "summary.h"
 
 namespace quarn {
@@ -16,7 +17,9 @@ namespace quarn {
 /// Collects the answers of all rules.
 class Answers final : public Judgement {
   public:
-    explicit Answers(const Options& options) : options_(options) {}
+    /// `programs`: all that were there; with Options::program the pids of others do not count.
+    Answers(const Options& options, const Programs& programs)
+        : options_(options), programs_(programs) {}
 
     void yes(Rule rule) override;
     void no(Rule rule, const char* why, std::optional<std::uint16_t> pid) override;
@@ -32,6 +35,7 @@ class Answers final : public Judgement {
         std::vector<std::uint16_t> pids;
     };
     const Options& options_;
+    const Programs& programs_;
     std::array<Answer, rule_count> answers_{};
 };
 
