@@ -384,6 +384,7 @@ ClockInterval StreamClock::measure(const PcrPoint& from, const PcrPoint& to) con
     i.packets = to.at.index - from.at.index;
     i.added = std::min(added_between(from.at.index, to.at.index), i.packets);
     i.disturbed = disturbed_between(from.at.index, to.at.index);
+    i.nulls = longest_nulls(from.at.index, to.at.index) > 0;
     return i;
 }
 

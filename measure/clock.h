@@ -53,6 +53,7 @@ struct ClockInterval {
     std::uint64_t packets = 0;
     std::uint64_t added = 0; // copies among them
     bool disturbed = false;  // something broke in it
+    bool nulls = false;      // there is a run of null packets in it
     bool constant = false;   // the rate was constant
     Ticks begin_time = 0;    // on the stream clock
     Ticks end_time = 0;

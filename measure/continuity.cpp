@@ -33,7 +33,7 @@ PidCounter::Step PidCounter::other(std::uint16_t pid, const Packet& packet, unsi
     }
     flagged_ = false;
     if (frozen_)
-        return thaw(pid, now, sink);
+        return thaw(now, sink);
     if (held_)
         return hold(pid, now, sink);
     if (counter == next_) {
@@ -82,7 +82,7 @@ void PidCounter::settle(std::uint16_t pid, bool at_end, ContinuitySink& sink) {
     while (!packets.empty()) {
         std::size_t done = 0;
         if (frozen_) {
-            thaw(pid, packets.front(), sink);
+            thaw(packets.front(), sink);
             done = 1;
         } else if (packets.front().counter == next_) {
             accept(packets.front().counter, packets.front().print, packets.front().at);
@@ -184,7 +184,7 @@ std::size_t PidCounter::same_counter(const std::vector<Waiting>& packets) const 
     return n;
 }
 
-PidCounter::Step PidCounter::thaw(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink) {
+PidCounter::Step PidCounter::thaw(const Waiting& packet, ContinuitySink& sink) {
     if (packet.counter == frozen_run_.counter) {
         frozen_run_.end = packet.at;
         ++frozen_run_.packets;
@@ -192,7 +192,6 @@ PidCounter::Step PidCounter::thaw(std::uint16_t pid, const Waiting& packet, Cont
         return Step::broken;
     }
     sink.frozen(frozen_run_);
-    (void)pid;
     frozen_ = false;
     accept(packet.counter, packet.print, packet.at);
     return Step::broken;

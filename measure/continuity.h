@@ -164,7 +164,7 @@ class PidCounter {
     Step other(std::uint16_t pid, const Packet& packet, unsigned counter, std::uint64_t print,
                const At& at, bool trusted, ContinuitySink& sink);
     Step hold(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
-    Step thaw(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
+    Step thaw(const Waiting& packet, ContinuitySink& sink);
     bool take_copy(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
     std::size_t decide(std::uint16_t pid, const std::vector<Waiting>& packets, bool at_end,
                        ContinuitySink& sink);

@@ -65,12 +65,6 @@ struct PesEvent {
     std::optional<std::int64_t> stamp() const { return dts ? dts : pts; }
 };
 
-/// Packets of a pid may be missing or damaged here: counters break, transport error, wrong sync
-/// byte.
-struct DisturbedEvent {
-    std::uint16_t pid = null_pid; // null_pid: all (alignment was lost)
-};
-
 /// The scrambling control bits of packets with payload of a pid change (also: the first packet).
 struct ScramblingEvent {
     std::uint16_t pid = 0;
@@ -78,16 +72,8 @@ struct ScramblingEvent {
     bool scrambled = false;
 };
 
-/// Packets of one pid between two looks at the clock.
-struct PidSpanEvent {
-    std::uint16_t pid = 0;
-    At first; // first and last packet with payload
-    At last;
-    std::uint32_t packets = 0; // with payload
-};
-
-using EventBody = std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesEvent,
-                               DisturbedEvent, ScramblingEvent>;
+using EventBody =
+    std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesEvent, ScramblingEvent>;
 
 struct Event {
     At at;

@@ -9,6 +9,7 @@ namespace {
 constexpr Ticks hold = 800 * ticks_per_ms;    // until what explains a finding is known
 constexpr std::uint64_t hold_packets = 8'000; // the same without a clock
 constexpr Ticks near = 600 * ticks_per_ms;    // a loss and the pictures that it took
+constexpr double small_step = 500;            // ms, of a clock that a few packets took along
 constexpr Ticks quiet = ticks_per_second;     // ends a flood
 constexpr std::uint64_t quiet_packets = 10'000;
 constexpr unsigned single = 3; // findings of a flood that stay as they are
@@ -96,7 +97,10 @@ bool Findings::wanted(const Finding& f) const {
 }
 
 bool Findings::follows(const Finding& f) const {
-    if (f.rule == Rule::stamp_jump && f.kind == Kind::frames_missing && f.begin.time != no_time)
+    const bool pictures = f.rule == Rule::stamp_jump && f.kind == Kind::frames_missing;
+    const bool ahead = f.rule == Rule::pcr_discontinuity_indicator_error && f.kind == Kind::ahead &&
+                       f.detail.step_ms.value_or(0) < small_step;
+    if ((pictures || ahead) && f.begin.time != no_time)
         for (const Cause& c : causes_) // told as a loss already
             if (c.what == What::lost && c.pid == f.pid && c.time != no_time &&
                 std::abs(c.time - f.begin.time) < near)

@@ -77,17 +77,17 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
         const At before = state.counter.last();
         step = state.counter.payload(pid, packet, at, right, *this);
         if (step == PidCounter::Step::broken)
-            broken(state, pid, before, at, packet.counter());
+            broken(state, pid, before, at);
         if (step == PidCounter::Step::doubtful) {
             damaged(state, pid, at);
             return;
         }
         if (step != PidCounter::Step::copy)
-            with_payload(state, packet, at, right, step);
+            with_payload(state, packet, at, right);
     } else if (packet.discontinuity()) {
         state.counter.flag();
     }
-    if (has_payload || state.pcr_only)
+    if (has_payload || state.pcr_only || !state.es)
         alive(state, pid, at);
     // With a wrong sync byte the header counts if its counter fits.
     if ((right || has_payload) && step != PidCounter::Step::copy && packet.has_pcr())
@@ -100,9 +100,7 @@ void FirstLook::damaged(Pid& state, std::uint16_t pid, const At& at) {
     clock_.disturbed(pid, state.counter.last().index, at.index, 1);
 }
 
-void FirstLook::with_payload(Pid& state, const Packet& packet, const At& at, bool right,
-                             PidCounter::Step step) {
-    (void)step;
+void FirstLook::with_payload(Pid& state, const Packet& packet, const At& at, bool right) {
     const unsigned bits = packet.scrambling();
     if (bits != state.scrambling && right)
         changed_bits(state, packet, at);
@@ -142,9 +140,7 @@ void FirstLook::changed_bits(Pid& state, const Packet& packet, const At& at) {
         push(at, ScramblingEvent{packet.pid(), first, is});
 }
 
-void FirstLook::broken(Pid& state, std::uint16_t pid, const At& before, const At& at,
-                       unsigned counter) {
-    (void)counter;
+void FirstLook::broken(Pid& state, std::uint16_t pid, const At& before, const At& at) {
     tables_.disturbed(pid);
     pes_.disturbed(pid);
     clock_.disturbed(pid, before.index, at.index, 1);
@@ -293,7 +289,7 @@ void FirstLook::event(const At& at, EventBody&& body) {
     std::visit(
         [&](auto&& b) {
             using Body = std::decay_t<decltype(b)>;
-            if constexpr (!std::is_same_v<Body, PesEvent> && !std::is_same_v<Body, DisturbedEvent>)
+            if constexpr (!std::is_same_v<Body, PesEvent>)
                 push(at, std::move(b));
         },
         std::move(body));

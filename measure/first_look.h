@@ -149,9 +149,8 @@ class FirstLook final : EventSink, ContinuitySink {
     template <class Body>
     void put(const At& at, Body&& body);
     void damaged(Pid& state, std::uint16_t pid, const At& at);
-    void with_payload(Pid& state, const Packet& packet, const At& at, bool right,
-                      PidCounter::Step step);
-    void broken(Pid& state, std::uint16_t pid, const At& before, const At& at, unsigned counter);
+    void with_payload(Pid& state, const Packet& packet, const At& at, bool right);
+    void broken(Pid& state, std::uint16_t pid, const At& before, const At& at);
     void changed_bits(Pid& state, const Packet& packet, const At& at);
     void take_pcr(const Packet& packet, const At& at, Ticks arrival);
     void count_frames(PcrPoint& point);

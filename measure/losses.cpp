@@ -10,6 +10,7 @@ constexpr Ticks wait = 600 * ticks_per_ms;
 constexpr Ticks kept = 4 * ticks_per_second;
 constexpr Ticks rate_over = ticks_per_second;
 constexpr Ticks before_jump = 200 * ticks_per_ms;
+constexpr double noticeable = 60e-6 * ticks_per_second;
 constexpr double no_nulls = 0.001;
 constexpr std::int64_t datagram_packets = 7;
 
@@ -127,11 +128,20 @@ void Losses::sixteens(const PesEvent& event, const Traffic& traffic, const Place
     if (!by_length) {
         const bool complete = event.declared > 0 && event.received >= event.declared;
         const bool counted = event.frame_ticks.has_value();
-        const bool cut = counted ? !complete && step - *event.frame_ticks > 1800 : traffic.counted;
-        if (!cut || traffic.start_time == no_time || place.time == no_time)
+        const bool gone = counted && step - *event.frame_ticks > 1800;
+        const bool cut = counted ? gone && !complete : traffic.counted;
+        const bool exact = gone && std::abs(lacks - whole) < 0.5;
+        if ((!cut && !exact) || traffic.start_time == no_time || place.time == no_time)
             return; // a stream that pauses ends with a frame, and begins with one
         const double moved = step - static_cast<double>(place.time - traffic.start_time) / 300;
-        if (std::abs(moved) > lacks / per_second * 90000 / 2)
+        const double due_time = lacks / per_second * 90000;
+        // Where the only stream of a program lacks packets, its clock seems to have jumped.
+        const bool jumped = std::any_of(jumps_.begin(), jumps_.end(), [&](const Jump& j) {
+            return j.to.packet > traffic.start && j.from.packet < place.packet;
+        });
+        const bool by_jump =
+            jumped && std::abs(lacks - whole) < 0.5 && std::abs(moved - due_time) < due_time / 4;
+        if (std::abs(moved) > due_time / 2 && !by_jump)
             return;
     }
     Finding f;
@@ -420,7 +430,6 @@ void Losses::advance(const StreamClock& clock, const Place& now, bool at_end) {
 
 void Losses::emit(const Break& b, const StreamClock& clock) {
     if (b.follows) {
-        ++consequences_;
         output_.consequence(Rule::continuity_count_error);
         return;
     }
@@ -489,7 +498,8 @@ void Losses::silent_losses(const StreamClock& clock, const Place& now, bool at_e
     const ClockInterval* last = nullptr;
     std::int64_t sum = 0;
     const auto close = [&] {
-        if (first != nullptr && sum >= 16)
+        if (first != nullptr && sum >= 16 &&
+            !ragged(first->begin_time - wait, last->end_time + wait, tpp))
             silent_loss(sum, *first, *last, clock);
         if (last != nullptr)
             silent_from_ = last->to.at.index;
@@ -518,6 +528,44 @@ void Losses::silent_losses(const StreamClock& clock, const Place& now, bool at_e
         close();
 }
 
+// Errors that are no whole packets, or too few of them: PCRs that jitter, some of them by chance as
+// if packets were gone.
+bool Losses::ragged(Ticks from, Ticks to, double ticks_per_packet) const {
+    return std::any_of(intervals_.begin(), intervals_.end(), [&](const ClockInterval& i) {
+        if (i.end_time < from || i.begin_time > to || i.disturbed || i.stretch == Stretch::jump ||
+            std::abs(i.error) < noticeable)
+            return false;
+        const auto n = whole_packets(i.error, ticks_per_packet);
+        return !n || *n < 0;
+    });
+}
+
+// The pid that lacks them by its own length or frames, else the only one that has far fewer packets
+// than it would have had.
+std::optional<std::uint16_t> Losses::whose(const Place& from, const Place& to,
+                                           double packets) const {
+    if (const Shortfall* s = shortfall(from.packet, to.packet, packets))
+        return s->pid;
+    std::optional<std::uint16_t> pid;
+    double most = 0;
+    double second = 0;
+    for (const auto& [p, t] : traffic_) {
+        double came = 0;
+        for (const PidSpan& s : t.spans)
+            if (s.first.packet > from.packet && s.last.packet <= to.packet)
+                came += s.packets;
+        const double lacks = due(p, from, to) - came;
+        if (lacks > most) {
+            second = most;
+            most = lacks;
+            pid = p;
+        } else {
+            second = std::max(second, lacks);
+        }
+    }
+    return most > 0.8 * packets && second < 0.4 * packets ? pid : std::nullopt;
+}
+
 void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
                          const ClockInterval& last, const StreamClock& clock) {
     const Place from = clock.place(first.from.at);
@@ -525,27 +573,9 @@ void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
     for (const auto& [a, b] : outages_)
         if (from.packet < b.packet && to.packet > a.packet)
             return;
-    // The pid that lacks them by its own length or frames, else the one that has the fewest of the
-    // packets that it would have had.
-    std::optional<std::uint16_t> pid;
-    if (const Shortfall* s = shortfall(from.packet, to.packet, static_cast<double>(packets)))
-        pid = s->pid;
-    double most = 0.5 * static_cast<double>(packets);
-    for (const auto& [p, t] : traffic_) {
-        if (p == null_pid || (pid && p != *pid))
-            continue;
-        double came = 0;
-        for (const PidSpan& s : t.spans)
-            if (s.first.packet > from.packet && s.last.packet <= to.packet)
-                came += s.packets;
-        const double lacks = due(p, from, to) - came;
-        if (lacks > most || pid == p) {
-            most = lacks;
-            pid = p;
-        }
-    }
-    if (!pid && null_share_ > no_nulls && packets < 32)
-        return; // null packets, or packets without payload
+    const std::optional<std::uint16_t> pid = whose(from, to, static_cast<double>(packets));
+    if (!pid && (first.nulls || last.nulls) && packets < 32)
+        return; // null packets, as far as anything shows
     Finding f;
     f.rule = Rule::continuity_count_error;
     f.kind = Kind::loss;

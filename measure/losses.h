@@ -43,7 +43,6 @@ class Losses {
     /// Decides what is older than 0.6 s, or all at the end.
     void advance(const StreamClock& clock, const Place& now, bool at_end);
     std::uint64_t lost(std::uint16_t pid) const;
-    std::uint64_t consequences() const { return consequences_; }
 
   private:
     struct Break {
@@ -91,6 +90,8 @@ class Losses {
     double due(std::uint16_t pid, const Place& from, const Place& to) const;
     bool follows(const Break& b, const StreamClock& clock);
     void silent_losses(const StreamClock& clock, const Place& now, bool at_end);
+    std::optional<std::uint16_t> whose(const Place& from, const Place& to, double packets) const;
+    bool ragged(Ticks from, Ticks to, double ticks_per_packet) const;
     void silent_loss(std::int64_t packets, const ClockInterval& first, const ClockInterval& last,
                      const StreamClock& clock);
     void datagram(const std::vector<Break*>& cluster, std::optional<std::int64_t> missing,
@@ -115,7 +116,6 @@ class Losses {
     std::deque<Jump> jumps_;
     std::deque<std::pair<Place, Place>> outages_;
     double null_share_ = 0;
-    std::uint64_t consequences_ = 0;
 };
 
 } // namespace quarn

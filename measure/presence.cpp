@@ -146,8 +146,7 @@ Ticks Presence::dark(const Place& from, const Place& to) const {
     return sum;
 }
 
-void Presence::pcr(std::uint16_t pid, const Place& place) {
-    (void)place;
+void Presence::pcr(std::uint16_t pid) {
     const auto s = states_.find(pid);
     if (s != states_.end())
         ++s->second.pcrs;

@@ -34,7 +34,7 @@ class Presence {
 
     void programs(const ProgramsPtr& programs, const Place& place);
     void span(const PidSpan& span);
-    void pcr(std::uint16_t pid, const Place& place);
+    void pcr(std::uint16_t pid);
     /// Only null packets from `from` on, until `to`.
     void nulls(const Place& from, const Place& to, bool open);
     /// `sure`: the last place whose time is no estimate.

@@ -25,8 +25,6 @@ class Stream::Impl {
           look_(clock_, timed_) {}
 
     void packet(const std::uint8_t* bytes, const PacketInfo& info) {
-        if (info.arrival != no_time)
-            last_arrival_ = info.arrival;
         look_.packet(bytes, {index_, info.byte, info.utc_us}, info.arrival, info.sync_right);
         ++index_;
         if (index_ >= next_step_)
@@ -97,7 +95,6 @@ class Stream::Impl {
     std::uint64_t index_ = 0;
     std::uint64_t next_step_ = 64;
     std::uint64_t untimed_to_ = 0;
-    Ticks last_arrival_ = no_time;
     bool ended_ = false;
 };
 

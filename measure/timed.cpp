@@ -184,7 +184,7 @@ void Timed::take(const At& at, const SpansItem& item) {
 
 void Timed::take(const At& at, const PcrItem& item) {
     const Place p = place(at);
-    presence_.pcr(item.point.pid, p);
+    presence_.pcr(item.point.pid);
     if (item.point.pid != clock_.pid())
         pcrs_.other(item.point, p, clock_);
 }

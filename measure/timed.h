@@ -36,7 +36,6 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     std::uint64_t lost(std::uint16_t pid) const { return losses_.lost(pid); }
     /// Every program and stream that ever was in force, the latest version of each.
     const Programs& seen() const { return seen_; }
-    bool saw_sync_loss() const { return false; }
     std::uint64_t pats() const { return pats_; }
     std::uint64_t first_pat() const { return first_pat_; }
 
