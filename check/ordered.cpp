@@ -13,7 +13,7 @@ namespace {
 
 /// Inputs that may be under way or waiting behind the one whose turn it is.
 constexpr std::size_t most_ahead = 256;
-constexpr std::size_t most_in_memory = std::size_t{4} << 20U;
+constexpr std::size_t most_in_memory = std::size_t{1} << 20U;
 
 } // namespace
 

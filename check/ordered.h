@@ -35,7 +35,7 @@ struct Ending {
 };
 
 /// Inputs have numbers from 0. What is written for the one whose turn it is goes out at once; what
-/// is written for those behind it waits, in memory up to a few megabytes for all of them together,
+/// is written for those behind it waits, in memory up to a megabyte for all of them together,
 /// then in temporary files. All functions may be called from any thread.
 class OrderedOutput {
   public:

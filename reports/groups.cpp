@@ -12,11 +12,14 @@ void Groups::add(const Finding& finding) {
     const Key key{finding.severity, finding.rule, finding.kind, finding.pid ? *finding.pid : -1};
     const auto [at, is_new] = groups_.try_emplace(key);
     Group& group = at->second;
-    if (is_new) {
-        group.first = finding.begin;
+    if (is_new)
         group.text = sentence(finding);
-    }
-    group.last = finding.begin;
+    // Findings are decided in another order than that of their places.
+    if (is_new || finding.begin.packet < group.first.packet)
+        group.first = finding.begin;
+    const Place& last = finding.count > 1 ? finding.end : finding.begin;
+    if (is_new || last.packet > group.last.packet)
+        group.last = last;
     group.count += finding.count;
     group.open = group.open || finding.open;
     group.sure = group.sure && finding.sure != Sure::guess;

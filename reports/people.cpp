@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
-#include <map>
+#include <utility>
 #include <vector>
 
 #include "sentences.h"
@@ -233,7 +233,7 @@ void findings(std::string& out, const Groups& groups, const Colours& c) {
             wrap(out, told(*rows[0].second), 4);
         else
             group_lines(out, rows);
-        wrap(out, meaning(at->first.rule, at->first.kind), 4);
+        wrap(out, meaning(at->first.rule, at->first.kind, at->first.severity), 4);
         at = end;
     }
 }
@@ -251,23 +251,28 @@ void consequences(std::string& out, const Summary& s) {
 
 void not_judged(std::string& out, const Summary& s, Judged judged, std::string_view title,
                 const Colours& c) {
-    std::map<std::string, std::string> ids_by_reason;
+    std::vector<std::pair<std::string, std::string>> reasons; // with the rules, in their order
     for (const RuleSummary& rule : s.rules) {
         if (rule.judged != judged)
             continue;
         std::string reason = rule.why.empty() ? "no reason known" : rule.why;
         if (!rule.pids.empty())
             reason += " (" + pid_list(rule.pids) + ")";
-        std::string& ids = ids_by_reason[printable(reason)];
-        ids += (ids.empty() ? "" : ", ") + std::string(info(rule.rule).id);
+        const std::string id(info(rule.rule).id);
+        const auto same = std::find_if(reasons.begin(), reasons.end(),
+                                       [&](const auto& r) { return r.first == reason; });
+        if (same == reasons.end())
+            reasons.emplace_back(reason, id);
+        else
+            same->second += ", " + id;
     }
-    if (ids_by_reason.empty())
+    if (reasons.empty())
         return;
     out += '\n';
     coloured(out, c.heading, c, title);
     out += '\n';
-    for (const auto& [reason, ids] : ids_by_reason)
-        wrap(out, ids + ": " + reason, 2);
+    for (const auto& [reason, ids] : reasons)
+        wrap(out, ids + ": " + printable(reason), 2);
 }
 
 void one_line(std::string& out, std::string_view colour, const Colours& c, std::string_view what,

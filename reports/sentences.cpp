@@ -325,6 +325,16 @@ constexpr std::array figures = std::to_array<Figure>({
     {"count", [](const Finding& f) { return count_text(f.count, "packet"); }},
 });
 
+/// " 20 times in quick succession, at worst 3 packets."
+std::string repetition(const Finding& finding) {
+    std::string text = " " + std::to_string(finding.count) + " times in quick succession";
+    if (finding.detail.worst)
+        if (const std::string worst = figure_text(finding.rule, *finding.detail.worst);
+            !worst.empty())
+            text += ", at worst " + worst;
+    return text + ".";
+}
+
 /// Appends `text` with its figures; false where one was not known.
 bool fill(std::string& out, std::string_view text, const Finding& finding) {
     bool known = true;
@@ -374,18 +384,17 @@ std::string sentence(const Finding& finding) {
     }
     if (!out.empty() && out.front() >= 'a' && out.front() <= 'z')
         out.front() = static_cast<char>(out.front() - 'a' + 'A');
+    // Of transport errors the count is the sentence.
     if (finding.rule != transport_error && finding.count > 1)
-        out += " So " + std::to_string(finding.count) + " times in a row.";
-    if (finding.count > 1 && finding.detail.worst)
-        if (const std::string worst = figure_text(finding.rule, *finding.detail.worst);
-            !worst.empty())
-            out += " At worst " + worst + ".";
+        out += repetition(finding);
     if (finding.open)
         out += " It lasts to the end.";
     return out;
 }
 
-std::string_view meaning(Rule rule, Kind kind) {
+std::string_view meaning(Rule rule, Kind kind, Severity severity) {
+    if (rule == pid_error && severity == Severity::info)
+        return "Streams of this kind (subtitles, data, ...) may lawfully say nothing for long.";
     return words_of(rule, kind).meaning;
 }
 

@@ -13,8 +13,8 @@ namespace quarn {
 /// from the input (q.4) are as the input has them.
 std::string sentence(const Finding& finding);
 
-/// What findings of that rule and kind mean for somebody who watches the stream.
-std::string_view meaning(Rule rule, Kind kind);
+/// What findings of that rule, kind and severity mean for somebody who watches the stream.
+std::string_view meaning(Rule rule, Kind kind, Severity severity);
 
 /// A stretch between two PCRs, the packets lost, ...: what `worst` of that rule counts, with its
 /// unit ("812 ms", "3 packets"); empty for rules that have no such figure.
