@@ -1,20 +1,29 @@
 # Where things go, and the Debian packages: quarn (the program) and quarn-dev (what a host links).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS quarn RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
-install(FILES doc/quarn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
+install(TARGETS quarn quarn-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
+install(FILES doc/quarn.1 doc/quarn-check.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
 install(FILES doc/quarn.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
-install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
+install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md
+        doc/findings.md doc/recipes-check.md doc/tutorial-check.md
+        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
+install(FILES reports/quarn-findings-1.schema.json
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quarn COMPONENT quarn)
 install(FILES samples/quarn.conf samples/demo.ts
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
-install(FILES doc/quarn.bash-completion RENAME quarn COMPONENT quarn
-        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+foreach(program quarn quarn-check)
+  install(FILES doc/${program}.bash-completion RENAME ${program} COMPONENT quarn
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+endforeach()
 
 set(lumbra liblumbra/include)
 install(FILES ${lumbra}/config.h ${lumbra}/log.h ${lumbra}/mpegts.h ${lumbra}/strops.h
               ${lumbra}/syswrap.h ${lumbra}/timeop.h zorbin/tsanalyze.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn COMPONENT dev)
-install(TARGETS lumbra tsanalyze EXPORT quarnTargets
+install(FILES measure/finding.h measure/measure.h measure/options.h measure/rules.h
+        measure/stream.h measure/summary.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn/measure COMPONENT dev)
+install(TARGETS lumbra tsanalyze measure EXPORT quarnTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quarn)
 install(EXPORT quarnTargets NAMESPACE quarn:: DESTINATION ${package_dir} COMPONENT dev)
@@ -23,12 +32,13 @@ configure_package_config_file(cmake/quarnConfig.cmake.in quarnConfig.cmake
 write_basic_package_version_file(quarnConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 file(RELATIVE_PATH QUARN_PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/quarn.pc.in quarn.pc @ONLY)
+configure_file(cmake/quarn-measure.pc.in quarn-measure.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/quarnConfig.cmake ${CMAKE_BINARY_DIR}/quarnConfigVersion.cmake
         DESTINATION ${package_dir} COMPONENT dev)
-install(FILES ${CMAKE_BINARY_DIR}/quarn.pc
+install(FILES ${CMAKE_BINARY_DIR}/quarn.pc ${CMAKE_BINARY_DIR}/quarn-measure.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 install(FILES doc/library.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-dev COMPONENT dev)
-install(FILES examples/live_host.cpp examples/CMakeLists.txt
+install(FILES examples/live_host.cpp examples/measure_capture.cpp examples/CMakeLists.txt
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/quarn-dev/examples COMPONENT dev)
 
 foreach(package quarn quarn-dev)
@@ -57,7 +67,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS libconfig-dev)
 set(CPACK_DEBIAN_QUARN_DESCRIPTION "Reads a capture of an MPEG transport stream and reports what is wrong in it:
 lost packets, changed tables, clocks and time stamps that are off. Each fault
-is a line for people and, on request, a line for scripts.")
+is a line for people and, on request, a line for scripts. quarn-check gives a
+verdict on captures, with places, times and programs, as text, JSON or JUnit.")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "The analyzer of quarn as a library that any program can feed packet by packet:
 headers, static libraries, an example.")
 include(CPack)
