@@ -187,7 +187,7 @@ time_t get_endofday_utime(time_t tstamp) {
 // ---- reading a stamp back ----------------------------------------------------------------------
 
 // Takes a number of `min` to `max` digits, and the character `end` behind it unless that is NUL.
-static bool take_number(const char** text, int min, int max, char end, long long* out) {
+static bool read_number(const char** text, int min, int max, char end, long long* out) {
     long long value = 0;
     int digits = 0;
     for (; digits < max && **text >= '0' && **text <= '9'; ++digits, ++*text)
@@ -199,9 +199,9 @@ static bool take_number(const char** text, int min, int max, char end, long long
     return true;
 }
 
-static bool take_field(const char** text, int width, char end, int* out) {
+static bool read_field(const char** text, int width, char end, int* out) {
     long long value;
-    if (!take_number(text, width == 4 ? 4 : 2, width == 4 ? 9 : 2, end, &value))
+    if (!read_number(text, width == 4 ? 4 : 2, width == 4 ? 9 : 2, end, &value))
         return false;
     *out = static_cast<int>(value);
     return true;
@@ -222,7 +222,7 @@ static bool scan_raw(const char* text, timespec* tms) {
     text += negative ? 1 : 0;
     long long secs;
     long long micros;
-    if (!take_number(&text, 1, 18, '.', &secs) || !take_number(&text, 6, 6, '\0', &micros) ||
+    if (!read_number(&text, 1, 18, '.', &secs) || !read_number(&text, 6, 6, '\0', &micros) ||
         *text != '\0')
         return false;
     tms->tv_sec = static_cast<time_t>(negative ? -secs : secs);
@@ -234,12 +234,12 @@ static bool scan_date(const char* text, timespec* tms, std::uint32_t flags) {
     tm parts = {};
     long long micros = 0;
     const bool whole = (flags & TMF_SECONDS) != 0;
-    if (!take_field(&text, 4, '-', &parts.tm_year) || !take_field(&text, 2, '-', &parts.tm_mon) ||
-        !take_field(&text, 2, ' ', &parts.tm_mday) || !take_field(&text, 2, ':', &parts.tm_hour) ||
-        !take_field(&text, 2, ':', &parts.tm_min) ||
-        !take_field(&text, 2, whole ? '\0' : '.', &parts.tm_sec))
+    if (!read_field(&text, 4, '-', &parts.tm_year) || !read_field(&text, 2, '-', &parts.tm_mon) ||
+        !read_field(&text, 2, ' ', &parts.tm_mday) || !read_field(&text, 2, ':', &parts.tm_hour) ||
+        !read_field(&text, 2, ':', &parts.tm_min) ||
+        !read_field(&text, 2, whole ? '\0' : '.', &parts.tm_sec))
         return false;
-    if (!whole && !take_number(&text, 6, 6, '\0', &micros))
+    if (!whole && !read_number(&text, 6, 6, '\0', &micros))
         return false;
     if (*text != '\0' && *text != ' ')
         return false;

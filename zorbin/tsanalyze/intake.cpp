@@ -1,7 +1,8 @@
-// intake.cpp - the road of one packet, in order: where its pid belongs, the packet counters, the
-// packet tag, the sync byte, then what it is for the analysis (upsert_pkt_info) and the checks of
-// its stream (analyze_pkt). tsan_process is called by hosts for every packet; it owns nothing,
-// allocates nothing, and formats nothing but what is reported and the tags of PCR packets.
+// intake.cpp - the road of one packet, in order: where its pid belongs, its index, its tag, its
+// sync byte, then what it is for the analysis (upsert_pkt_info), the packet counters and the checks
+// of its stream (analyze_pkt). The road stands at the end of the file, its steps before it.
+// tsan_process is called by hosts for every packet; it owns nothing, allocates nothing, and formats
+// nothing but what is reported and the tags of PCR packets.
 #include <cassert>
 #include <ctime>
 
@@ -169,6 +170,7 @@ static int idle(tsan_ctx* tc) {
     return RES_IDLE;
 }
 
+// The road of every packet that is not plain.
 [[gnu::noinline]] static int take_any_packet(tsan_ctx* tc, ts_packet pkt) {
     const unsigned pid = ts_pid(pkt);
     setup_dat(tc, pid);
@@ -193,10 +195,10 @@ static int idle(tsan_ctx* tc) {
     return idle(tc);
 }
 
-// The same for most packets: payload of a stream in order, no PES start, no adaptation field, and
-// no settings or pending checks that want more than counting. Takes such a packet; false for any
-// other, which is left as it was. (A stream whose counter is known is one whose program's analysis
-// has begun.)
+// The short road, for most packets: payload of a stream in order, no PES start, no adaptation
+// field, and no settings or pending checks that want more than counting. Takes such a packet; false
+// for any other, which is left as it was. (A stream whose counter is known is one whose program's
+// analysis has begun.)
 PER_PACKET bool take_plain_packet(tsan_ctx* tc, ts_packet pkt) {
     const std::uint32_t header = ts_header(pkt); // first, so that it is read as one number
     const pid_entry entry = tc->pid_map[ts_pid(pkt)];

@@ -16,20 +16,20 @@ constexpr std::size_t TEXT_ROOM = 256;
 constinit char g_texts[TEXTS][TEXT_ROOM] = {};
 constinit unsigned g_turn = 0;
 
-[[maybe_unused]] void* take_room(std::size_t) {
+[[maybe_unused]] void* text_room(std::size_t) {
     return g_texts[g_turn++ % TEXTS];
 }
-[[maybe_unused]] void leave_room(const void*) {}
+[[maybe_unused]] void release_room(const void*) {}
 
 [[maybe_unused]] char* same_chars(const char* text) {
-    auto* copy = static_cast<char*>(take_room(TEXT_ROOM));
+    auto* copy = static_cast<char*>(text_room(TEXT_ROOM));
     std::snprintf(copy, TEXT_ROOM, "%s", text);
     return copy;
 }
 
 // Text callback: names in descriptors stay the bytes they are.
 char* same_text(void*, const char*, char* text, std::size_t len) {
-    auto* copy = static_cast<char*>(take_room(len + 1));
+    auto* copy = static_cast<char*>(text_room(len + 1));
     std::memcpy(copy, text, len);
     copy[len] = '\0';
     return copy;
@@ -39,9 +39,9 @@ char* same_text(void*, const char*, char* text, std::size_t len) {
 
 // The printer allocates its texts and does not look whether it got memory: it gets the room above
 // instead. The headers that declare the real functions have been read before.
-#define malloc(size) take_room(size)
+#define malloc(size) text_room(size)
 #define strdup(text) same_chars(text)
-#define free(room) leave_room(room)
+#define free(room) release_room(room)
 #include <bitstream/mpeg/psi/pmt_print.h>
 #undef malloc
 #undef strdup
