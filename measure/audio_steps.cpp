@@ -129,8 +129,12 @@ std::optional<AudioFault> AudioSteps::sum(const AudioStep& step) {
         return std::nullopt;
     const double moved = sum_ - rest_sum_;
     const double sent = sent_ - rest_sent_;
+    if (sent <= 0) { // no frames: what was taken for some is something else
+        *this = AudioSteps(limit_);
+        return std::nullopt;
+    }
     const Place begin = off_rest_.value_or(*rest_);
-    const AudioFault fault{Kind::drift, *rest_, begin, sum_, sent > 0 ? moved / sent : 0, false};
+    const AudioFault fault{Kind::drift, *rest_, begin, sum_, moved / sent, false};
     const bool known = drifting_ && upwards_ == (sum_ > 0);
     drifting_ = std::abs(moved) >= unmoved && std::abs(moved) > sampling_clock * sent;
     upwards_ = sum_ > 0;

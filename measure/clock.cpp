@@ -287,6 +287,14 @@ bool StreamClock::disturbed_between(std::uint64_t from, std::uint64_t to) const 
                        [&](const Disturbance& d) { return in_range(d, from, to); });
 }
 
+Ticks StreamClock::broken_for(std::uint64_t from, std::uint64_t to) const {
+    std::uint64_t longest = 0;
+    for (const Disturbance& d : disturbances_)
+        if (in_range(d, from, to))
+            longest = std::max(longest, std::min(d.to, to) - std::max(d.from, from));
+    return static_cast<Ticks>(static_cast<double>(longest) * rate_.ticks_per_packet());
+}
+
 unsigned StreamClock::missing_between(std::uint64_t from, std::uint64_t to) const {
     unsigned sum = 0;
     for (const Disturbance& d : disturbances_)
@@ -456,8 +464,10 @@ void StreamClock::decide_constant(ClockInterval& i) const {
         i.stretch = Stretch::jump;
     else if ((explained && i.error > tpp / 4) || few)
         i.stretch = Stretch::lost;
-    else if (i.distance > pcr_limit_)
-        i.stretch = Stretch::gap;
+    else if (i.distance > pcr_limit_) // its packets may have been taken away and the places filled
+        i.stretch = i.disturbed && broken_for(i.from.at.index, i.to.at.index) * 2 > i.distance
+                        ? Stretch::lost
+                        : Stretch::gap;
 }
 
 // No rate to lean on: the frames that began say how long it was.

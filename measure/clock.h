@@ -89,6 +89,9 @@ class StreamClock {
     Place place(const At& at) const;
 
     std::uint64_t added_between(std::uint64_t from, std::uint64_t to) const;
+    /// The longest time of that stretch that passed between two packets of a pid whose counter
+    /// broke.
+    Ticks broken_for(std::uint64_t from, std::uint64_t to) const;
     bool disturbed_between(std::uint64_t from, std::uint64_t to) const;
     /// Packets in that many ticks at the rate so far (a variable one: the highest of late); for
     /// looking ahead, when times are not known yet.

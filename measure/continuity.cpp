@@ -110,16 +110,17 @@ std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& pa
         sink.added(first.at, static_cast<unsigned>(n));
         return n;
     }
-    if (const std::size_t n = wrong_order(packets)) {
-        sink.order({pid, first.at, packets[n - 1].at, static_cast<unsigned>(n)});
-        const unsigned begin = next_;
-        for (std::size_t i = 0; i < n; ++i) // as if they had come as they were sent
-            for (const Waiting& w : packets)
-                if (&w < &packets[n] && w.counter == ((begin + i) & 15)) {
-                    accept(w.counter, w.print, packets[n - 1].at);
-                    break;
-                }
-        return n;
+    std::size_t swapped = wrong_order(packets);
+    if (swapped == 0)
+        swapped = swapped_datagrams(packets);
+    if (swapped > 0) {
+        const std::size_t begin = next_;
+        sink.order({pid, first.at, packets[swapped - 1].at, static_cast<unsigned>(swapped)});
+        for (std::size_t i = 0; i < swapped; ++i)
+            accept(packets[i].counter, packets[i].print, packets[swapped - 1].at);
+        next_ = static_cast<std::uint8_t>((begin + swapped) &
+                                          15); // as if they had come as they were sent
+        return swapped;
     }
     if (const std::size_t n = same_counter(packets); n >= 3) {
         frozen_ = true;
@@ -163,7 +164,7 @@ std::size_t PidCounter::wrong_order(const std::vector<Waiting>& packets) const {
             seen |= 1u << offset(i);
         return seen == (1u << m) - 1;
     };
-    for (std::size_t m = 2; m <= 14 && m < packets.size(); ++m) {
+    for (std::size_t m = 2; m <= 15 && m < packets.size(); ++m) {
         if (m > longest && packets[m - 1].at.index >= packets.front().at.index + datagrams)
             break;
         if (!close(m))
@@ -172,6 +173,38 @@ std::size_t PidCounter::wrong_order(const std::vector<Waiting>& packets) const {
             offset(m) == (m & 15) && (m + 1 >= packets.size() || offset(m + 1) == ((m + 1) & 15));
         if (follows)
             return m;
+    }
+    return 0;
+}
+
+// Whole datagrams of seven packets that changed places, up to four of them, on a pid that has more
+// packets in them than its counter can tell apart one by one.
+std::size_t PidCounter::swapped_datagrams(const std::vector<Waiting>& packets) const {
+    const std::uint64_t first = packets.front().at.index;
+    for (std::uint64_t shift = 0; shift < 7; ++shift) {
+        const auto block = [&](const Waiting& w) { return (w.at.index - first + shift) / 7; };
+        for (std::uint64_t blocks = 2; blocks <= 4; ++blocks) {
+            const auto end = std::find_if(packets.begin(), packets.end(),
+                                          [&](const Waiting& w) { return block(w) >= blocks; });
+            const auto n = static_cast<std::size_t>(end - packets.begin());
+            const bool goes_on =
+                end != packets.end() && end->counter == ((next_ + n) & 15) &&
+                (end + 1 == packets.end() || (end + 1)->counter == ((next_ + n + 1) & 15));
+            if (n < 8 || !goes_on)
+                continue;
+            std::array<std::uint64_t, 4> order = {0, 1, 2, 3};
+            do {
+                unsigned expected = next_;
+                bool fits = true;
+                for (std::uint64_t k = 0; k < blocks; ++k)
+                    for (auto w = packets.begin(); w != end; ++w)
+                        if (block(*w) == order[k])
+                            fits = fits && w->counter == (expected++ & 15);
+                if (fits)
+                    return n;
+            } while (std::next_permutation(order.begin(),
+                                           order.begin() + static_cast<std::ptrdiff_t>(blocks)));
+        }
     }
     return 0;
 }

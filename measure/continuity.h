@@ -170,6 +170,7 @@ class PidCounter {
                        ContinuitySink& sink);
     std::size_t second_copies(const std::vector<Waiting>& packets, bool at_end) const;
     std::size_t wrong_order(const std::vector<Waiting>& packets) const;
+    std::size_t swapped_datagrams(const std::vector<Waiting>& packets) const;
     std::size_t same_counter(const std::vector<Waiting>& packets) const;
 
     std::uint8_t next_ = 0xFF; // counter expected; 0xFF: none yet

@@ -33,7 +33,14 @@ constexpr Explanation explanations[] = {
     {Rule::pts_error, What::stopped, true},
     {Rule::pts_error, What::outage, false},
     {Rule::late_stamp, What::outage, false},
+    {Rule::pid_error, What::outage, false},
 };
+/// An outage explains what is not much longer than itself.
+bool covers(const Cause& c, const Finding& f) {
+    return c.what != What::outage || f.shape == Shape::point || f.end.time == no_time ||
+           2 * c.length >= f.end.time - f.begin.time;
+}
+
 } // namespace
 
 std::optional<double> magnitude(const Finding& f) {
@@ -109,7 +116,7 @@ bool Findings::follows(const Finding& f) const {
         if (e.rule != f.rule)
             continue;
         for (const Cause& c : causes_)
-            if (c.what == e.cause && (!e.same_pid || !c.pid || c.pid == f.pid) &&
+            if (c.what == e.cause && covers(c, f) && (!e.same_pid || !c.pid || c.pid == f.pid) &&
                 f.begin.packet <= c.to && f.end.packet >= c.from)
                 return true;
     }

@@ -32,6 +32,7 @@ struct Cause {
     std::uint64_t from = 0;           // packet numbers
     std::uint64_t to = 0;
     Ticks time = no_time; // of a loss
+    Ticks length = 0;     // of an outage, of lost time
 };
 
 class Findings final : public Output {

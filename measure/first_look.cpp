@@ -87,7 +87,7 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
     } else if (packet.discontinuity()) {
         state.counter.flag();
     }
-    if (has_payload || state.pcr_only || !state.es)
+    if (has_payload || !state.es) // lone PCRs do not keep a stream alive
         alive(state, pid, at);
     // With a wrong sync byte the header counts if its counter fits.
     if ((right || has_payload) && step != PidCounter::Step::copy && packet.has_pcr())
@@ -275,8 +275,6 @@ void FirstLook::new_programs(const ProgramsPtr& programs, const At& at) {
             state.counter.forget(id, *this); // what comes back begins anew
         state.table = tables_.wants(id);
         state.es = es;
-        const ElementaryStream* stream = programs->stream(id);
-        state.pcr_only = programs->is_pcr_pid(id) && (stream == nullptr || !stream->is_av());
     }
 }
 

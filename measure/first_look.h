@@ -25,7 +25,7 @@ struct SpansItem {
         At first;
         At last;
         std::uint32_t packets =
-            0; // that keep a stream alive: with payload, or with a PCR on a pid that has only those
+            0; // that keep a stream alive: with payload, any on a pid that has only those
         std::uint32_t scrambled = 0;
     };
     std::vector<Span> spans;
@@ -108,7 +108,6 @@ class FirstLook final : EventSink, ContinuitySink {
         // What the tables say of it.
         bool table = false;
         bool es = false;
-        bool pcr_only = false; // a PCR pid without video or audio
         // Since the last look at the clock.
         std::uint32_t span_packets = 0;
         std::uint32_t span_scrambled = 0;

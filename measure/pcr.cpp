@@ -12,11 +12,12 @@ constexpr Ticks jump_variable =
     150 * ticks_per_ms;                       // between PCRs of a varying rate places are guesses
 constexpr std::uint32_t enough_to_judge = 20; // PCRs, for 2.4
 
-/// What is left of an error when whole packets that are missing are put back.
+/// What is left of an error without whole packets: lost ones, and PCRs that changed places with
+/// others.
 double without_packets(double error, double ticks_per_packet) {
     const double whole = std::round(error / ticks_per_packet);
     const double rest = error - whole * ticks_per_packet;
-    return whole > 0 && std::abs(rest) < 0.05 * ticks_per_packet ? rest : error;
+    return whole != 0 && std::abs(rest) < 0.05 * ticks_per_packet ? rest : error;
 }
 
 double ms(Ticks t) {
@@ -234,7 +235,7 @@ void PcrRules::inaccurate(std::uint16_t pid, const PcrAccuracy::Result& result) 
     output_.finding(std::move(f));
 }
 
-void PcrRules::finish(const Place& end, const Place& sure) {
+void PcrRules::finish(const Place& end, const Place& sure, double ticks_per_packet) {
     for (auto& [pid, state] : states_) {
         if (!state.early.empty() && state.inaccurate * 2 <= state.accurate + state.inaccurate)
             for (const auto& r : state.early)
@@ -243,7 +244,10 @@ void PcrRules::finish(const Place& end, const Place& sure) {
             options_.profile == Profile::segment)
             continue;
         const Ticks since = sure.time - state.last_place.time; // an estimate opens no gap
-        if (since <= options_.limits.pcr_gap)
+        const double by_packets =
+            static_cast<double>(end.packet - state.last_place.packet) * ticks_per_packet;
+        if (since <= options_.limits.pcr_gap ||
+            by_packets <= static_cast<double>(options_.limits.pcr_gap))
             continue;
         Finding f = make(Rule::pcr_repetition_error, Kind::none, pid);
         f.shape = Shape::interval;

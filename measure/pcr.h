@@ -60,7 +60,7 @@ class PcrRules {
     /// at most.
     void other(const PcrPoint& point, const Place& place, const StreamClock& clock);
     /// `sure`: the last place whose time is no estimate.
-    void finish(const Place& end, const Place& sure);
+    void finish(const Place& end, const Place& sure, double ticks_per_packet);
     void judge(Judgement& judgement, bool has_clock) const;
 
     /// The value of that pid's clock at a packet: at a constant rate what it should be by now, else

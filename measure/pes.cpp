@@ -232,7 +232,7 @@ void PesFront::note_stamp(Unit& unit) {
         if (is_usual)
             unit.steps[unit.step_count++ % unit.steps.size()] = {ticks, unit.starts_since,
                                                                  unit.packets_since};
-        if (is_usual && (unit.step_count < 16 || unit.step_count % 4 == 0))
+        if (is_usual)
             unit.usual = usual(unit);
     }
     unit.stamp = stamp;

@@ -95,7 +95,7 @@ class PesFront {
 
         std::uint64_t starts = 0;
         std::size_t step_count = 0;
-        Step usual;                   // of the last steps, brought up to date now and then
+        Step usual;                   // of the last steps
         std::array<Step, 16> steps{}; // the last ones
         AudioFrames frames{Codec::unknown};
     };

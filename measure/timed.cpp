@@ -4,6 +4,10 @@
 
 namespace quarn {
 
+namespace {
+constexpr Ticks long_loss = 300 * ticks_per_ms;
+} // namespace
+
 Timed::Timed(const Options& options, Findings& findings, const StreamClock& clock)
     : options_(options), findings_(findings), clock_(clock),
       programs_(std::make_shared<Programs>()), damage_(options, findings),
@@ -17,18 +21,31 @@ Timed::Timed(const Options& options, Findings& findings, const StreamClock& cloc
 void Timed::interval(const ClockInterval& interval, std::deque<Item>& queue, double null_share) {
     losses_.null_share(null_share);
     losses_.interval(interval);
+    lost_time(interval);
     // What came before the PCR at its end still belongs to the clock before it.
     dispatch(queue, interval.to.at.index);
     if (clock_.pid())
         pcrs_.own(interval, place(interval.from.at), place(interval.to.at),
                   clock_.rate().ticks_per_packet());
     dispatch(queue, interval.to.at.index + 1);
-    advance(place(interval.to.at), false);
+    advance(place(interval.to.at));
+}
+
+// Packets of all pids were lost for a while: nothing that was silent then has stopped.
+void Timed::lost_time(const ClockInterval& interval) {
+    if (interval.stretch != Stretch::lost || interval.error < static_cast<double>(long_loss))
+        return;
+    const Place from = place(interval.from.at);
+    const Place to = place(interval.to.at);
+    stamps_.outage(from, to);
+    repetition_.outage(from, to);
+    findings_.cause(
+        {Cause::What::outage, std::nullopt, from.packet, to.packet, no_time, to.time - from.time});
 }
 
 void Timed::untimed(std::deque<Item>& queue, const At& to) {
     dispatch(queue, to.index + 1);
-    advance(place(to), false);
+    advance(place(to));
 }
 
 void Timed::dispatch(std::deque<Item>& queue, std::uint64_t before) {
@@ -43,8 +60,8 @@ void Timed::dispatch(std::deque<Item>& queue, std::uint64_t before) {
     }
 }
 
-void Timed::advance(const Place& now, bool at_end) {
-    losses_.advance(clock_, now, at_end);
+void Timed::advance(const Place& now) {
+    losses_.advance(clock_, now, false);
     damage_.advance(now);
     repetition_.advance(now);
     scrambling_.advance(now);
@@ -60,7 +77,7 @@ void Timed::finish(std::deque<Item>& queue, const At& last) {
     const Place sure =
         end.estimated && clock_.known_for_sure() ? place(*clock_.known_for_sure()) : end;
     presence_.finish(end, sure);
-    pcrs_.finish(end, sure);
+    pcrs_.finish(end, sure, clock_.rate().ticks_per_packet());
     losses_.advance(clock_, end, true);
     damage_.finish();
     repetition_.finish(end);
@@ -90,14 +107,15 @@ void Timed::pcr_gap(std::uint16_t pid, const Place& from, const Place& to) {
 
 void Timed::stopped(std::uint16_t pid, const Place& from, const Place& to) {
     stamps_.stopped(pid, from, to);
-    findings_.cause({Cause::What::stopped, pid, from.packet, to.packet, no_time});
+    findings_.cause({Cause::What::stopped, pid, from.packet, to.packet, no_time, 0});
 }
 
 void Timed::outage(const Place& from, const Place& to) {
     stamps_.outage(from, to);
     repetition_.outage(from, to);
     losses_.outage(from, to);
-    findings_.cause({Cause::What::outage, std::nullopt, from.packet, to.packet, no_time});
+    findings_.cause(
+        {Cause::What::outage, std::nullopt, from.packet, to.packet, no_time, to.time - from.time});
 }
 
 // ---------------------------------------------------------------- items
@@ -205,7 +223,7 @@ void Timed::take(const At& at, const DamagedItem& item) {
     losses_.damaged(item.pid, at.index);
     stamps_.hold_off(item.pid, p);
     repetition_.excuse(item.pid, p, p);
-    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet, no_time});
+    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet, no_time, 0});
 }
 
 void Timed::take(const At& at, const SyncByteItem& item) {
@@ -215,7 +233,7 @@ void Timed::take(const At& at, const SyncByteItem& item) {
     losses_.damaged(item.pid, at.index);
     stamps_.hold_off(null_pid, p);
     repetition_.excuse(null_pid, p, p);
-    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet, no_time});
+    findings_.cause({Cause::What::transport_error, item.pid, p.packet, p.packet, no_time, 0});
 }
 
 void Timed::take(const At& at, const SyncLossItem& item) {
@@ -224,7 +242,7 @@ void Timed::take(const At& at, const SyncLossItem& item) {
     damage_.sync_loss(item.loss, place(item.begin), end);
     stamps_.hold_off(null_pid, end);
     repetition_.excuse(null_pid, before, end);
-    findings_.cause({Cause::What::sync_lost, std::nullopt, before.packet, end.packet});
+    findings_.cause({Cause::What::sync_lost, std::nullopt, before.packet, end.packet, no_time, 0});
 }
 
 void Timed::take(const At& at, const TruncatedItem& item) {

@@ -54,7 +54,8 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void outage(const Place& from, const Place& to) override;
 
     void dispatch(std::deque<Item>& queue, std::uint64_t before);
-    void advance(const Place& now, bool at_end);
+    void lost_time(const ClockInterval& interval);
+    void advance(const Place& now);
     Place place(const At& at) const { return clock_.place(at); }
 
     void take(const At& at, const SectionEvent& event);
