@@ -184,7 +184,7 @@ constexpr Kind KINDS[] = {
     {"pcr_gap", "ms=130..700,programme=0", "PCRs are left out", apply_gap},
     {"pcr_jump", "ms=500..6000,sign=-1|1,flagged=0,programme=0",
      "clock and stamps of a programme jump, not flagged", apply_jump},
-    {"pcr_jump_far", "ms=20000..90000000,sign=-1|1,flagged=0,programme=0",
+    {"pcr_jump_far", "ms=20000..40000000,sign=-1|1,flagged=0,programme=0",
      "clock and stamps of a programme jump far, not flagged", apply_jump},
     {"pcr_jump_flagged", "ms=300..90000,sign=-1|1,flagged=1,counter=0|5,programme=0",
      "the same with the discontinuity_indicator (counter: a jump of it as well)", apply_jump},

@@ -49,7 +49,10 @@ void apply_pause(Job& job) {
     } else if (unstamped > 0.72) {
         job.must("2.5", {}, {pid}, job.point(stamps_before.back())).ends(job.point(back));
     } else if (unstamped > 0.68) {
-        job.may("2.5", {pid}, job.point(stamps_before.back()));
+        throw Refused("the pause is too close to the limit of 700 ms");
+    } else if (ts.kind_of(pid) == StreamKind::video) {
+        // Pictures are left out, nothing else: an encoder may do so.
+        job.must("q.2", {"frames_missing"}, {pid}, job.point(back));
     }
 }
 
@@ -167,8 +170,13 @@ void apply_transport_error(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
     const auto all = ts.payloads(pid, job.start(1));
-    const auto count =
-        std::min(all.size(), static_cast<std::size_t>(std::max(1, job.whole("count"))));
+    auto count = std::min(all.size(), static_cast<std::size_t>(std::max(1, job.whole("count"))));
+    for (std::size_t k = 1; k < count; ++k) { // errors further apart are runs of their own
+        if (ts.items[all[k]].time - ts.items[all[k - 1]].time > 0.08) {
+            count = k;
+        }
+    }
+    job.record.parameters["count"] = count;
     const bool damaged = job.whole("damaged") != 0;
     for (std::size_t k = 0; k < count; ++k) {
         Packet& p = ts.items[all[k]].bytes;
