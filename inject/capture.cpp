@@ -193,15 +193,25 @@ const Programme* Capture::programme_of(int pid) const {
     return nullptr;
 }
 
-StreamKind Capture::kind_of(int pid) const {
+const Stream* Capture::stream_of(int pid) const {
     for (const Programme& programme : programmes) {
         for (const Stream& stream : programme.pmt.streams) {
             if (stream.pid == pid) {
-                return inject::kind_of(stream);
+                return &stream;
             }
         }
     }
-    return StreamKind::other;
+    return nullptr;
+}
+
+StreamKind Capture::kind_of(int pid) const {
+    const Stream* stream = stream_of(pid);
+    return stream != nullptr ? inject::kind_of(*stream) : StreamKind::other;
+}
+
+int Capture::type_of(int pid) const {
+    const Stream* stream = stream_of(pid);
+    return stream != nullptr ? stream->type : 0;
 }
 
 std::vector<int> Capture::media_pids() const {

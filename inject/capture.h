@@ -60,6 +60,7 @@ class Capture {
 
     const Programme* programme_of(int pid) const; // by PMT, stream or PCR pid; null: none
     StreamKind kind_of(int pid) const;
+    int type_of(int pid) const;          // stream_type; 0: not in a PMT
     std::vector<int> media_pids() const; // video and audio
     bool is_live(std::size_t i, int pid) const;
     std::size_t at(double seconds) const; // first item not before
@@ -90,6 +91,7 @@ class Capture {
 
   private:
     void survey();
+    const Stream* stream_of(int pid) const; // null: not in a PMT
     void learn_times();
     Item fresh_item(const Packet& p, double time);
     std::vector<std::size_t> index_by_id_;

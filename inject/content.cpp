@@ -142,10 +142,7 @@ void apply_pmt_type(Job& job) {
     const int pmt_pid = ts.programme_of(pid)->pmt_pid;
     const int to = ts.kind_of(pid) == StreamKind::video ? 0x24 : 0x11;
     const auto units = from_time(ts, pmt_pid, 2, job.start(1));
-    const auto& streams = ts.programme_of(pid)->pmt.streams;
-    const int type = std::find_if(streams.begin(), streams.end(), [pid](const Stream& s) {
-                         return s.pid == pid;
-                     })->type;
+    const int type = ts.type_of(pid);
     const int other = type == to ? (to == 0x24 ? 0x1B : 0x0F) : to;
     job.record.parameters["type"] = other;
     job.touches(units[0].items.front(), pmt_pid);

@@ -36,10 +36,22 @@ void expect_late(Job& job, int pid, const std::vector<std::size_t>& starts) {
     }
 }
 
+// Frames of LATM and the like are not counted by their headers: nothing tells a step of theirs from
+// a pause.
+void refuse_uncounted(const Job& job, int pid) {
+    constexpr std::array<int, 6> COUNTED{0x03, 0x04, 0x06, 0x0F, 0x81, 0x87};
+    const int type = job.ts.type_of(pid);
+    if (job.ts.kind_of(pid) == StreamKind::audio &&
+        std::find(COUNTED.begin(), COUNTED.end(), type) == COUNTED.end()) {
+        throw Refused("the frames of this sound cannot be counted");
+    }
+}
+
 // For a while, or to the end where seconds is 0.
 void apply_offset(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
+    refuse_uncounted(job, pid);
     const double ms = job.number("ms") * job.number("sign");
     const double length = job.number("seconds");
     const bool returns = length > 0;
@@ -68,6 +80,7 @@ void apply_offset(Job& job) {
 void apply_drift(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
+    refuse_uncounted(job, pid);
     const double rate = job.number("ms_per_s") * job.number("sign");
     const double length = job.number("seconds");
     const double from = job.start(length);
