@@ -88,7 +88,7 @@ def sparse_streams(packets, text_pid=0x1F1, cue_pid=0x1F2, source=256):
     change_pmt(packets, lambda body: body + text + cue)
     null_cue = bytes([0xFC, 0x30, 0x11, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0, 0, 0])
     null_cue += struct.pack('>I', tsbuild.crc32(null_cue))
-    at, due, counters = tsbuild.times(packets, source), {text_pid: 1.7, cue_pid: 2.3}, {text_pid: 0, cue_pid: 0}
+    at, due, counters = tsbuild.times(packets, source), {text_pid: 0.3, cue_pid: 0.4}, {text_pid: 0, cue_pid: 0}
     start = next(tsbuild.pcr(p) for p in packets if tsbuild.pcr(p) is not None) // 300
     for i, p in enumerate(packets):
         for one, period in ((text_pid, 4), (cue_pid, 5)):

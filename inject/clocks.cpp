@@ -120,7 +120,7 @@ void apply_jitter(Job& job) {
     }
     job.touches(marks.at(0), pid);
     if (ts.constant) {
-        job.must("2.4", {}, {pid}, job.range(marks.front(), marks.back()))
+        job.must("2.4", {}, {pid}, job.range(ts.at(from - 0.7), marks.back()))
             .near("error_ns", 0, limit * 1.5);
         job.may("2.4", {pid}, job.until(marks.front(), marks.back(), 0.2));
     } else {

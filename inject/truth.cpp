@@ -27,6 +27,10 @@ std::vector<Place> places(const Capture& capture) {
             ++here.packet;
         }
     }
+    // What is not written at the end stands on the last packet that is.
+    for (auto item = capture.items.rbegin(); item != capture.items.rend() && item->gone; ++item) {
+        out[item->id].packet = std::max<std::uint64_t>(here.packet, 2) - 1;
+    }
     return out;
 }
 
