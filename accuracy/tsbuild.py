@@ -60,14 +60,23 @@ def long_section(table_id, extension, version, number, last, body):
     return head + body + struct.pack('>I', crc32(head + body))
 
 
-def packets_of(section, on_pid):
-    """The section from the start of a packet on; the counters are set when it is placed."""
-    data, out = b'\0' + section, []
-    while data:
-        first = not out
-        out.append(bytearray((bytes([0x47, (0x40 if first else 0) | on_pid >> 8, on_pid & 0xFF, 0x10])
-                              + data[:184]).ljust(188, b'\xff')))
-        data = data[184:]
+def packets_of(sections, on_pid):
+    """Packets of one section or of several behind each other, which then begin inside of packets; the
+    counters are set when they are placed."""
+    sections = [sections] if isinstance(sections, bytes) else list(sections)
+    starts, data = [], b''
+    for section in sections:
+        starts.append(len(data))
+        data += section
+    out, at = [], 0
+    while at < len(data):
+        # A packet in which a section begins has one byte less: the pointer to it.
+        begin = next((s for s in starts if at <= s < at + 183), None)
+        head = b'' if begin is None else bytes([begin - at])
+        part = data[at:at + 184 - len(head)]
+        at += len(part)
+        out.append(bytearray((bytes([0x47, (0x40 if head else 0) | on_pid >> 8, on_pid & 0xFF, 0x10]) + head + part)
+                             .ljust(188, b'\xff')))
     return out
 
 
@@ -136,7 +145,7 @@ class Plan:
         self.items = []
 
     def add(self, on_pid, period_s, first_s, make):
-        """make(seconds) returns the section that is due."""
+        """make(seconds) returns the section or the sections that are due."""
         self.items.append((on_pid, period_s, first_s, make))
 
     def due(self, duration_s):
@@ -165,6 +174,21 @@ def full_si(services, long_text=0):
                      lambda _, n=number, s=part: eit(n, s, long_text=long_text))
             plan.add(0x12, 6.0, 1.03 + 0.4 * i + 0.2 * part,
                      lambda _, s=part: eit(900, s, other=True, transport_stream=2))
+    plan.add(0x14, 10.0, 0.51, tdt)
+    plan.add(0x14, 10.0, 5.61, tot)
+    return plan
+
+
+def packed_si(services):
+    """The same with sections that share packets, those of different services behind each other."""
+    plan = Plan()
+    numbers = [n for n, _ in services]
+    elsewhere = sdt([(900, 'Elsewhere')], other=True, transport_stream=2)
+    plan.add(0x10, 3.0, 0.21, lambda _: [nit(40, numbers), nit(41, [900], other=True)])
+    plan.add(0x11, 1.0, 0.33, lambda _: [sdt(services), elsewhere])
+    for part in (0, 1):
+        plan.add(0x12, 1.2, 0.11 + 0.6 * part,
+                 lambda _, s=part: [eit(n, s, long_text=1) for n in numbers] + [eit(900, s, other=True, transport_stream=2)])
     plan.add(0x14, 10.0, 0.51, tdt)
     plan.add(0x14, 10.0, 5.61, tot)
     return plan

@@ -86,6 +86,9 @@ Capture::Capture(const std::string& path) {
         items.push_back(fresh_item(p, 0));
         items.back().fresh = false;
     }
+    if (std::ferror(file.get()) != 0) {
+        throw Refused(path + ": " + std::strerror(errno));
+    }
     survey();
     if (programmes.empty()) {
         throw Refused(path + ": no programme found: a clean capture with PAT and PMT is needed");

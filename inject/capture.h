@@ -19,6 +19,11 @@ class Refused : public std::runtime_error {
     using runtime_error::runtime_error;
 };
 
+// A request that no capture could meet.
+class WrongRequest : public Refused {
+    using Refused::Refused;
+};
+
 enum class StreamKind { video, audio, other };
 
 struct Programme {

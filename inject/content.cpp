@@ -373,7 +373,7 @@ void apply_next(Job& job) {
 
 void apply_long_pmt(Job& job) {
     Capture& ts = job.ts;
-    const auto size = static_cast<std::size_t>(std::clamp(job.whole("bytes"), 0, 700));
+    const auto size = static_cast<std::size_t>(job.whole("bytes", 700));
     for (const Programme& programme : ts.programmes) {
         const auto units = from_time(ts, programme.pmt_pid, 2, 0);
         job.touches(units[0].items.front(), programme.pmt_pid);
@@ -413,6 +413,58 @@ void apply_pat_sections(Job& job) {
     ts.settle(0);
 }
 
+// As if another capture stood behind this one: other pids, another clock, counters of its own.
+void apply_join(Job& job) {
+    constexpr int AWAY = 0x400;
+    constexpr std::int64_t STAMPS = 90; // in a millisecond
+    Capture& ts = job.ts;
+    const auto by = static_cast<std::int64_t>(job.number("ms") * job.number("sign")) * STAMPS;
+    const std::size_t first = ts.at(job.start(1));
+    const double from = ts.items[first].time;
+    const auto moved = [](int pid) {
+        return pid > 0x1F && pid != NULL_PID ? (pid + AWAY) & 0x1FFF : pid;
+    };
+    for (const Programme& programme : ts.programmes) {
+        rewrite(ts, programme.pmt_pid, from_time(ts, programme.pmt_pid, 2, from),
+                [&](const Bytes& section) {
+                    Pmt pmt = parse_pmt(section);
+                    pmt.programme += 100;
+                    pmt.pcr_pid = moved(pmt.pcr_pid);
+                    for (Stream& stream : pmt.streams) {
+                        stream.pid = moved(stream.pid);
+                    }
+                    return make(pmt);
+                });
+    }
+    const auto pats = from_time(ts, 0, 0, from);
+    rewrite(ts, 0, pats, [&](const Bytes& section) {
+        Pat pat = parse_pat(section);
+        pat.transport_stream += 7;
+        for (auto& [number, pid] : pat.programmes) {
+            number += number == 0 ? 0 : 100;
+            pid = moved(pid);
+        }
+        return make(pat);
+    });
+    for (std::size_t i = first; i < ts.items.size(); ++i) {
+        Packet& p = ts.items[i].bytes;
+        if (pid_of(p) == NULL_PID) {
+            continue;
+        }
+        if (const auto pcr = pcr_of(p); pcr) {
+            set_pcr(p, *pcr + by * 300);
+        }
+        shift_stamps(p, by);
+        set_counter(p, counter_of(p) + 5);
+        set_pid(p, moved(pid_of(p)));
+    }
+    job.touches(first, NO_PID);
+    const Span joint = job.until(first, first, 1.2);
+    job.must("q.4", {}, {0}, span_of(job, pats[0]));
+    job.must("q.7", {"moved"}, {}, joint);
+    job.may("q.5", {0}, span_of(job, pats[0])); // the version happens to be the same
+}
+
 constexpr Kind KINDS[] = {
     {"pmt_add", "pid=audio", "a stream comes into the PMT", apply_pmt_add},
     {"pmt_remove", "packets=drop|keep,pid=audio",
@@ -426,6 +478,8 @@ constexpr Kind KINDS[] = {
     {"pat_back", "programme=0,packets=drop|keep,seconds=2",
      "a programme leaves the PAT and comes back", apply_pat_remove},
     {"pat_empty", "packets=drop|keep,seconds=2", "the PAT is empty for a while", apply_pat_empty},
+    {"join", "ms=2000..80000,sign=-1|1",
+     "another capture follows, with other pids and another clock", apply_join},
     {"table_change", "table=pat|pmt|sdt|nit,version=1", "a table says something new", apply_change},
     {"same_version", "table=pat|pmt|sdt|nit,version=0",
      "a table says something new under the old version", apply_change},

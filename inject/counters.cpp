@@ -88,7 +88,7 @@ void lose(Job& job, const Lost& lost) {
 void apply_loss(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
-    const auto count = static_cast<std::size_t>(std::max(1, job.whole("count")));
+    const auto count = static_cast<std::size_t>(job.whole("count"));
     const auto all = ts.payloads(pid, job.start(1));
     if (all.size() < count + 20) {
         throw Refused("too few packets of the pid behind this place");
@@ -99,10 +99,34 @@ void apply_loss(Job& job) {
     lose(job, lost);
 }
 
+// Losses in quick succession: three are told one by one, the rest as one interval.
+void apply_flood(Job& job) {
+    constexpr double STEP = 0.4; // seconds
+    Capture& ts = job.ts;
+    const int pid = job.media_pid();
+    const int count = job.whole("events");
+    const double from = job.start(STEP * count);
+    std::vector<std::size_t> behind;
+    for (int k = 0; k < count; ++k) {
+        const auto packets = ts.payloads(pid, from + STEP * k);
+        for (std::size_t lost = 0; lost < 2; ++lost) {
+            ts.items[packets.at(lost)].gone = true;
+        }
+        behind.push_back(packets.at(2));
+    }
+    job.touches(behind.front(), pid);
+    for (std::size_t k = 0; k < 3; ++k) {
+        job.must("1.4", {"loss"}, {pid}, job.point(behind[k])).has("lost", {2});
+    }
+    job.must("1.4", {"loss"}, {pid}, job.point(behind[3]))
+        .ends(job.point(behind.back()))
+        .has("count", {count - 3});
+}
+
 // What a network loses: whole datagrams of seven packets, of whatever pids.
 void apply_datagram(Job& job) {
     Capture& ts = job.ts;
-    const auto count = static_cast<std::size_t>(std::max(1, job.whole("count")));
+    const auto count = static_cast<std::size_t>(job.whole("count"));
     const std::size_t first = ts.at(job.start(1)) / DATAGRAM * DATAGRAM;
     const std::size_t last = std::min(ts.items.size() - 1, first + count * DATAGRAM);
     Lost lost;
@@ -144,7 +168,7 @@ void copy_into_slot(Job& job, std::size_t i, int pid) {
 void apply_repeat(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
-    const auto copies = static_cast<std::size_t>(std::max(1, job.whole("copies")));
+    const auto copies = static_cast<std::size_t>(job.whole("copies"));
     const bool slot = job.whole("slot") != 0 && ts.constant && copies == 1;
     const std::size_t i = ts.payloads(pid, job.start(1)).at(0);
     job.touches(i, pid);
@@ -194,7 +218,7 @@ void apply_duplicate_datagram(Job& job) {
 void apply_order(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
-    const auto count = static_cast<std::size_t>(std::max(2, job.whole("count")));
+    const auto count = static_cast<std::size_t>(job.whole("count", 9));
     const auto all = ts.payloads(pid, job.start(1));
     if (all.size() < count + 20) {
         throw Refused("too few packets of the pid behind this place");
@@ -252,7 +276,7 @@ void apply_order_datagram(Job& job) {
 void apply_reset(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
-    const int value = job.whole("value");
+    const int value = job.whole("value", 15);
     for (const std::size_t i : ts.payloads(pid, job.start(1))) {
         const int away = (value - counter_of(ts.items[i].bytes) + MODULUS) % MODULUS;
         if (away == 0 || away == MODULUS - 1) {
@@ -275,7 +299,7 @@ void apply_reset(Job& job) {
 void apply_flagged_break(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
-    const int by = job.whole("by");
+    const int by = job.whole("by", 15);
     for (const std::size_t i : ts.payloads(pid, job.start(1))) {
         if (has_flags(ts.items[i].bytes)) {
             set_discontinuity(ts.items[i].bytes);
@@ -290,7 +314,7 @@ void apply_flagged_break(Job& job) {
 void apply_frozen(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
-    auto count = static_cast<std::size_t>(std::max(4, job.whole("count")));
+    auto count = static_cast<std::size_t>(job.whole("count"));
     const bool resume = job.whole("resume") != 0;
     if (!resume && count % MODULUS == 0) {
         ++count; // the first that goes on would have the same counter
@@ -315,15 +339,18 @@ void apply_frozen(Job& job) {
 
 constexpr Kind KINDS[] = {
     {"loss", "count=1..14,pid=any", "packets of a pid are lost", apply_loss},
-    {"loss_15", "count=15,pid=any", "15 packets are lost: the counter seems to stand", apply_loss},
-    {"loss_16", "count=16,pid=any", "16 packets are lost: the counter shows no break", apply_loss},
+    {"loss_15", "count=15..15,pid=any", "15 packets are lost: the counter seems to stand",
+     apply_loss},
+    {"loss_16", "count=16..16,pid=any", "16 packets are lost: the counter shows no break",
+     apply_loss},
     {"loss_many", "count=17..45,pid=any", "more packets are lost than the counter can tell",
      apply_loss},
-    {"datagram", "count=1", "a datagram of seven packets is lost", apply_datagram},
+    {"loss_flood", "events=6..15,pid=any", "a pid loses two packets again and again", apply_flood},
+    {"datagram", "count=1..1", "a datagram of seven packets is lost", apply_datagram},
     {"burst", "count=2..12", "several datagrams in a row are lost", apply_datagram},
-    {"repeat", "copies=1,slot=0|1,pid=any",
+    {"repeat", "copies=1..1,slot=0|1,pid=any",
      "a packet is sent twice, as is lawful (slot=1: by the multiplexer)", apply_repeat},
-    {"repeat_twice", "copies=2,slot=0,pid=any", "a packet is sent three times", apply_repeat},
+    {"repeat_twice", "copies=2..2,slot=0,pid=any", "a packet is sent three times", apply_repeat},
     {"duplicate_datagram", "", "a datagram of seven packets is sent twice",
      apply_duplicate_datagram},
     {"order", "count=2..6,pid=any", "packets of a pid are out of order", apply_order},

@@ -25,7 +25,7 @@ void apply_sync(Job& job) {
 void apply_garbled(Job& job) {
     Capture& ts = job.ts;
     const std::size_t first = ts.at(job.start(1));
-    const auto count = static_cast<std::size_t>(std::max(2, job.whole("count")));
+    const auto count = static_cast<std::size_t>(job.whole("count", 4));
     std::size_t last = first;
     for (std::size_t k = 0; k < count; ++k) {
         last = first + 2 * k;
@@ -37,7 +37,7 @@ void apply_garbled(Job& job) {
 
 void apply_cut(Job& job) {
     Capture& ts = job.ts;
-    const auto count = static_cast<std::size_t>(std::clamp(job.whole("bytes"), 1, 183));
+    const auto count = static_cast<std::size_t>(job.whole("bytes", 183));
     const std::size_t i = ts.at(job.start(1));
     const std::size_t at = 4 + job.random.below(PACKET_SIZE - 4 - count + 1);
     Item& item = ts.items[i];
@@ -53,7 +53,7 @@ void apply_cut(Job& job) {
 
 void apply_insert(Job& job) {
     Capture& ts = job.ts;
-    auto count = static_cast<std::size_t>(std::max(1, job.whole("bytes")));
+    auto count = static_cast<std::size_t>(job.whole("bytes", 10000000));
     count += count % PACKET_SIZE == 0 ? 1 : 0; // a multiple would be packets with wrong sync bytes
     job.record.parameters["bytes"] = count;
     const std::size_t i = ts.at(job.start(1));
@@ -68,7 +68,7 @@ void apply_insert(Job& job) {
 
 void apply_truncate(Job& job) {
     Capture& ts = job.ts;
-    const auto count = static_cast<std::size_t>(std::clamp(job.whole("bytes"), 1, 187));
+    const auto count = static_cast<std::size_t>(job.whole("bytes", 187));
     std::size_t i = ts.items.size() - 1;
     while (i > 0 && (ts.items[i].gone || !ts.items[i].raw.empty())) {
         --i;
@@ -82,7 +82,7 @@ void apply_truncate(Job& job) {
 // A recording that was started inside a packet, as is lawful.
 void apply_head(Job& job) {
     Item& item = job.ts.items.front();
-    const auto count = static_cast<std::size_t>(std::clamp(job.whole("bytes"), 1, 187));
+    const auto count = static_cast<std::size_t>(job.whole("bytes", 187));
     item.raw.assign(item.bytes.end() - static_cast<std::ptrdiff_t>(count), item.bytes.end());
     std::replace(item.raw.begin(), item.raw.end(), std::uint8_t{SYNC}, std::uint8_t{0x46});
     job.touches(0, NO_PID);
@@ -92,7 +92,7 @@ void apply_head(Job& job) {
 void apply_bits(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
-    int left = std::max(1, job.whole("count"));
+    int left = job.whole("count");
     const auto all = ts.payloads(pid, job.start(1));
     job.touches(all.at(0), pid);
     for (std::size_t k = 1; left > 0 && k + 1 < all.size(); ++k) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 
 namespace inject {
 
@@ -40,6 +41,26 @@ std::optional<std::string> declared(const Kind& kind, const std::string& name) {
     return {};
 }
 
+// The smallest of the values that are drawn: below it a fault would be none.
+double smallest(const std::string& declaration) {
+    double out = 0;
+    bool first = true;
+    for (const std::string& choice : split(declaration.substr(0, declaration.find("..")), '|')) {
+        const double number = to_number(choice).value_or(0);
+        out = first ? number : std::min(out, number);
+        first = false;
+    }
+    const bool drawn =
+        declaration.find("..") != std::string::npos || declaration.find('|') != std::string::npos;
+    return drawn ? out : 0;
+}
+
+std::string plain(double number) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.10g", number);
+    return text;
+}
+
 Kind kind_named(const std::string& name) {
     std::string names;
     for (const Kind& kind : all_kinds()) {
@@ -48,7 +69,7 @@ Kind kind_named(const std::string& name) {
         }
         names += std::string(names.empty() ? "" : ", ") + kind.name;
     }
-    throw Refused("no fault is called '" + name + "'; there are " + names);
+    throw WrongRequest("no fault is called '" + name + "'; there are " + names);
 }
 
 } // namespace
@@ -80,7 +101,7 @@ Request parse_request(std::string_view text) {
     if (at != std::string_view::npos) {
         request.seconds = to_number(std::string(text.substr(at + 1)));
         if (!request.seconds || *request.seconds < 0) {
-            throw Refused(std::string(text) + ": seconds must stand behind '@', such as 12.5");
+            throw WrongRequest(std::string(text) + ": seconds must stand behind '@', such as 12.5");
         }
         text = text.substr(0, at);
     }
@@ -90,8 +111,8 @@ Request parse_request(std::string_view text) {
         const std::size_t equal = pair.find('=');
         const std::string name = pair.substr(0, equal);
         if (equal == std::string::npos || !declared(request.kind, name)) {
-            throw Refused(pair + ": " + request.kind.name + " has the parameters " +
-                          (*request.kind.parameters == 0 ? "none" : request.kind.parameters));
+            throw WrongRequest(pair + ": " + request.kind.name + " has the parameters " +
+                               (*request.kind.parameters == 0 ? "none" : request.kind.parameters));
         }
         request.values[name] = pair.substr(equal + 1);
     }
@@ -122,11 +143,13 @@ std::string Job::value(const char* name) {
     return out;
 }
 
-double Job::number(const char* name) {
+double Job::number(const char* name, double most) {
     const std::string text = value(name);
     const auto parsed = to_number(text);
-    if (!parsed || std::abs(*parsed) > 1e8) {
-        throw Refused(std::string(name) + "=" + text + ": a number is needed");
+    const double least = smallest(declared(request_.kind, name).value_or(""));
+    if (!parsed || *parsed < least || *parsed > most) {
+        throw WrongRequest(std::string(name) + "=" + text + ": a number from " + plain(least) +
+                           " to " + plain(most) + " is needed");
     }
     record.parameters[name] = *parsed;
     return *parsed;

@@ -67,8 +67,12 @@ class Job {
     Random random;
     Record record;
 
-    double number(const char* name);
-    int whole(const char* name) { return static_cast<int>(number(name)); }
+    // A parameter as it was given or drawn. Throws WrongRequest below what the kind draws from and
+    // above `most`.
+    double number(const char* name, double most = 1e8);
+    int whole(const char* name, int most = 100'000'000) {
+        return static_cast<int>(number(name, most));
+    }
     std::string word(const char* name);
     // A place for something that takes so many seconds, and at least `behind` to the end: far
     // enough from the start, the end and other faults that what follows can be told apart.

@@ -65,6 +65,8 @@ int run(const Options& options) {
             std::fprintf(stderr, "quarn-inject: %s: there are too few packets at this place\n",
                          requests[i].kind.name);
             return NO_ROOM;
+        } catch (const inject::WrongRequest&) {
+            throw;
         } catch (const inject::Refused& why) {
             std::fprintf(stderr, "quarn-inject: %s: %s\n", requests[i].kind.name, why.what());
             return NO_ROOM;
@@ -97,7 +99,8 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (options.input.empty() || options.output.empty()) {
-            throw CLI::RequiredError("IN and OUT");
+            std::fprintf(stderr, "quarn-inject: two files are needed, IN and OUT; see --help\n");
+            return WRONG;
         }
         return run(options);
     } catch (const CLI::ParseError& error) {

@@ -170,7 +170,7 @@ void apply_transport_error(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
     const auto all = ts.payloads(pid, job.start(1));
-    auto count = std::min(all.size(), static_cast<std::size_t>(std::max(1, job.whole("count"))));
+    auto count = std::min(all.size(), static_cast<std::size_t>(job.whole("count")));
     for (std::size_t k = 1; k < count; ++k) { // errors further apart are runs of their own
         if (ts.items[all[k]].time - ts.items[all[k - 1]].time > 0.08) {
             count = k;
