@@ -215,14 +215,17 @@ def insert(packets, plan, clock_pid, into_nulls):
     at = times(packets, clock_pid)
     if into_nulls:
         packets = [null_packet() if pid(p) in own else p for p in packets]
-    waiting, out, queue, counters = plan.due(at[-1]), [], [], {}
+    waiting, out, queue, counters, ended = plan.due(at[-1]), [], [], {}, {}
     for p, now in zip(packets, at):
         while waiting and waiting[0][0] <= now:
             queue += waiting.pop(0)[1]
         if pid(p) in own:
             continue
-        if queue and (not into_nulls or pid(p) == NULL_PID):
+        # Sections that waited for null packets must not come closer to each other than 25 ms.
+        if queue and (not into_nulls or pid(p) == NULL_PID) and (
+                not queue[0][1] & 0x40 or now - ended.get(pid(queue[0]), -1) > 0.03):
             section = queue.pop(0)
+            ended[pid(section)] = now
             counter = counters[pid(section)] = (counters.get(pid(section), -1) + 1) & 15
             section[3] |= counter
             out.append(section)

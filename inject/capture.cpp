@@ -373,9 +373,21 @@ std::uint32_t Capture::add_copy(std::size_t i, std::size_t behind) {
     return id;
 }
 
+// Whether so many packets fit in before the pid's next.
+bool Capture::has_room(std::size_t i, int pid, std::size_t packets) const {
+    while (constant && packets > 0 && i < items.size() && !is_live(i, pid)) {
+        packets -= is_live(i++, NULL_PID) ? 1 : 0;
+    }
+    return !constant || packets == 0 || i == items.size();
+}
+
 void Capture::replace(const Unit& unit, const Bytes& section) {
     const int pid = pid_of(items[unit.items.front()].bytes);
     auto packets = packets_of(section, pid);
+    if (packets.size() > unit.items.size() &&
+        !has_room(unit.items.back() + 1, pid, packets.size() - unit.items.size())) {
+        packets.clear();
+    }
     for (std::size_t k = 0; k < unit.items.size(); ++k) {
         if (k < packets.size()) {
             set_counter(packets[k], counter_of(items[unit.items[k]].bytes));

@@ -88,7 +88,8 @@ class Capture {
     std::vector<std::uint32_t> add(std::size_t i, const std::vector<Packet>& packets);
     // Adds a copy straight behind an item, in a slot of no plan: what a network does.
     std::uint32_t add_copy(std::size_t i, std::size_t behind);
-    // Puts another section into the items of a unit, with more or fewer packets where needed.
+    // Puts another section into the items of a unit, with more or fewer packets where needed. At a
+    // constant rate a unit that grows and finds no null packets before the next one is left out.
     void replace(const Unit& unit, const Bytes& section);
     // Counters of a pid go on without a break over what was added and taken out.
     void settle(int pid);
@@ -96,6 +97,7 @@ class Capture {
 
   private:
     void survey();
+    bool has_room(std::size_t i, int pid, std::size_t packets) const;
     const Stream* stream_of(int pid) const; // null: not in a PMT
     void learn_times();
     Item fresh_item(const Packet& p, double time);

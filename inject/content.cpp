@@ -57,11 +57,11 @@ int side_stream(Job& job) {
 }
 
 // A pid goes on though nothing names it any more.
-void expect_unreferenced(Job& job, int pid, double from, double to) {
+void expect_unreferenced(Job& job, int pid, double from, double to, std::size_t table) {
     const auto packets = job.ts.of(pid, from, to);
     if (packets.size() > 1 &&
         job.ts.items[packets.back()].time - job.ts.items[packets[0]].time > 0.7) {
-        job.must("3.4.a", {}, {pid}, job.until(packets[0], packets[0], 0.15));
+        job.must("3.4.a", {}, {pid}, job.until(table, packets[0], 0.15));
     }
 }
 
@@ -76,7 +76,7 @@ void apply_pmt_remove(Job& job) {
     job.record.pid = pmt_pid;
     job.must("q.4", {}, {pmt_pid}, span_of(job, units[0])).change("removed", pid);
     if (keep) {
-        expect_unreferenced(job, pid, time, 1e9);
+        expect_unreferenced(job, pid, time, 1e9, units[0].items.front());
     } else {
         drop(ts, pid, time, 1e9);
     }
@@ -240,7 +240,7 @@ void leave_pat(Job& job, const std::vector<int>& numbers) {
     }
     for (const int pid : own_pids(ts, numbers)) {
         if (keep) {
-            expect_unreferenced(job, pid, begin, end);
+            expect_unreferenced(job, pid, begin, end, units[0].items.front());
         } else {
             drop(ts, pid, begin, end);
         }
@@ -306,13 +306,15 @@ Place table_by_parameter(Job& job) {
     return {job.ts.programmes[job.random.below(job.ts.programmes.size())].pmt_pid, 2};
 }
 
+constexpr int SPARSE_PID = 0x1E50; // announced, never sent
+
 // Something that does no harm to any stream.
 Bytes changed(const Bytes& section) {
     switch (table_of(section)) {
     case 0: // the network's own pid
         return grown(section, {0, 0, 0xE0, 0x10}, 0);
     case 2: // a stream of sections, which may be sparse
-        return grown(section, {0x05, 0xFE, 0x50, 0xF0, 0x00}, 0);
+        return grown(section, {0x05, 0xE0 | SPARSE_PID >> 8, SPARSE_PID & 0xFF, 0xF0, 0x00}, 0);
     case 0x42: // a service
         return grown(section, {0x03, 0x85, 0xFC, 0x80, 0x00}, 0);
     default: { // a transport stream
@@ -329,6 +331,7 @@ void apply_change(Job& job) {
     const auto units = from_time(ts, pid, table_id, job.start(1));
     job.touches(units[0].items.front(), pid);
     const Span place = span_of(job, units[0]);
+    job.may("1.6", {SPARSE_PID}, {place.first, job.last_id()});
     if (same_version) {
         job.must("q.5", {}, {pid}, place);
         job.may("q.4", {pid}, place);

@@ -46,6 +46,16 @@ bool looks_like_copy(const Capture& ts, int pid, std::size_t lost, std::size_t n
     return last != before.begin() && ts.items[*(last - 1)].bytes == ts.items[next].bytes;
 }
 
+// Inside a picture of unknown length nothing but the counter tells of a loss.
+bool looks_like_restart(const Capture& ts, int pid, const std::vector<std::size_t>& lost,
+                        std::size_t next) {
+    const bool inside = std::none_of(lost.begin(), lost.end(), [&ts](std::size_t i) {
+        return unit_starts(ts.items[i].bytes) || pcr_of(ts.items[i].bytes);
+    });
+    return !ts.constant && ts.kind_of(pid) == StreamKind::video && inside &&
+           counter_of(ts.items[next].bytes) == 0;
+}
+
 void expect_losses(Job& job, const Lost& lost) {
     Capture& ts = job.ts;
     const bool alone = lost.size() == 1;
@@ -67,6 +77,10 @@ void expect_losses(Job& job, const Lost& lost) {
             continue;
         }
         Finding& finding = job.must("1.4", {"loss"}, {pid}, job.point(*next));
+        if (looks_like_restart(ts, pid, items, *next)) {
+            finding.kinds.emplace_back("reset");
+            job.record.cannot.emplace_back("a loss that ends at counter 0 inside one picture");
+        }
         const bool certain = count < MODULUS || (ts.constant && alone) ||
                              (!ts.constant && ts.kind_of(pid) == StreamKind::audio);
         finding.has("lost", certain ? std::vector{count} : std::vector{count, count % MODULUS});
@@ -109,10 +123,12 @@ void apply_flood(Job& job) {
     std::vector<std::size_t> behind;
     for (int k = 0; k < count; ++k) {
         const auto packets = ts.payloads(pid, from + STEP * k);
+        // Not up to counter 0, which could pass for a restart.
+        const std::size_t first = counter_of(ts.items[packets.at(2)].bytes) == 0 ? 1 : 0;
         for (std::size_t lost = 0; lost < 2; ++lost) {
-            ts.items[packets.at(lost)].gone = true;
+            ts.items[packets[first + lost]].gone = true;
         }
-        behind.push_back(packets.at(2));
+        behind.push_back(packets.at(first + 2));
     }
     job.touches(behind.front(), pid);
     for (std::size_t k = 0; k < 3; ++k) {

@@ -198,15 +198,14 @@ void apply_unreferenced(Job& job) {
     Packet p = null_packet();
     set_pid(p, pid);
     // From the last to the first: what is added moves what stands behind it.
-    const std::uint32_t last = ts.add(ts.at(from + length), {p}).front();
-    std::uint32_t first = last;
-    for (double t = length - 0.05; t >= 0; t -= 0.05) {
-        first = ts.add(ts.at(from + t), {p}).front();
+    for (double t = length; t >= 0; t -= 0.05) {
+        ts.add(ts.at(from + t), {p});
     }
     ts.settle(pid);
-    job.touches(ts.index_of(first), pid);
+    const auto added = ts.of(pid);
+    job.touches(added.front(), pid);
     if (length > 0.6) {
-        job.must("3.4.a", {}, {pid}, {first, first}).ends({last, last});
+        job.must("3.4.a", {}, {pid}, job.point(added.front())).ends(job.point(added.back()));
     }
 }
 

@@ -91,9 +91,11 @@ void apply_drift(Job& job) {
     }
     job.touches(starts.at(0), pid);
     const double seen = std::min(length, 150 / std::abs(rate) + 1.5);
-    job.must("q.2", {"drift"}, {pid}, job.range(ts.at(from), ts.at(from + seen)))
+    // The step that a drift begins with ends at the first stamp that is off and starts before it.
+    const auto before = ts.pes_starts(pid, 0, from);
+    job.must("q.2", {"drift"}, {pid}, job.range(before.at(before.size() - 1), ts.at(from + seen)))
         .near("drift_ms_per_s", rate, std::abs(rate) * 0.35);
-    Finding& more = job.may("q.2", {pid}, job.range(ts.at(from), ts.at(from + length + 0.5)));
+    Finding& more = job.may("q.2", {pid}, job.range(before.back(), ts.at(from + length + 0.5)));
     more.kinds = {"drift"};
     expect_late(job, pid, starts);
 }
@@ -114,7 +116,8 @@ void apply_late(Job& job) {
         shift_stamps(ts.items[i].bytes, -ticks((most + by) * 1000));
     }
     job.touches(starts[0], pid);
-    job.must("q.1", {}, {pid}, job.range(starts[0], starts.at(3)));
+    // Until the rate is known to be constant, only the last PCR is there to compare with.
+    job.must("q.1", {}, {pid}, job.range(starts[0], ts.at(4)));
     job.may("q.1", {pid}, {job.id(starts[0]), job.last_id()});
 }
 
