@@ -61,7 +61,11 @@ void expect_unreferenced(Job& job, int pid, double from, double to, std::size_t 
     const auto packets = job.ts.of(pid, from, to);
     if (packets.size() > 1 &&
         job.ts.items[packets.back()].time - job.ts.items[packets[0]].time > 0.7) {
-        job.must("3.4.a", {}, {pid}, job.until(table, packets[0], 0.15));
+        // It begins there, or with the last packet that was still named.
+        const double time = job.ts.items[table].time;
+        const auto before = job.ts.of(pid, time - 1, time);
+        const std::size_t first = before.empty() ? table : std::min(table, before.back());
+        job.must("3.4.a", {}, {pid}, job.until(first, packets[0], 0.15));
     }
 }
 
@@ -216,6 +220,9 @@ void leave_pat(Job& job, const std::vector<int>& numbers) {
     const double length = job.number("seconds");
     const bool keep = job.word("packets") == "keep";
     const double from = job.start(std::max(1.0, length), length > 0 ? 1.5 : 2.5);
+    if (!keep && !ts.constant && numbers.size() == ts.programmes.size()) {
+        throw Refused("without packets nothing tells the time at a variable rate");
+    }
     const auto units = from_time(ts, 0, 0, from, length > 0 ? from + length : 1e9);
     const double begin = ts.items[units[0].items.back()].time;
     double end = 1e9;
