@@ -416,11 +416,9 @@ void apply_pat_sections(Job& job) {
     set_number(sections[0], 0, 1);
     set_number(sections[1], 1, 1);
     job.touches(units[0].items.front(), 0);
-    for (auto unit = units.rbegin(); unit != units.rend(); ++unit) {
-        ts.add(unit->items.back() + 1, packets_of(sections[1], 0));
-        ts.replace(*unit, sections[0]);
-    }
-    ts.settle(0);
+    // One behind the other in the same packet.
+    sections[0].insert(sections[0].end(), sections[1].begin(), sections[1].end());
+    rewrite(ts, 0, units, [&](const Bytes&) { return sections[0]; });
 }
 
 // As if another capture stood behind this one: other pids, another clock, counters of its own.
@@ -497,7 +495,7 @@ constexpr Kind KINDS[] = {
      apply_version},
     {"next_pmt", "", "a PMT for later (current_next_indicator 0), as is lawful", apply_next},
     {"long_pmt", "bytes=180..700", "PMTs of several packets, as is lawful", apply_long_pmt},
-    {"pat_sections", "", "a PAT of two sections, as is lawful", apply_pat_sections},
+    {"pat_sections", "", "a PAT of two sections in one packet, as is lawful", apply_pat_sections},
 };
 
 } // namespace
