@@ -77,7 +77,8 @@ StreamKind kind_of(const Stream& stream) {
 Capture::Capture(const std::string& path) {
     const File file = open_file(path, "rb");
     Packet p{};
-    while (std::fread(p.data(), 1, PACKET_SIZE, file.get()) == PACKET_SIZE) {
+    std::size_t got = 0;
+    while ((got = std::fread(p.data(), 1, PACKET_SIZE, file.get())) == PACKET_SIZE) {
         if (p[0] != SYNC) {
             throw Refused(
                 path + ": packet " + std::to_string(items.size() + 1) +
@@ -88,6 +89,10 @@ Capture::Capture(const std::string& path) {
     }
     if (std::ferror(file.get()) != 0) {
         throw Refused(path + ": " + std::strerror(errno));
+    }
+    if (got != 0) {
+        throw Refused(path + ": ends inside packet " + std::to_string(items.size() + 1) +
+                      ": a clean capture of 188-byte packets is needed");
     }
     survey();
     if (programmes.empty()) {
@@ -286,13 +291,16 @@ std::vector<Unit> Capture::units(int pid) const {
 }
 
 int Capture::unused_pid() const {
-    for (int pid = 0x0200;; ++pid) {
-        if (std::none_of(items.begin(), items.end(),
-                         [pid](const Item& item) { return pid_of(item.bytes) == pid; }) &&
-            programme_of(pid) == nullptr) {
+    std::vector<bool> used(NULL_PID + 1);
+    for (const Item& item : items) {
+        used[static_cast<std::size_t>(pid_of(item.bytes))] = true;
+    }
+    for (int pid = 0x0200; pid < NULL_PID; ++pid) {
+        if (!used[static_cast<std::size_t>(pid)] && programme_of(pid) == nullptr) {
             return pid;
         }
     }
+    throw Refused("every pid is in use");
 }
 
 std::size_t Capture::index_of(std::uint32_t id) const {

@@ -284,7 +284,8 @@ void apply_pat_empty(Job& job) {
 Bytes grown(Bytes section, const Bytes& more, std::size_t loop_at) {
     const auto widen = [&](std::size_t at) {
         const std::size_t size =
-            (static_cast<std::size_t>(section[at] & 0x0F) << 8 | section[at + 1]) + more.size();
+            (static_cast<std::size_t>(section.at(at) & 0x0F) << 8 | section.at(at + 1)) +
+            more.size();
         section[at] = static_cast<std::uint8_t>((section[at] & 0xF0) | (size >> 8 & 0x0F));
         section[at + 1] = static_cast<std::uint8_t>(size & 0xFF);
     };
@@ -325,7 +326,8 @@ Bytes changed(const Bytes& section) {
     case 0x42: // a service
         return grown(section, {0x03, 0x85, 0xFC, 0x80, 0x00}, 0);
     default: { // a transport stream
-        const std::size_t names = static_cast<std::size_t>(section[8] & 0x0F) << 8 | section[9];
+        const std::size_t names =
+            static_cast<std::size_t>(section.at(8) & 0x0F) << 8 | section.at(9);
         return grown(section, {0x03, 0x85, 0xFF, 0x01, 0xF0, 0x00}, 10 + names);
     }
     }

@@ -216,6 +216,9 @@ void apply_duplicate_datagram(Job& job) {
     } while (first + 2 * DATAGRAM < ts.items.size() &&
              std::none_of(runs.begin(), runs.end(),
                           [](const auto& run) { return run.second.size() > 1; }));
+    if (first + 2 * DATAGRAM > ts.items.size()) {
+        throw Refused("no datagram behind this place has several packets of a pid");
+    }
     job.touches(first, NO_PID);
     std::vector<std::uint32_t> copies;
     for (std::size_t k = 0; k < DATAGRAM; ++k) {
@@ -277,6 +280,9 @@ void apply_order_datagram(Job& job) {
                 both.push_back(pid);
             }
         }
+    }
+    if (both.empty()) {
+        throw Refused("no two datagrams behind this place have a pid in common");
     }
     first -= DATAGRAM;
     for (std::size_t k = 0; k < DATAGRAM; ++k) {

@@ -86,7 +86,10 @@ class Job {
     Finding& may(const char* rule, std::vector<int> pids, Span begin);
     // Notes the item that the fault first touches.
     void touches(std::size_t item, int pid);
-    std::uint32_t id(std::size_t item) const { return ts.items[item].id; }
+    // Behind the end it is the last item.
+    std::uint32_t id(std::size_t item) const {
+        return item < ts.items.size() ? ts.items[item].id : last_id();
+    }
     Span point(std::size_t item) const { return {id(item), id(item)}; }
     Span range(std::size_t first, std::size_t last) const;
     std::uint32_t last_id() const { return ts.items.back().id; }

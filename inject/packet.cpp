@@ -78,7 +78,7 @@ std::size_t payload_at(const Packet& p) {
 }
 
 std::optional<std::int64_t> pcr_of(const Packet& p) {
-    if (!has_flags(p) || p[4] < 7 || (p[5] & 0x10) == 0) {
+    if (!has_flags(p) || p[4] < 7 || p[4] > PACKET_SIZE - 5 || (p[5] & 0x10) == 0) {
         return {};
     }
     const std::int64_t base = std::int64_t{p[6]} << 25 | std::int64_t{p[7]} << 17 |

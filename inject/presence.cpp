@@ -34,20 +34,21 @@ void apply_pause(Job& job) {
     const double from = job.start(length);
     const auto rest = ts.payloads(pid, from);
     const double end = ts.items[rest.at(0)].time + length;
-    const auto stamps_before = ts.pes_starts(pid, 0, ts.items[rest[1]].time);
+    const auto stamps_before = ts.pes_starts(pid, 0, ts.items[rest.at(1)].time);
     // It comes back with the start of a PES packet, as an encoder does.
     const auto stamps_behind = ts.pes_starts(pid, end);
     const std::size_t back = stamps_behind.at(0);
+    const std::size_t stamped = stamps_before.at(stamps_before.size() - 1);
     silence(ts, pid, ts.items[rest[1]].time, ts.items[back].time);
     const double silent = ts.items[back].time - ts.items[rest[0]].time;
-    const double unstamped = ts.items[back].time - ts.items[stamps_before.back()].time;
+    const double unstamped = ts.items[back].time - ts.items[stamped].time;
     job.touches(rest[1], pid);
     if (silent > 1.05) {
         job.must("1.6", {"stopped"}, {pid}, job.point(rest[0])).ends(job.point(back));
     } else if (silent > 0.95) {
         throw Refused("the pause is too close to the limit of a second");
     } else if (unstamped > 0.72) {
-        job.must("2.5", {}, {pid}, job.point(stamps_before.back())).ends(job.point(back));
+        job.must("2.5", {}, {pid}, job.point(stamped)).ends(job.point(back));
     } else if (unstamped > 0.68) {
         throw Refused("the pause is too close to the limit of 700 ms");
     } else if (ts.kind_of(pid) == StreamKind::video) {
@@ -149,6 +150,9 @@ void apply_scramble_all(Job& job) {
         add_cat(ts);
     }
     std::size_t first = ts.items.size();
+    if (ts.media_pids().empty()) {
+        throw Refused("the capture has neither video nor audio");
+    }
     for (const int pid : ts.media_pids()) {
         const auto all = ts.payloads(pid);
         first = std::min(first, all.front());

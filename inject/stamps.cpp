@@ -115,7 +115,7 @@ void apply_late(Job& job) {
     for (const std::size_t i : starts) {
         shift_stamps(ts.items[i].bytes, -ticks((most + by) * 1000));
     }
-    job.touches(starts[0], pid);
+    job.touches(starts.at(0), pid);
     // Until the rate is known to be constant, only the last PCR is there to compare with.
     job.must("q.1", {}, {pid}, job.range(starts[0], ts.at(4)));
     job.may("q.1", {pid}, {job.id(starts[0]), job.last_id()});

@@ -110,7 +110,7 @@ void leave_out(Job& job, const Table& table, int pid, const char* rule, int numb
             ts.take_out(i);
         }
     }
-    job.touches(units[first].items.front(), pid);
+    job.touches(units.at(first).items.front(), pid);
     Finding& finding =
         job.must(rule, {}, {pid}, job.range(units[0].items.front(), units[first - 1].items.back()));
     finding.ends(job.range(units[last].items.front(),
