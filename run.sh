@@ -6,7 +6,8 @@
 set -euo pipefail
 top=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 
-"$top/tools/install-packages" g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev ||
+"$top/tools/install-packages" g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev \
+  nlohmann-json3-dev ||
   exit 125
 
 build() {

@@ -7,7 +7,7 @@ cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
 
 native() {
   tools/install-packages g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev \
-    libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox jq \
+    nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev pkgconf busybox jq \
     python3-jsonschema
   cmake --preset release -DQUARN_TESTS=ON -DQUARN_BENCH=ON
   cmake --build --preset release
@@ -21,6 +21,7 @@ arm() {
     "${root[@]}" dpkg --add-architecture armhf
   fi
   tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev libcli11-dev \
+    nlohmann-json3-dev \
     libconfig-dev:armhf libpcap-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf jq \
     python3-jsonschema
   cmake --preset arm

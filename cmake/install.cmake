@@ -1,8 +1,10 @@
 # Where things go, and the Debian packages: quarn (the program) and quarn-dev (what a host links).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS quarn quarn-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
-install(FILES doc/quarn.1 doc/quarn-check.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
+install(TARGETS quarn quarn-check quarn-inject
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
+install(FILES doc/quarn.1 doc/quarn-check.1 doc/quarn-inject.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
 install(FILES doc/quarn.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
 install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md
         doc/findings.md doc/recipes-check.md doc/tutorial-check.md
@@ -11,7 +13,7 @@ install(FILES reports/quarn-findings-1.schema.json
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quarn COMPONENT quarn)
 install(FILES samples/quarn.conf samples/demo.ts
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
-foreach(program quarn quarn-check)
+foreach(program quarn quarn-check quarn-inject)
   install(FILES doc/${program}.bash-completion RENAME ${program} COMPONENT quarn
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
 endforeach()
