@@ -525,7 +525,9 @@ void StreamClock::keep(ClockInterval& i, const Point& from, const Point& to) {
     i.begin_time = begin;
     i.end_time = std::max(begin + elapsed(i), now_);
     const double tpp = rate_.ticks_per_packet();
-    const bool torn = i.constant && i.stretch == Stretch::lost && i.error > tpp / 2;
+    // At a variable rate packets lie where they may: only a long hole is one.
+    const double hole = i.constant ? tpp / 2 : 200.0 * ticks_per_ms;
+    const bool torn = i.stretch == Stretch::lost && i.error > hole;
     const bool guessed = to.bridge && source_ == ClockSummary::Source::pcr && !i.constant &&
                          to.pcr.arrival == no_time;
     segments_.push_back({from.pcr.at.index, to.pcr.at.index, now_, i.end_time,

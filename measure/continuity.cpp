@@ -134,23 +134,23 @@ std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& pa
     return 1;
 }
 
-// The packets from the break on were there before: k packets back, n of them, then the counter goes
-// on.
+// The packets from the break on were there before: `back` packets ago, n of them, then the counter
+// goes on.
 std::size_t PidCounter::second_copies(const std::vector<Waiting>& packets, bool at_end) const {
-    const std::size_t back = (next_ - packets.front().counter) & 15;
-    if (back < 2 || back > std::min<std::size_t>(history, count_))
-        return 0;
-    // Tables are the same from one repetition to the next: only what was sent just now is a copy.
-    if (packets.front().at.index - index_back(back) > datagrams + 7)
-        return 0;
-    std::size_t n = 0;
-    while (n < packets.size() && n < back && packets[n].print == print_back(back - n) &&
-           packets[n].counter == ((packets.front().counter + n) & 15))
-        ++n;
-    if (n == 0)
-        return 0;
-    const bool goes_on = n < packets.size() ? packets[n].counter == next_ : at_end;
-    return goes_on ? n : 0;
+    const std::size_t known = std::min<std::size_t>(history, count_);
+    for (std::size_t back = (next_ - packets.front().counter) & 15; back <= known; back += 16) {
+        // Tables are the same from one repetition to the next: only what was sent just now is a
+        // copy.
+        if (back < 2 || packets.front().at.index - index_back(back) > datagrams + 7)
+            continue;
+        std::size_t n = 0;
+        while (n < packets.size() && n < back && packets[n].print == print_back(back - n) &&
+               packets[n].counter == ((packets.front().counter + n) & 15))
+            ++n;
+        if (n > 0 && (n < packets.size() ? packets[n].counter == next_ : at_end))
+            return n;
+    }
+    return 0;
 }
 
 // How many packets from the break on are what should have come, in another order. Whole datagrams

@@ -121,6 +121,11 @@ class PidCounter {
         }
         return other(pid, packet, counter, print, at, trusted, sink);
     }
+    /// A packet with transport_error_indicator: its counter counts only if it fits.
+    void damaged(unsigned counter, const At& at) {
+        if (!held_ && !frozen_ && counter == next_)
+            accept(counter, 0, at);
+    }
     /// The pid's packets so far may jump lawfully: discontinuity_indicator in a packet without
     /// payload.
     void flag() { flagged_ = true; }
@@ -139,7 +144,7 @@ class PidCounter {
     const At& last() const { return at_; }
 
   private:
-    static constexpr std::size_t history = 16;
+    static constexpr std::size_t history = 32;
     static constexpr std::size_t look_ahead = 12;   // packets of the pid
     static constexpr std::size_t datagrams = 4 * 7; // packets of the input
     struct Waiting {

@@ -41,6 +41,20 @@ bool covers(const Cause& c, const Finding& f) {
            2 * c.length >= f.end.time - f.begin.time;
 }
 
+/// What follows from a loss of packets or a stamp out of order of the same pid, near in time.
+bool beside(const Cause& c, const Finding& f) {
+    if (c.time < f.begin.time - near || c.time > f.end.time + near)
+        return false;
+    if (f.rule == Rule::stamp_jump && f.kind == Kind::frames_missing)
+        return true;
+    if (c.what != What::lost)
+        return false;
+    const double gap = f.detail.interval_ms.value_or(0);
+    return (f.rule == Rule::pts_error && gap <= 2 * f.detail.limit_ms.value_or(0)) ||
+           (f.rule == Rule::pcr_discontinuity_indicator_error && f.kind == Kind::ahead &&
+            f.detail.step_ms.value_or(0) < small_step);
+}
+
 } // namespace
 
 std::optional<double> magnitude(const Finding& f) {
@@ -69,7 +83,9 @@ Findings::Findings(const Options& options, Sink& sink) : options_(options), sink
 
 void Findings::finding(Finding&& finding) {
     if (finding.rule == Rule::continuity_count_error && finding.kind == Kind::loss)
-        cause({What::lost, finding.pid, 0, 0, finding.begin.time});
+        cause({What::lost, finding.pid, 0, 0, finding.begin.time, 0});
+    if (finding.rule == Rule::stamp_order)
+        cause({What::out_of_order, finding.pid, 0, 0, finding.begin.time, 0});
     if (wanted(finding))
         waiting_.push_back({std::move(finding), now_});
 }
@@ -104,13 +120,9 @@ bool Findings::wanted(const Finding& f) const {
 }
 
 bool Findings::follows(const Finding& f) const {
-    const bool pictures = f.rule == Rule::stamp_jump && f.kind == Kind::frames_missing;
-    const bool ahead = f.rule == Rule::pcr_discontinuity_indicator_error && f.kind == Kind::ahead &&
-                       f.detail.step_ms.value_or(0) < small_step;
-    if ((pictures || ahead) && f.begin.time != no_time)
-        for (const Cause& c : causes_) // told as a loss already
-            if (c.what == What::lost && c.pid == f.pid && c.time != no_time &&
-                std::abs(c.time - f.begin.time) < near)
+    if (f.begin.time != no_time)
+        for (const Cause& c : causes_)
+            if (c.time != no_time && c.pid == f.pid && beside(c, f))
                 return true;
     for (const Explanation& e : explanations) {
         if (e.rule != f.rule)

@@ -24,6 +24,7 @@ struct Cause {
         sync_lost,       // bytes missing or inserted
         transport_error, // damaged packets of the pid
         lost,            // packets of the pid (near in time)
+        out_of_order,    // a stamp of the pid (near in time)
         stopped,         // no packets of the pid
         outage,          // null packets only
     };

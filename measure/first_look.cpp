@@ -57,8 +57,14 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
         push(at, SyncByteItem{pid, garbled_.has_value()});
     if (packet.transport_error()) {
         push(at, DamagedItem{pid});
-        if (pid != null_pid)
-            damaged(slot(pid), pid, at);
+        if (null_run_ > 0)
+            not_null(at);
+        if (pid != null_pid) {
+            Pid& state = slot(pid);
+            damaged(state, pid, at);
+            if (packet.has_payload())
+                state.counter.damaged(packet.counter(), at);
+        }
         return;
     }
     if (pid == null_pid) {

@@ -10,6 +10,7 @@ namespace {
 constexpr Ticks jump_constant = 30 * ticks_per_ms; // another program's PCR beside the stream clock
 constexpr Ticks jump_variable =
     150 * ticks_per_ms;                       // between PCRs of a varying rate places are guesses
+constexpr std::size_t lost_kept = 32;         // stretches
 constexpr std::uint32_t enough_to_judge = 20; // PCRs, for 2.4
 
 /// What is left of an error without whole packets: lost ones, and PCRs that changed places with
@@ -130,6 +131,12 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
                    double ticks_per_packet) {
     if (i.stretch == Stretch::bridged)
         return;
+    if (i.stretch == Stretch::lost) {
+        lost_.push_back(
+            {i.from.at.index, i.to.at.index, static_cast<Ticks>(std::max(i.error, 0.0))});
+        if (lost_.size() > lost_kept)
+            lost_.pop_front();
+    }
     State& state = states_[i.to.pid];
     if (!state.last && state.ever && state.since.packet > from.packet &&
         i.stretch != Stretch::moved) {
@@ -183,12 +190,13 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
         const Ticks distance = clock_distance(state.last->value, point.value, pcr_wrap);
         const Ticks off = distance - (place.time - state.last_place.time);
         const bool constant = clock.rate().constant();
-        const auto lost = disturbed ? ticks_per_second / 5 : 0;
+        const Ticks lost = (disturbed ? ticks_per_second / 5 : 0) + lost_time(from, point.at.index);
         const bool jumps = std::abs(off) > (constant ? jump_constant : jump_variable) + lost;
         if (jumps && state.announced)
             jump(point.pid, state.last_place, place, off, point.flagged, false);
         else if (!jumps)
-            gap(point.pid, state, state.last_place, place, distance,
+            gap(point.pid, state, state.last_place, place,
+                constant ? distance : std::min(distance, place.time - state.last_place.time),
                 disturbed && distance < 3 * ticks_per_second);
         const bool usable =
             constant && !jumps && !disturbed && clock.added_between(from, point.at.index) == 0;
@@ -200,6 +208,14 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
     }
     state.last = point;
     state.last_place = place;
+}
+
+Ticks PcrRules::lost_time(std::uint64_t from, std::uint64_t to) const {
+    Ticks sum = 0;
+    for (const LostTime& l : lost_)
+        if (l.from < to && l.to > from)
+            sum += l.time;
+    return sum;
 }
 
 void PcrRules::accuracy(std::uint16_t pid, State& state, const Place& place, double error,

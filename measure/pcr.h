@@ -91,11 +91,20 @@ class PcrRules {
     void first(std::uint16_t pid, State& state, const Place& place);
     Finding make(Rule rule, Kind kind, std::uint16_t pid) const;
 
+    /// Time that packets missing between two PCRs of the stream clock took.
+    struct LostTime {
+        std::uint64_t from = 0; // packets
+        std::uint64_t to = 0;
+        Ticks time = 0;
+    };
+    Ticks lost_time(std::uint64_t from, std::uint64_t to) const;
+
     const Options& options_;
     Output& output_;
     JumpSink& jumps_;
     ProgramsPtr programs_;
     std::map<std::uint16_t, State> states_;
+    std::deque<LostTime> lost_;
 };
 
 } // namespace quarn

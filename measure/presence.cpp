@@ -197,8 +197,6 @@ void Presence::finish(const Place& end, const Place& sure) {
 }
 
 void Presence::judge(Judgement& judgement, std::optional<Ticks> duration) const {
-    if (options_.ignore.contains(Rule::pid_error))
-        return;
     for (const auto& [pid, state] : states_) {
         if (!state.main())
             continue;
