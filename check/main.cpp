@@ -7,9 +7,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <memory>
+#include <string_view>
 #include <thread>
 
 #include "explain.h"
@@ -35,7 +35,8 @@ void fill_standard_streams() {
 bool has_colours() {
     const char* const no_color = std::getenv("NO_COLOR");
     const char* const term = std::getenv("TERM");
-    return ::isatty(STDOUT_FILENO) && !(no_color && *no_color) && term && std::strcmp(term, "dumb");
+    return ::isatty(STDOUT_FILENO) && !(no_color && *no_color) && term &&
+           std::string_view(term) != "dumb";
 }
 
 /// The work of all threads: each takes the next input until there is none.
