@@ -105,7 +105,9 @@ void PidCounter::settle(std::uint16_t pid, bool at_end, ContinuitySink& sink) {
 std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& packets, bool at_end,
                                ContinuitySink& sink) {
     const Waiting& first = packets.front();
-    if (const std::size_t n = second_copies(packets, at_end)) {
+    // Tables are the same from one repetition to the next: only what was sent just now is a copy.
+    const std::uint64_t within = sink.repeats(pid) ? 14 : datagrams + 7;
+    if (const std::size_t n = second_copies(packets, at_end, within)) {
         sink.copies({pid, first.at, packets[n - 1].at, static_cast<unsigned>(n)});
         sink.added(first.at, static_cast<unsigned>(n));
         return n;
@@ -136,12 +138,11 @@ std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& pa
 
 // The packets from the break on were there before: `back` packets ago, n of them, then the counter
 // goes on.
-std::size_t PidCounter::second_copies(const std::vector<Waiting>& packets, bool at_end) const {
+std::size_t PidCounter::second_copies(const std::vector<Waiting>& packets, bool at_end,
+                                      std::uint64_t within) const {
     const std::size_t known = std::min<std::size_t>(history, count_);
     for (std::size_t back = (next_ - packets.front().counter) & 15; back <= known; back += 16) {
-        // Tables are the same from one repetition to the next: only what was sent just now is a
-        // copy.
-        if (back < 2 || packets.front().at.index - index_back(back) > datagrams + 7)
+        if (back < 2 || packets.front().at.index - index_back(back) > within)
             continue;
         std::size_t n = 0;
         while (n < packets.size() && n < back && packets[n].print == print_back(back - n) &&

@@ -59,6 +59,8 @@ class ContinuitySink {
     virtual void order(const OrderFault& fault) = 0;
     virtual void copies(const CopyFault& fault) = 0;
     virtual void frozen(const FrozenRun& run) = 0;
+    /// Packets of that pid are the same again and again: it carries tables.
+    virtual bool repeats(std::uint16_t pid) const = 0;
     /// Packets that the network may have added, lawful or not: they need no slot of a constant
     /// rate.
     virtual void added(const At& at, unsigned packets) = 0;
@@ -173,7 +175,8 @@ class PidCounter {
     bool take_copy(std::uint16_t pid, const Waiting& packet, ContinuitySink& sink);
     std::size_t decide(std::uint16_t pid, const std::vector<Waiting>& packets, bool at_end,
                        ContinuitySink& sink);
-    std::size_t second_copies(const std::vector<Waiting>& packets, bool at_end) const;
+    std::size_t second_copies(const std::vector<Waiting>& packets, bool at_end,
+                              std::uint64_t within) const;
     std::size_t wrong_order(const std::vector<Waiting>& packets) const;
     std::size_t swapped_datagrams(const std::vector<Waiting>& packets) const;
     std::size_t same_counter(const std::vector<Waiting>& packets) const;

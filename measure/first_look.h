@@ -138,6 +138,7 @@ class FirstLook final : EventSink, ContinuitySink {
         put(fault.at, fault);
     }
     void frozen(const FrozenRun& run) override { put(run.begin, run); }
+    bool repeats(std::uint16_t pid) const override { return tables_.wants(pid); }
     void added(const At& at, unsigned packets) override { clock_.added(at, packets); }
 
     Pid& slot(std::uint16_t pid);

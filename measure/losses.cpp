@@ -130,7 +130,7 @@ void Losses::sixteens(const PesEvent& event, const Traffic& traffic, const Place
         const bool counted = event.frame_ticks.has_value();
         const bool gone = counted && step - *event.frame_ticks > 1800;
         const bool cut = counted ? gone && !complete : traffic.counted;
-        const bool exact = gone && std::abs(lacks - whole) < 0.5;
+        const bool exact = gone && whole == 16 && std::abs(lacks - whole) < 0.5;
         if ((!cut && !exact) || traffic.start_time == no_time || place.time == no_time)
             return; // a stream that pauses ends with a frame, and begins with one
         const double moved = step - static_cast<double>(place.time - traffic.start_time) / 300;

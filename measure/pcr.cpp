@@ -127,16 +127,18 @@ void PcrRules::first(std::uint16_t pid, State& state, const Place& place) {
     gap(pid, state, from, place, place.time - from.time, false);
 }
 
+void PcrRules::lost(const ClockInterval& i) {
+    if (i.stretch != Stretch::lost)
+        return;
+    lost_.push_back({i.from.at.index, i.to.at.index, static_cast<Ticks>(std::max(i.error, 0.0))});
+    if (lost_.size() > lost_kept)
+        lost_.pop_front();
+}
+
 void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
                    double ticks_per_packet) {
     if (i.stretch == Stretch::bridged)
         return;
-    if (i.stretch == Stretch::lost) {
-        lost_.push_back(
-            {i.from.at.index, i.to.at.index, static_cast<Ticks>(std::max(i.error, 0.0))});
-        if (lost_.size() > lost_kept)
-            lost_.pop_front();
-    }
     State& state = states_[i.to.pid];
     if (!state.last && state.ever && state.since.packet > from.packet &&
         i.stretch != Stretch::moved) {

@@ -56,6 +56,8 @@ class PcrRules {
     /// An interval of the stream clock's pid.
     void own(const ClockInterval& interval, const Place& from, const Place& to,
              double ticks_per_packet);
+    /// Before own() and other() of its packets: what was lost in an interval of the stream clock.
+    void lost(const ClockInterval& interval);
     /// A PCR of another pid. `lost`: the time that packets missing since the one before account for
     /// at most.
     void other(const PcrPoint& point, const Place& place, const StreamClock& clock);

@@ -22,6 +22,7 @@ void Timed::interval(const ClockInterval& interval, std::deque<Item>& queue, dou
     losses_.null_share(null_share);
     losses_.interval(interval);
     lost_time(interval);
+    pcrs_.lost(interval);
     // What came before the PCR at its end still belongs to the clock before it.
     dispatch(queue, interval.to.at.index);
     if (clock_.pid())

@@ -45,6 +45,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void order(const OrderFault&) override {}
     void copies(const CopyFault&) override {}
     void frozen(const FrozenRun&) override {}
+    bool repeats(std::uint16_t) const override { return false; }
     void added(const At&, unsigned) override {}
     // From the PCR rules and presence.
     void clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool flagged,
