@@ -28,6 +28,10 @@ static constinit std::uint8_t g_buf[NUM_RECORDS * TS_RECORD_LEN]{};
 static constinit volatile std::sig_atomic_t g_quit = 0;
 static constexpr char app_tag[8] = "FSCN"; // group of application log lines
 
+const char* app_info() {
+    return get_custom_app_info(g_app_name, g_app_descr, nullptr);
+}
+
 namespace {
 
 // ---- the run -----------------------------------------------------------------------------------
@@ -83,6 +87,20 @@ struct run_totals {
     return rc;
 }
 
+// Asks the read loop to hand no more packets to the analyzer; for SIGINT and SIGTERM.
+void handle_quit(int signo) {
+    const int saved = errno;
+    // Only calls that a signal handler may make: no stdio.
+    char text[32] = "\nSIG(";
+    char* end = std::to_chars(text + 5, text + sizeof text - 2, signo).ptr;
+    *end++ = ')';
+    *end++ = '\n';
+    [[maybe_unused]] const ssize_t written =
+        write(STDOUT_FILENO, text, static_cast<std::size_t>(end - text));
+    g_quit = 1;
+    errno = saved;
+}
+
 // Analyses the input file with `t` and reports. Returns 0 or the negative result that ended it.
 [[nodiscard]] int analyse_file(tsan_t t) {
     assert(g_cfg.fpath[0] != '\0');
@@ -127,6 +145,12 @@ void hold_std_streams() {
         W_close(__func__, fd);
 }
 
+// Every setting at its start value.
+void init_config() {
+    g_cfg = {};
+    g_cfg.tsa = TSAN_DEFAULTS;
+}
+
 void init_logs() {
     std::uint64_t group = 0;
     static_assert(sizeof group == sizeof app_tag);
@@ -138,30 +162,6 @@ void init_logs() {
 }
 
 } // namespace
-
-// ---- what the whole driver uses ----------------------------------------------------------------
-
-const char* app_info() {
-    return get_custom_app_info(g_app_name, g_app_descr, nullptr);
-}
-
-void init_config() {
-    g_cfg = {};
-    g_cfg.tsa = TSAN_DEFAULTS;
-}
-
-void handle_quit(int signo) {
-    const int saved = errno;
-    // Only calls that a signal handler may make: no stdio.
-    char text[32] = "\nSIG(";
-    char* end = std::to_chars(text + 5, text + sizeof text - 2, signo).ptr;
-    *end++ = ')';
-    *end++ = '\n';
-    [[maybe_unused]] const ssize_t written =
-        write(STDOUT_FILENO, text, static_cast<std::size_t>(end - text));
-    g_quit = 1;
-    errno = saved;
-}
 
 int main(int argc, char* argv[]) {
     hold_std_streams();

@@ -33,12 +33,6 @@ using file_ptr = std::unique_ptr<FILE, file_closer>;
 // tsa.cpp: name, version and build of the program, a static text.
 const char* app_info();
 
-// Puts every setting at its start value.
-void init_config();
-
-// Handler of SIGINT and SIGTERM: asks the read loop to hand no more packets to the analyzer.
-void handle_quit(int signo);
-
 // tsa_options.cpp: applies the command line to g_cfg; the files of -C come first whatever their
 // place, so that the other options override them. Does not return for -?, -V, an unknown option or
 // a missing operand. Returns 0 to go on, else the exit status; a negative value stands for 2.
