@@ -73,8 +73,9 @@ void PcrRules::programs(const ProgramsPtr& programs, const Place& place) {
         if (state.announced)
             continue;
         state.announced = state.ever = true;
-        state.since = place;
+        state.since = settled_ ? place : start_;
     }
+    settled_ = settled_ || programs->complete();
 }
 
 void PcrRules::gap(std::uint16_t pid, State& state, const Place& from, const Place& to,

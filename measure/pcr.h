@@ -52,6 +52,8 @@ class PcrRules {
   public:
     PcrRules(const Options& options, Output& output, JumpSink& jumps);
 
+    /// The first packet of the input: what the first tables name counts from it.
+    void start(const Place& first) { start_ = first; }
     void programs(const ProgramsPtr& programs, const Place& place);
     /// An interval of the stream clock's pid.
     void own(const ClockInterval& interval, const Place& from, const Place& to,
@@ -105,6 +107,8 @@ class PcrRules {
     Output& output_;
     JumpSink& jumps_;
     ProgramsPtr programs_;
+    Place start_;
+    bool settled_ = false; // all tables have been in force once
     std::map<std::uint16_t, State> states_;
     std::deque<LostTime> lost_;
 };

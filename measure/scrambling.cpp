@@ -257,13 +257,13 @@ void Scrambling::Impl::finish(const Place& end) {
 void Scrambling::Impl::judge(Judgement& judgement) const {
     const bool any = std::any_of(states_.begin(), states_.end(),
                                  [](const auto& entry) { return entry.second.scrambled; });
-    if (!scrambled_seen_ && !any && !section_seen_)
+    const bool scrambled =
+        scrambled_seen_ || any; // else foreign table ids are all there is to judge
+    if (!scrambled && !section_seen_)
         judgement.not_applicable(Rule::cat_error, "nothing is scrambled");
-    else if (!scrambled_seen_ && !any)
-        judgement.yes(Rule::cat_error); // foreign table ids only
-    else if (!clock_.runs())
+    else if (scrambled && !clock_.runs())
         judgement.no(Rule::cat_error, "no clock");
-    else if (clock_.covered() < options_.limits.cat)
+    else if (scrambled && clock_.covered() < options_.limits.cat)
         judgement.no(Rule::cat_error, "shorter than its limit");
     else
         judgement.yes(Rule::cat_error);

@@ -55,7 +55,9 @@ void Timed::dispatch(std::deque<Item>& queue, std::uint64_t before) {
         queue.pop_front();
         if (!started_) {
             started_ = true;
-            repetition_.start(place({0, 0, item.at.utc_us}));
+            const Place first = place({0, 0, item.at.utc_us});
+            repetition_.start(first);
+            pcrs_.start(first);
         }
         std::visit([&](const auto& body) { take(item.at, body); }, item.body);
     }
