@@ -141,8 +141,9 @@ void check_combination(const CommandLine& line) {
 
 /// An option with a value, handed to `take` as it is parsed.
 CLI::Option* with_value(CLI::App& app, const std::string& name, const std::string& value,
-                        const std::string& help, std::function<void(const std::string&)> take) {
-    return app.add_option_function<std::string>(name, std::move(take), help)->type_name(value);
+                        const std::string& help,
+                        const std::function<void(const std::string&)>& take) {
+    return app.add_option_function<std::string>(name, take, help)->type_name(value);
 }
 
 /// One that may be given several times.

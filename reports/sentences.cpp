@@ -248,7 +248,7 @@ std::string change_texts(const std::vector<TableChange>& changes) {
 }
 
 std::string lost_text(const Finding& f) {
-    const std::string packets = count_text(static_cast<std::uint64_t>(*f.detail.lost), "packet");
+    std::string packets = count_text(static_cast<std::uint64_t>(*f.detail.lost), "packet");
     switch (f.sure) {
     case Sure::exact:
         return packets;
