@@ -12,6 +12,8 @@ namespace inject {
 
 namespace {
 
+constexpr double LONGEST_STEP = 10; // seconds between two PCRs of a clean capture
+
 using File = std::unique_ptr<std::FILE, decltype([](std::FILE* f) { std::fclose(f); })>;
 
 File open_file(const std::string& path, const char* mode) {
@@ -166,6 +168,10 @@ void Capture::learn_times() {
     for (std::size_t k = 1; k < marks.size(); ++k) {
         const auto step =
             distance(*pcr_of(items[marks[k]].bytes), *pcr_of(items[marks[k - 1]].bytes), PCR_WRAP);
+        if (step < 0 || static_cast<double>(step) > LONGEST_STEP * PCR_HZ) {
+            throw Refused("packet " + std::to_string(marks[k] + 1) +
+                          ": the clock jumps: a clean capture is needed");
+        }
         value.push_back(value.back() + static_cast<double>(step) / PCR_HZ);
     }
     const double mean = value.back() / static_cast<double>(marks.back() - marks.front());

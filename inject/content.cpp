@@ -30,6 +30,19 @@ void rewrite(Capture& ts, int pid, const std::vector<Unit>& units, Change change
     ts.settle(pid);
 }
 
+// Where null packets are rare, what was put in may come too late to be lawful.
+void refuse_gaps(const Capture& ts, int pid) {
+    constexpr double CLOSE = 0.45; // seconds; the limit is 0.5
+    double last = -1;
+    for (const Unit& unit : ts.units(pid)) {
+        const double time = ts.items[unit.items.back()].time;
+        if (last >= 0 && time - last > CLOSE) {
+            throw Refused("too few null packets: the table would come too seldom");
+        }
+        last = time;
+    }
+}
+
 Span span_of(const Job& job, const Unit& unit) {
     return job.range(unit.items.front(), unit.items.back());
 }
@@ -185,6 +198,7 @@ void apply_pat_add(Job& job) {
         ts.add(unit->items.back() + 1, packets_of(make(pmt), pmt_pid));
     }
     ts.settle(pmt_pid);
+    refuse_gaps(ts, pmt_pid);
     rewrite(ts, 0, from_time(ts, 0, 0, ts.items[units[0].items.front()].time),
             [&](const Bytes& section) {
                 Pat pat = parse_pat(section);
@@ -400,6 +414,7 @@ void apply_long_pmt(Job& job) {
             }
             return make(pmt);
         });
+        refuse_gaps(ts, programme.pmt_pid);
     }
 }
 

@@ -84,7 +84,8 @@ int main(int argc, char** argv) {
     Options options;
     CLI::App app("Puts known faults into a clean capture and writes the truth to OUT.truth.jsonl.",
                  "quarn-inject");
-    app.add_option("--seed", options.seed, "the same seed gives the same bytes (default: 1)");
+    app.add_option("--seed", options.seed, "the same seed gives the same bytes (default: 1)")
+        ->check(CLI::NonNegativeNumber);
     app.add_option("--fault", options.faults,
                    "KIND[:NAME=VALUE,...][@SECONDS]; without one the seed draws a kind")
         ->allow_extra_args(false);
