@@ -51,9 +51,9 @@ def quarn(path, capture):
         pids = {'PAT-DIFF': '0', 'PCR-DELTA': words[5], 'AV-DELTA+': words[5]}
         pid = int(pids.get(words[0], words[2]))
         packet = int(re.findall(r'\[(\d+)\]', line)[-1])
-        # One that is repeated without a pause is one statement.
+        # PCR-DELTA is repeated at every packet until the next time stamp: one statement.
         key = words[0], pid
-        if key not in last or packet - last[key] > 3000:
+        if not words[0].endswith(('-DELTA', '-DELTA+')) or key not in last or packet - last[key] > 3000:
             kind = 'never' if words[0] == 'PID-NDAT' else '*'
             findings.append(elsewhere(QUARN[words[0]], kind, '*' if words[0] == 'PMT-DIFF' else pid, packet))
         last[key] = packet
@@ -79,23 +79,30 @@ def ffprobe(path, capture):
 
 
 def tsreport(path, capture):
-    """Continuity is asked pid by pid; counters and CRC errors come with a byte, PCR gaps without."""
+    """Counters come with a byte, PCR gaps and CRC errors without; the pid behind -cnt is that of a file of
+    counters, breaks are told of all."""
     findings = []
-    with tempfile.TemporaryDirectory() as away:  # it writes a file of counters
-        for pid in (256, 257, 258, 259):
-            done = subprocess.run([path, '-b', '-cnt', str(pid), os.path.abspath(capture)], capture_output=True, text=True, cwd=away,
-                                  timeout=TIMEOUT, errors='replace')
-            for line in (done.stdout + done.stderr).splitlines():
-                found = re.search(r'Continuity Counter (discontinuity|duplicate).* at (\d+)', line)
-                if found:
-                    findings.append(elsewhere('1.4', '*', pid, int(found[2]) // 188 + 1))
-                elif pid == 256 and 'PCR gap of' in line:
-                    findings.append(elsewhere('2.3.a|2.3.b|q.7', '*', '*'))
-                elif pid == 256 and 'Calculated CRC for' in line:
-                    findings.append(elsewhere('2.2', '*', '*'))
+    with tempfile.TemporaryDirectory() as away:
+        done = subprocess.run([path, '-b', '-cnt', '256', os.path.abspath(capture)], capture_output=True, text=True, cwd=away,
+                              timeout=TIMEOUT, errors='replace')
+    for line in (done.stdout + done.stderr).splitlines():
+        found = re.search(r'PID\((\d+)\): Continuity Counter (?:discontinuity|duplicate).* at (\d+)', line)
+        if found:
+            findings.append(elsewhere('1.4', '*', int(found[1]), int(found[2]) // 188 + 1))
+        elif 'PCR gap of' in line:
+            findings.append(elsewhere('2.3.a|2.3.b|q.7', '*', '*'))
+        elif 'Calculated CRC for' in line:
+            findings.append(elsewhere('2.2', '*', '*'))
     return findings, None, None
 
 
+# What each tool can say, by rule; None: all of them.
+COVERS = {
+    'quarn-check': None,
+    'quarn': {'1.4', '1.6', '2.3.a', '2.3.b', 'q.1', 'q.2', 'q.3', 'q.4', 'q.5', 'q.7'},
+    'ffprobe': {'1.1', '1.2', '1.4', '2.1', '2.3.b', 'q.2', 'q.3', 'q.7'},
+    'tsreport': {'1.4', '2.2', '2.3.a', '2.3.b', 'q.7'},
+}
 ADAPTERS = {'quarn-check': quarn_check, 'quarn': quarn, 'ffprobe': ffprobe, 'tsreport': tsreport}
 
 
