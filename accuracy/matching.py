@@ -28,7 +28,8 @@ def allows(pattern, finding, tolerance):
     first, last = finding['begin']['packet'], finding['end']['packet']
     if first is None:
         return right_words(pattern, finding)
-    return (right_words(pattern, finding) and first <= pattern['begin'][1] + tolerance
+    end = pattern['end'] if 'schema' not in finding and pattern['end'] else pattern['begin']
+    return (right_words(pattern, finding) and first <= end[1] + tolerance
             and last >= pattern['begin'][0] - tolerance)
 
 
