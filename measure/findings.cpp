@@ -45,9 +45,10 @@ bool covers(const Cause& c, const Finding& f) {
 bool beside(const Cause& c, const Finding& f) {
     if (c.time < f.begin.time - near || c.time > f.end.time + near)
         return false;
-    if (f.rule == Rule::stamp_jump && f.kind == Kind::frames_missing)
-        return true;
-    if (c.what != What::lost)
+    if (f.rule == Rule::stamp_jump &&
+        f.kind == Kind::frames_missing) // a burst may lack 16 of one pid
+        return c.pid == f.pid || c.what == What::lost;
+    if (c.what != What::lost || c.pid != f.pid)
         return false;
     const double gap = f.detail.interval_ms.value_or(0);
     return (f.rule == Rule::pts_error && gap <= 2 * f.detail.limit_ms.value_or(0)) ||
@@ -122,7 +123,7 @@ bool Findings::wanted(const Finding& f) const {
 bool Findings::follows(const Finding& f) const {
     if (f.begin.time != no_time)
         for (const Cause& c : causes_)
-            if (c.time != no_time && c.pid == f.pid && beside(c, f))
+            if (c.time != no_time && beside(c, f))
                 return true;
     for (const Explanation& e : explanations) {
         if (e.rule != f.rule)

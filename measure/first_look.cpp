@@ -64,6 +64,8 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
             damaged(state, pid, at);
             if (packet.has_payload())
                 state.counter.damaged(packet.counter(), at);
+            if (state.es) // damaged, but there
+                alive(state, pid, at);
         }
         return;
     }

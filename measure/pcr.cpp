@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <utility>
 
 namespace quarn {
 
 namespace {
 constexpr Ticks jump_constant = 30 * ticks_per_ms; // another program's PCR beside the stream clock
 constexpr Ticks jump_variable =
-    150 * ticks_per_ms;                       // between PCRs of a varying rate places are guesses
+    200 * ticks_per_ms;                       // between PCRs of a varying rate places are guesses
 constexpr std::size_t lost_kept = 32;         // stretches
 constexpr std::uint32_t enough_to_judge = 20; // PCRs, for 2.4
 
@@ -166,6 +167,8 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
         f.begin = f.end = to;
         output_.finding(std::move(f));
         jumps_.clock_jumped(i.to.pid, from, to, true, true);
+        for (auto& [pid, other] : states_)
+            other.uncertain = true;
         first(i.to.pid, state, to);
     } else if (i.stretch == Stretch::jump || i.stretch == Stretch::flagged) {
         jump(i.to.pid, from, to, i.step, i.stretch == Stretch::flagged, true);
@@ -184,8 +187,11 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
 void PcrRules::other(const PcrPoint& point, const Place& place, const StreamClock& clock) {
     State& state = states_[point.pid];
     ++state.count;
-    if (!state.last) {
-        first(point.pid, state, place);
+    const bool uncertain = std::exchange(state.uncertain, false);
+    if (!state.last || uncertain) {
+        if (!uncertain)
+            first(point.pid, state, place);
+        state.accuracy.clear();
         state.accuracy.add(place, 0);
     } else {
         const std::uint64_t from = state.last->at.index;
@@ -201,8 +207,12 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
             gap(point.pid, state, state.last_place, place,
                 constant ? distance : std::min(distance, place.time - state.last_place.time),
                 disturbed && distance < 3 * ticks_per_second);
-        const bool usable =
-            constant && !jumps && !disturbed && clock.added_between(from, point.at.index) == 0;
+        const auto main = clock.pid() ? states_.find(*clock.pid()) : states_.end();
+        const bool exact =
+            main == states_.end() ||
+            main->second.inaccurate * 2 <= main->second.accurate + main->second.inaccurate;
+        const bool usable = exact && constant && !jumps && !disturbed &&
+                            clock.added_between(from, point.at.index) == 0;
         const double error =
             static_cast<double>(distance) -
             static_cast<double>(point.at.index - from) * clock.rate().ticks_per_packet();
@@ -265,6 +275,8 @@ void PcrRules::finish(const Place& end, const Place& sure, double ticks_per_pack
         const Ticks since = sure.time - state.last_place.time; // an estimate opens no gap
         const double by_packets =
             static_cast<double>(end.packet - state.last_place.packet) * ticks_per_packet;
+        state.undecided = end.estimated && since <= options_.limits.pcr_gap &&
+                          end.time - state.last_place.time > 10 * options_.limits.pcr_gap;
         if (since <= options_.limits.pcr_gap ||
             by_packets <= static_cast<double>(options_.limits.pcr_gap))
             continue;
@@ -297,6 +309,8 @@ void PcrRules::judge(Judgement& judgement, bool has_clock) const {
             continue;
         if (options_.profile == Profile::segment)
             judgement.not_applicable(Rule::pcr_repetition_error, "profile segment");
+        else if (state.undecided)
+            judgement.no(Rule::pcr_repetition_error, "no PCR at the end", pid);
         else if (state.count >= 2)
             judgement.yes(Rule::pcr_repetition_error);
         else

@@ -79,6 +79,8 @@ class PcrRules {
         bool announced = false;
         bool ever = false; // announced at some time
         std::uint64_t count = 0;
+        bool uncertain = false; // the stream clock changed its pid since the last PCR
+        bool undecided = false; // no PCR for a while at the end, by an estimate
         PcrAccuracy accuracy;
         std::uint32_t accurate = 0; // PCRs that were held against the limit of 2.4
         std::uint32_t inaccurate = 0;

@@ -72,7 +72,9 @@ void Presence::leave(State& state, const Place& place) {
 }
 
 void Presence::never(const State& state, const Place& to, bool open, const Place& end) {
-    const Ticks waited = between(state.since, to);
+    Ticks waited = between(state.since, to);
+    if (state.since.estimated && to.time != no_time) // no estimate makes it longer
+        waited = std::min(waited, to.time - sure_from_);
     if (waited <= options_.limits.pid_never)
         return;
     if (dark(state.since, to) * 2 > waited) {

@@ -32,6 +32,8 @@ class Presence {
   public:
     Presence(const Options& options, Output& output, SilenceSink& silences);
 
+    /// Times before that place are estimates.
+    void sure_from(const Place& place) { sure_from_ = place.time; }
     void programs(const ProgramsPtr& programs, const Place& place);
     void span(const PidSpan& span);
     void pcr(std::uint16_t pid);
@@ -74,6 +76,7 @@ class Presence {
         Place to;
     };
     std::vector<Outage> outages_; // the latest ones
+    Ticks sure_from_ = 0;
     bool ever_streams_ = false;
 };
 

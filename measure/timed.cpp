@@ -21,6 +21,9 @@ Timed::Timed(const Options& options, Findings& findings, const StreamClock& cloc
 void Timed::interval(const ClockInterval& interval, std::deque<Item>& queue, double null_share) {
     losses_.null_share(null_share);
     losses_.interval(interval);
+    if (!timed_)
+        presence_.sure_from(place(interval.from.at));
+    timed_ = true;
     lost_time(interval);
     pcrs_.lost(interval);
     // What came before the PCR at its end still belongs to the clock before it.

@@ -93,6 +93,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     Stamps stamps_;
     Unreferenced unreferenced_;
     bool started_ = false;
+    bool timed_ = false; // an interval of the clock was there
     std::uint64_t pats_ = 0;
     std::uint64_t first_pat_ = 0;
 };
