@@ -17,7 +17,7 @@ namespace quarn {
 
 class Damage {
   public:
-    Damage(const Options& options, Output& output) : options_(options), output_(output) {}
+    explicit Damage(Output& output) : output_(output) {}
 
     void programs(const ProgramsPtr& programs) { programs_ = programs; }
     void transport_error(std::uint16_t pid, const Place& place);
@@ -46,7 +46,6 @@ class Damage {
     void close_swaps();
     Finding make(Rule rule, Kind kind, std::optional<std::uint16_t> pid) const;
 
-    const Options& options_;
     Output& output_;
     ProgramsPtr programs_;
     std::map<std::uint16_t, Run> runs_;

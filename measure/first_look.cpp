@@ -10,6 +10,7 @@ constexpr Ticks look_every = 100 * ticks_per_ms;
 constexpr std::uint64_t look_at_least = 32; // packets
 constexpr Ticks hold_at_most = 450 * ticks_per_ms;
 constexpr Ticks plain_distance = 40 * ticks_per_ms; // the strictest limit of PCRs
+constexpr std::uint64_t far_copy = 14;              // packets
 constexpr std::uint64_t null_run_of_note = 20;
 } // namespace
 
@@ -90,7 +91,9 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
             damaged(state, pid, at);
             return;
         }
-        if (step != PidCounter::Step::copy)
+        // A table that is sent with one counter all the time is sent all the same.
+        const bool again = state.table && at.index > before.index + far_copy;
+        if (step != PidCounter::Step::copy || again)
             with_payload(state, packet, at, right);
     } else if (packet.discontinuity()) {
         state.counter.flag();
@@ -279,8 +282,11 @@ void FirstLook::new_programs(const ProgramsPtr& programs, const At& at) {
         Pid& state = pids_[slots_[pid]];
         const auto id = static_cast<std::uint16_t>(pid);
         const bool es = pes_.follows(id);
-        if (state.es && !es)
+        const ElementaryStream* stream = programs->stream(id);
+        const int type = stream != nullptr ? stream->stream_type : -1;
+        if ((state.es && !es) || (state.type >= 0 && type >= 0 && type != state.type))
             state.counter.forget(id, *this); // what comes back begins anew
+        state.type = type;
         state.table = tables_.wants(id);
         state.es = es;
     }

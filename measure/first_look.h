@@ -108,6 +108,7 @@ class FirstLook final : EventSink, ContinuitySink {
         // What the tables say of it.
         bool table = false;
         bool es = false;
+        int type = -1; // stream_type; -1: none
         // Since the last look at the clock.
         std::uint32_t span_packets = 0;
         std::uint32_t span_scrambled = 0;

@@ -32,7 +32,7 @@ std::int64_t nearest(std::int64_t d, double to, std::int64_t least) {
 }
 } // namespace
 
-Losses::Losses(const Options& options, Output& output) : options_(options), output_(output) {}
+Losses::Losses(Output& output) : output_(output) {}
 
 void Losses::programs(const ProgramsPtr& programs) {
     programs_ = programs;

@@ -22,7 +22,7 @@ namespace quarn {
 
 class Losses {
   public:
-    Losses(const Options& options, Output& output);
+    explicit Losses(Output& output);
 
     void programs(const ProgramsPtr& programs);
     void counter_break(const CounterBreak& fault);
@@ -104,7 +104,6 @@ class Losses {
     void forget(const Place& now);
     bool touches(const Break& b, const ClockInterval& i) const;
 
-    const Options& options_;
     Output& output_;
     ProgramsPtr programs_;
     std::deque<Break> breaks_;

@@ -9,9 +9,8 @@ constexpr Ticks long_loss = 300 * ticks_per_ms;
 } // namespace
 
 Timed::Timed(const Options& options, Findings& findings, const StreamClock& clock)
-    : options_(options), findings_(findings), clock_(clock),
-      programs_(std::make_shared<Programs>()), damage_(options, findings),
-      losses_(options, findings), pcrs_(options, findings, *this),
+    : findings_(findings), clock_(clock), programs_(std::make_shared<Programs>()),
+      damage_(findings), losses_(findings), pcrs_(options, findings, *this),
       presence_(options, findings, *this), repetition_(options, findings),
       scrambling_(options, findings), stamps_(options, findings), unreferenced_(options, findings) {
 }

@@ -79,7 +79,6 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void take(const At& at, const DatagramEvent& event);
     void remember(const Programs& programs);
 
-    const Options& options_;
     Findings& findings_;
     const StreamClock& clock_;
     ProgramsPtr programs_;
