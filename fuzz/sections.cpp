@@ -165,7 +165,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     while (in.size() >= 4) {
         const std::uint8_t what = in[0];
         const std::uint16_t pid = pid_of(*host.tables.current(), in[1]);
-        const std::size_t wanted = in[2] << 8 | in[3];
+        const auto wanted = static_cast<std::size_t>(in[2] << 8 | in[3]);
         in = in.subspan(4);
         const auto bytes = in.first(std::min(wanted % (section_max + 1), in.size()));
         in = in.subspan(bytes.size());
