@@ -199,7 +199,7 @@ std::size_t PidCounter::swapped_datagrams(const std::vector<Waiting>& packets) c
                 bool fits = true;
                 for (std::uint64_t k = 0; k < blocks; ++k)
                     for (auto w = packets.begin(); w != end; ++w)
-                        if (block(*w) == order[k])
+                        if (block(*w) == order[static_cast<std::size_t>(k)])
                             fits = fits && w->counter == (expected++ & 15);
                 if (fits)
                     return n;
