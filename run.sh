@@ -17,7 +17,21 @@ build() {
   cmake --build --preset release --target programs
 }
 
-if ! log=$(build 2>&1); then
+# Says once that there is something to build, which may take minutes, to somebody who waits for it.
+tell() {
+  local line told=
+  while IFS= read -r line; do
+    printf '%s\n' "$line"
+    case $line in
+      *" Building "* | *" Linking "*)
+        [ -n "$told" ] || [ ! -t 2 ] || echo "building ..." >&2
+        told=yes
+        ;;
+    esac
+  done
+}
+
+if ! log=$(build 2>&1 | tell); then
   printf '%s\n' "$log" >&2
   exit 125
 fi

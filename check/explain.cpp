@@ -37,6 +37,14 @@ void append_line(std::string& out, std::string_view line, const Colours& colours
     out += '\n';
 }
 
+/// How bad it is, which pages on several rules cannot say of the one asked for.
+std::string weight(const RuleInfo& rule) {
+    std::string text = rule.severity == Severity::error     ? "At worst an error"
+                       : rule.severity == Severity::warning ? "At worst a warning"
+                                                            : "Always info";
+    return text + (rule.priority ? ", priority " + std::to_string(rule.priority) : "") + ".\n";
+}
+
 } // namespace
 
 std::string explain(Rule rule, const Colours& colours) {
@@ -48,6 +56,8 @@ std::string explain(Rule rule, const Colours& colours) {
     for (std::string_view text = *page; !text.empty();) {
         const std::size_t end = std::min(text.find('\n'), text.size());
         append_line(out, text.substr(0, end), colours);
+        if (text.starts_with("## "))
+            out += weight(info(rule));
         text.remove_prefix(std::min(text.size(), end + 1));
     }
     return out;

@@ -125,7 +125,7 @@ void report(const InputFacts& facts, const CommandLine& line, const Colours& col
     if (line.json)
         findings.records().summary(findings.text(), summary);
     else if (line.quiet)
-        quiet_line(findings.text(), facts, summary, colours);
+        quiet_line(findings.text(), facts, summary, findings.groups(), colours);
     else
         people_report(findings.text(), facts, line.measure, summary, findings.groups(), colours);
 }

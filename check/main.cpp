@@ -134,7 +134,7 @@ int main_of(int argc, char** argv) {
     if (!line.explain)
         return check_all(line, colours);
     Target out(STDOUT_FILENO, "standard output");
-    out.write(explain(*rule_by_id(*line.explain), colours));
+    out.write(explain(*line.explain, colours));
     return out.failed() ? status_error : status_healthy;
 }
 

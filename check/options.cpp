@@ -1,10 +1,13 @@
 #include "options.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <charconv>
 #include <functional>
 #include <iostream>
 #include <set>
+#include <sstream>
 #include <string_view>
 #include <thread>
 
@@ -12,6 +15,8 @@
 
 #include "measure/rules.h"
 #include "meta.h"
+#include "nearest.h"
+#include "ordered.h"
 #include "reports/words.h"
 #include "status.h"
 
@@ -38,8 +43,28 @@ std::string joined(const List& list, Name name) {
     return text;
 }
 
-std::string all_rules() {
-    return joined(rule_table, [](const RuleInfo& row) { return row.id; });
+/// The rule with that number or name, in small letters or capitals.
+Rule rule_of(const std::string& option, std::string_view text) {
+    const std::string wanted = CLI::detail::to_lower(std::string(text));
+    for (const RuleInfo& row : rule_table)
+        for (const std::string_view own : {row.id, row.name})
+            if (CLI::detail::to_lower(std::string(own)) == wanted)
+                return row.rule;
+    std::vector<std::string> near;
+    std::vector<std::string> names;
+    for (const RuleInfo& row : rule_table) {
+        if (!text.empty() && row.id.starts_with(wanted + "."))
+            near.emplace_back(row.id);
+        names.emplace_back(row.name);
+    }
+    if (near.empty())
+        near = nearest(text, names);
+    const auto itself = [](const std::string& name) { return name; };
+    refuse(option,
+           "there is no rule " + in_quotes(text) +
+               (near.empty() ? "; there are " +
+                                   joined(rule_table, [](const RuleInfo& row) { return row.id; })
+                             : "; did you mean " + joined(near, itself) + "?"));
 }
 
 /// A whole number from `least` to `most`.
@@ -66,11 +91,7 @@ E one_of(const std::string& option, std::string_view text, const std::array<E, N
 void add_rules(const std::string& option, std::string_view ids, std::set<Rule>& rules) {
     for (;;) {
         const std::size_t comma = ids.find(',');
-        const std::string_view id = ids.substr(0, comma);
-        const std::optional<Rule> rule = rule_by_id(id);
-        if (!rule)
-            refuse(option, "there is no rule " + in_quotes(id) + "; there are " + all_rules());
-        rules.insert(*rule);
+        rules.insert(rule_of(option, ids.substr(0, comma)));
         if (comma == std::string_view::npos)
             return;
         ids.remove_prefix(comma + 1);
@@ -157,15 +178,14 @@ void repeated(CLI::App& app, const std::string& name, const std::string& value,
 void add_outputs(CLI::App& app, CommandLine& line) {
     app.add_flag("--json", line.json, "Records as JSON Lines instead of a report for people");
     app.add_flag("--quiet", line.quiet, "One line a file: verdict, name, why");
-    with_value(app, "--junit", "FILE", "Write JUnit XML as well",
-               [&](const std::string& text) { line.junit = text; });
+    with_value(app, "--junit", "FILE", "Write JUnit XML as well", [&](const std::string& text) {
+        if (text == "-")
+            refuse("--junit", "\"-\" is no file, and standard output has the report; name "
+                              "one, such as report.xml");
+        line.junit = text;
+    });
     with_value(app, "--explain", "ID", "Show the page on a rule, such as 1.4, and end",
-               [&](const std::string& text) {
-                   if (!rule_by_id(text))
-                       refuse("--explain",
-                              "there is no rule " + in_quotes(text) + "; there are " + all_rules());
-                   line.explain = text;
-               });
+               [&](const std::string& text) { line.explain = rule_of("--explain", text); });
 }
 
 void add_measuring(CLI::App& app, CommandLine& line, Given& given) {
@@ -220,10 +240,17 @@ void add_inputs(CLI::App& app, CommandLine& line) {
 /// CLI11 names the argument it does not know; what it could have been stands behind.
 std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
     std::string text = error.what();
-    if (dynamic_cast<const CLI::ExtrasError*>(&error))
-        text += "; options are " + joined(app.get_options(), [](const CLI::Option* option) {
-                    return option->get_positional() ? "FILE" : option->get_name();
-                });
+    if (!dynamic_cast<const CLI::ExtrasError*>(&error))
+        return text;
+    std::vector<std::string> options;
+    for (const CLI::Option* const option : app.get_options())
+        options.push_back(option->get_positional() ? "FILE" : option->get_name());
+    const std::vector<std::string> unknown = app.remaining();
+    const std::string given = unknown.empty() ? "" : unknown[0].substr(0, unknown[0].find('='));
+    const std::vector<std::string> near = nearest(given, options);
+    const auto itself = [](const std::string& name) { return name; };
+    text += near.empty() ? "; options are " + joined(options, itself)
+                         : "; did you mean " + joined(near, itself) + "?";
     return text;
 }
 
@@ -250,9 +277,13 @@ std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
         apply(given, line);
         check_combination(line);
     } catch (const CLI::Success& shown) {
-        return app.exit(shown) == 0 && std::cout.flush() ? status_healthy : status_error;
+        std::ostringstream text;
+        app.exit(shown, text, text);
+        Target out(STDOUT_FILENO, "standard output");
+        out.write(text.str());
+        return out.failed() ? status_error : status_healthy;
     } catch (const CLI::ParseError& error) {
-        std::cerr << "quarn-check: " << complaint(app, error) << '\n';
+        std::cerr << "quarn-check: " << complaint(app, error) << "; see quarn-check --help\n";
         return status_error;
     }
     return line;

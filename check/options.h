@@ -27,7 +27,7 @@ struct CommandLine {
     std::optional<std::string> junit; // file to write
     std::optional<inputs::Endpoint> flow;
     unsigned jobs = 1;
-    std::optional<std::string> explain; // number of a rule; nothing else is done then
+    std::optional<Rule> explain; // nothing else is done then
     Options measure;
 };
 

@@ -47,10 +47,13 @@ constexpr Format formats[] = {
     {0, "\xFF\xFB"sv, "MPEG audio without packets", remux},
     {0, "\xFF\xFD"sv, "MPEG audio without packets", remux},
     {0, "\x0B\x77"sv, "AC-3 audio without packets", remux},
-    {0, "\x1F\x8B"sv, "compressed with gzip", "unpack it, or pipe it: gzip -dc FILE"},
-    {0, "\xFD\x37zXZ"sv, "compressed with xz", "unpack it, or pipe it: xz -dc FILE"},
-    {0, "\x28\xB5\x2F\xFD"sv, "compressed with zstd", "unpack it, or pipe it: zstd -dc FILE"},
-    {0, "BZh"sv, "compressed with bzip2", "unpack it, or pipe it: bzip2 -dc FILE"},
+    {0, "\x1F\x8B"sv, "compressed with gzip",
+     "unpack it, or pipe it: gzip -dc FILE | quarn-check -"},
+    {0, "\xFD\x37zXZ"sv, "compressed with xz",
+     "unpack it, or pipe it: xz -dc FILE | quarn-check -"},
+    {0, "\x28\xB5\x2F\xFD"sv, "compressed with zstd",
+     "unpack it, or pipe it: zstd -dc FILE | quarn-check -"},
+    {0, "BZh"sv, "compressed with bzip2", "unpack it, or pipe it: bzip2 -dc FILE | quarn-check -"},
     {0, "PK\x03\x04"sv, "a ZIP archive", unpack},
     {0, "7z\xBC\xAF\x27\x1C"sv, "a 7-Zip archive", unpack},
     {257, "ustar"sv, "a tar archive", unpack},
@@ -105,7 +108,10 @@ bool is_pcap(Bytes head) {
 }
 
 std::string describe_not_ts(Bytes head) {
-    std::string_view name = "binary data without packets (encrypted segments look like this)";
+    constexpr std::size_t packet = 188;
+    std::string_view name = head.size() < packet
+                                ? "shorter than one packet"
+                                : "binary data without packets (encrypted segments look like this)";
     std::string_view remedy = expected;
     const auto known = std::ranges::find_if(
         formats, [&](const Format& format) { return has(head, format.offset, format.bytes); });

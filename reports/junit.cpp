@@ -81,13 +81,8 @@ std::string xml_lines(std::string_view text) {
     return out;
 }
 
-bool failed(const Summary& summary, Rule rule) {
-    return summary.verdict == Verdict::failed &&
-           std::find(summary.why.begin(), summary.why.end(), rule) != summary.why.end();
-}
-
 bool skipped(const Summary& summary, const RuleSummary& rule) {
-    return rule.judged != Judged::yes && rule.count == 0 && !failed(summary, rule.rule);
+    return rule.judged != Judged::yes && rule.count == 0 && !made_failed(summary, rule.rule);
 }
 
 void test_case(std::string& out, std::string_view input, const Summary& summary,
@@ -95,7 +90,7 @@ void test_case(std::string& out, std::string_view input, const Summary& summary,
     const RuleInfo& row = info(rule.rule);
     case_head(out, input, std::string(row.id) + " " + std::string(row.name));
     const std::string lines = lines_of(groups, rule.rule);
-    if (failed(summary, rule.rule))
+    if (made_failed(summary, rule.rule))
         out += ">\n      <failure type=\"" + std::string(word(row.severity)) + "\" message=\"" +
                count_text(rule.count, "event") + "\">" + xml_lines(lines) +
                "</failure>\n    </testcase>\n";
@@ -106,6 +101,21 @@ void test_case(std::string& out, std::string_view input, const Summary& summary,
         out += ">\n      <system-out>" + xml_lines(lines) + "</system-out>\n    </testcase>\n";
     else
         out += "/>\n";
+}
+
+/// Nothing that a build server would take for success: rules that could not be judged are only
+/// skipped.
+void verdict_case(std::string& out, std::string_view input, const Summary& summary) {
+    case_head(out, input, "verdict");
+    if (summary.verdict == Verdict::healthy) {
+        out += "/>\n";
+        return;
+    }
+    const std::string why = why_text(summary);
+    const std::string verdict(word(summary.verdict));
+    out += std::string(">\n      <") + (summary.verdict == Verdict::failed ? "failure" : "error") +
+           " type=\"" + verdict + "\" message=\"" + verdict + (why.empty() ? "" : ": " + why) +
+           "\"/>\n    </testcase>\n";
 }
 
 } // namespace
@@ -124,9 +134,13 @@ void junit_suite(std::string& out, std::string_view input, const Summary& summar
         return static_cast<std::size_t>(
             std::count_if(summary.rules.begin(), summary.rules.end(), which));
     };
-    suite_head(out, input, summary.rules.size(),
-               count([&](const RuleSummary& r) { return failed(summary, r.rule); }), 0,
+    const std::size_t rules_failed =
+        count([&](const RuleSummary& r) { return made_failed(summary, r.rule); });
+    suite_head(out, input, summary.rules.size() + 1,
+               rules_failed + (summary.verdict == Verdict::failed ? 1 : 0),
+               summary.verdict == Verdict::insufficient ? 1 : 0,
                count([&](const RuleSummary& r) { return skipped(summary, r); }));
+    verdict_case(out, input, summary);
     for (const RuleSummary& rule : summary.rules)
         test_case(out, input, summary, rule, groups);
     out += "  </testsuite>\n";

@@ -1,4 +1,4 @@
-// JUnit XML for build servers: a test suite an input, a test case a rule.
+// JUnit XML for build servers: a test suite an input, a test case the verdict and each rule.
 #pragma once
 
 #include <string>
@@ -13,8 +13,9 @@ namespace quarn {
 std::string_view junit_begin();
 std::string_view junit_end();
 
-/// The suite of one input. Rules that made the verdict `failed` are failures, those that were not
-/// judged or do not apply are skipped.
+/// The suite of one input. The case `verdict` is a failure when it is `failed`, an error when it is
+/// `insufficient`. Rules that made it `failed` are failures, those that were not judged or do not
+/// apply are skipped.
 void junit_suite(std::string& out, std::string_view input, const Summary& summary,
                  const Groups& groups);
 

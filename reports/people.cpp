@@ -16,15 +16,19 @@ namespace {
 /// Of more pids with the same fault only so many have a line of their own.
 constexpr std::size_t most_lines = 8;
 
-/// "7.22 s", "12 min 5 s", "24 h 0 min".
+/// "45.2 ms", "7.2 s", "12 min 5 s", "24 h 0 min": rounded as the figures of findings are.
 std::string length_text(Ticks ticks) {
-    const Ticks seconds = ticks / ticks_per_second;
-    if (seconds >= 3600)
-        return std::to_string(seconds / 3600) + " h " + std::to_string(seconds / 60 % 60) + " min";
-    if (seconds >= 60)
+    const auto whole = [&](Ticks unit) { return (ticks + unit / 2) / unit; };
+    const Ticks tenths = whole(ticks_per_second / 10);
+    const Ticks seconds = whole(ticks_per_second);
+    const Ticks minutes = whole(60 * ticks_per_second);
+    if (ticks < ticks_per_second)
+        return duration_text(static_cast<double>(ticks) / ticks_per_ms);
+    if (tenths < 600)
+        return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
+    if (seconds < 3600)
         return std::to_string(seconds / 60) + " min " + std::to_string(seconds % 60) + " s";
-    return std::to_string(seconds) + "." +
-           std::to_string(ticks % ticks_per_second * 10 / ticks_per_second) + " s";
+    return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
 }
 
 std::string_view colour(const Colours& c, Verdict verdict) {
@@ -62,13 +66,6 @@ void coloured(std::string& out, std::string_view colour, const Colours& c, std::
 void padded(std::string& out, std::string_view text, std::size_t width) {
     out += text;
     out.append(std::max(width, columns(text) + 1) - columns(text), ' ');
-}
-
-std::string id_list(const std::vector<Rule>& rules) {
-    std::string text;
-    for (const Rule rule : rules)
-        text += (text.empty() ? "" : ", ") + std::string(info(rule).id);
-    return text;
 }
 
 std::string pid_list(const std::vector<std::uint16_t>& pids) {
@@ -275,6 +272,16 @@ void not_judged(std::string& out, const Summary& s, Judged judged, std::string_v
         wrap(out, ids + ": " + printable(reason), 2);
 }
 
+/// Rules with warnings that the verdict does not come from: " (warnings: 2.4, 3.5.a)".
+std::string warnings_text(const Summary& summary, const Groups& groups) {
+    std::vector<Rule> rules;
+    for (const auto& [key, group] : groups.all())
+        if (key.severity == Severity::warning && (rules.empty() || rules.back() != key.rule) &&
+            !made_failed(summary, key.rule))
+            rules.push_back(key.rule);
+    return rules.empty() ? "" : " (warnings: " + id_list(rules) + ")";
+}
+
 void one_line(std::string& out, std::string_view colour, const Colours& c, std::string_view what,
               std::string_view name, std::string_view why) {
     coloured(out, colour, c, what);
@@ -282,7 +289,6 @@ void one_line(std::string& out, std::string_view colour, const Colours& c, std::
     out += printable(name);
     if (!why.empty())
         out += ": " + printable(why);
-    out += '\n';
 }
 
 } // namespace
@@ -303,15 +309,16 @@ void people_report(std::string& out, const InputFacts& input, const Options& opt
 }
 
 void quiet_line(std::string& out, const InputFacts& input, const Summary& summary,
-                const Colours& colours) {
-    std::string why = summary.program_missing ? "no such program" : id_list(summary.why);
+                const Groups& groups, const Colours& colours) {
     one_line(out, colour(colours, summary.verdict), colours, word(summary.verdict), input.name,
-             why);
+             why_text(summary));
+    out += warnings_text(summary, groups) + "\n";
 }
 
 void quiet_error(std::string& out, std::string_view name, std::string_view text,
                  const Colours& colours) {
     one_line(out, colours.bad, colours, "unreadable", name, text);
+    out += '\n';
 }
 
 } // namespace quarn

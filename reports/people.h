@@ -29,9 +29,9 @@ struct InputFacts {
 void people_report(std::string& out, const InputFacts& input, const Options& options,
                    const Summary& summary, const Groups& groups, const Colours& colours);
 
-/// One line: verdict, name, and the rules that made the verdict.
+/// One line: verdict, name, the rules that made the verdict, those with warnings besides.
 void quiet_line(std::string& out, const InputFacts& input, const Summary& summary,
-                const Colours& colours);
+                const Groups& groups, const Colours& colours);
 /// The same for an input that cannot be read.
 void quiet_error(std::string& out, std::string_view name, std::string_view text,
                  const Colours& colours);

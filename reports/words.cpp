@@ -83,6 +83,22 @@ std::string table_name(int table_id) {
     return std::string("table ") + number.data();
 }
 
+std::string id_list(const std::vector<Rule>& rules) {
+    std::string text;
+    for (const Rule rule : rules)
+        text += (text.empty() ? "" : ", ") + std::string(info(rule).id);
+    return text;
+}
+
+std::string why_text(const Summary& summary) {
+    return summary.program_missing ? "no such program" : id_list(summary.why);
+}
+
+bool made_failed(const Summary& summary, Rule rule) {
+    return summary.verdict == Verdict::failed &&
+           std::find(summary.why.begin(), summary.why.end(), rule) != summary.why.end();
+}
+
 std::string utc_text(std::int64_t utc_us) {
     constexpr std::int64_t second = 1'000'000;
     const std::int64_t part = ((utc_us % second) + second) % second;

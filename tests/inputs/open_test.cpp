@@ -31,7 +31,8 @@ TEST_F(Open, what_is_no_transport_stream_is_named_for_what_it_is) {
         {"#EXTM3U\n#EXT-X-VERSION:3\n", "not_ts: an HLS playlist"},
         {"\x1F\x8B\x08", "not_ts: compressed with gzip"},
         {std::string(257, 'x') + "ustar", "not_ts: a tar archive"},
-        {"\x01\x02\x03\xFF", "not_ts: binary data"},
+        {"\x01\x02\x03\xFF", "not_ts: shorter than one packet"},
+        {std::string(188, '\xAA'), "not_ts: binary data"},
         {"\xD4\xC3\xB2\xA1", "unreadable: a pcap that cannot be read: truncated"},
     };
     for (const auto& c : cases)
