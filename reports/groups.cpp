@@ -13,7 +13,7 @@ void Groups::add(const Finding& finding) {
     const auto [at, is_new] = groups_.try_emplace(key);
     Group& group = at->second;
     if (is_new)
-        group.text = sentence(finding);
+        group.finding = finding;
     // Findings are decided in another order than that of their places.
     if (is_new || finding.begin.packet < group.first.packet)
         group.first = finding.begin;
@@ -38,13 +38,18 @@ std::string place_text(const Place& place) {
     return text + time.data();
 }
 
+std::string stretch_text(const Finding& finding) {
+    if (finding.shape != Shape::interval || finding.end.packet == finding.begin.packet)
+        return "at " + place_text(finding.begin);
+    return "from " + place_text(finding.begin) + " to " + place_text(finding.end);
+}
+
 std::string group_text(Rule rule, const Group& group) {
     std::string text;
     if (group.count > 1)
-        text = std::to_string(group.count) + " times, first at ";
+        text = std::to_string(group.count) + " times, first at " + place_text(group.first);
     else
-        text = "once, at ";
-    text += place_text(group.first);
+        text = "once, " + stretch_text(group.finding);
     if (group.last.packet != group.first.packet)
         text += ", last at " + place_text(group.last);
     if (group.worst)

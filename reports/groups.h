@@ -18,7 +18,7 @@ struct Group {
     bool sure = true;        // no figure of them is a guess
     std::optional<double> worst;
     Place first, last;
-    std::string text; // sentence of the first finding
+    Finding finding; // the first of them
 };
 
 /// Sums findings up. What it takes grows with rules and pids only, not with findings.
@@ -46,6 +46,8 @@ class Groups {
 
 /// "packet 497 at 1.234 s"
 std::string place_text(const Place& place);
+/// "at packet 497 at 1.234 s", "from packet 497 at 1.234 s to packet 502 at 1.301 s"
+std::string stretch_text(const Finding& finding);
 /// "3 times, first ..., last ..., worst ...": where and how bad.
 std::string group_text(Rule rule, const Group& group);
 

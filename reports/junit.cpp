@@ -55,7 +55,7 @@ void case_head(std::string& out, std::string_view input, std::string_view name) 
     out += "    <testcase classname=\"" + xml(input) + "\" name=\"" + std::string(name) + "\"";
 }
 
-std::string lines_of(const Groups& groups, Rule rule) {
+std::string lines_of(const Groups& groups, Rule rule, const ProgramNames& names) {
     std::string text;
     for (const auto& [key, group] : groups.all()) {
         if (key.rule != rule)
@@ -65,7 +65,7 @@ std::string lines_of(const Groups& groups, Rule rule) {
             text += " " + std::string(word(key.kind));
         if (key.pid >= 0)
             text += " pid " + std::to_string(key.pid);
-        text += ": " + group_text(key.rule, group) + ". " + group.text + "\n";
+        text += ": " + group_text(key.rule, group) + ". " + sentence(group.finding, names) + "\n";
     }
     return text;
 }
@@ -89,7 +89,7 @@ void test_case(std::string& out, std::string_view input, const Summary& summary,
                const RuleSummary& rule, const Groups& groups) {
     const RuleInfo& row = info(rule.rule);
     case_head(out, input, std::string(row.id) + " " + std::string(row.name));
-    const std::string lines = lines_of(groups, rule.rule);
+    const std::string lines = lines_of(groups, rule.rule, program_names(summary));
     if (made_failed(summary, rule.rule))
         out += ">\n      <failure type=\"" + std::string(word(row.severity)) + "\" message=\"" +
                count_text(rule.count, "event") + "\">" + xml_lines(lines) +

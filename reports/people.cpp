@@ -170,23 +170,34 @@ using Row = Groups::Key;
 using Rows = std::vector<std::pair<Row, const Group*>>;
 
 /// What a group says, told whole.
-std::string told(const Group& group) {
-    return printable(group.text) + " At " + place_text(group.first) + "." +
+std::string told(const Group& group, const ProgramNames& names) {
+    std::string where = stretch_text(group.finding);
+    where[0] = where[0] == 'a' ? 'A' : 'F'; // at, from
+    return printable(sentence(group.finding, names)) + " " + where + "." +
            (group.sure ? "" : " A guess.");
 }
 
+/// "pid 256 (program 1 "News"): "
+std::string whose(const Group& group, const ProgramNames& names) {
+    if (!group.finding.pid)
+        return {};
+    const std::string programs = programs_text(group.finding, names);
+    return "pid " + std::to_string(*group.finding.pid) +
+           (programs.empty() ? "" : " (" + printable(programs) + ")") + ": ";
+}
+
 /// A line a pid, and of many pids one for the rest.
-void group_lines(std::string& out, Rows rows) {
+void group_lines(std::string& out, Rows rows, const ProgramNames& names) {
     std::stable_sort(rows.begin(), rows.end(), [&](const auto& a, const auto& b) {
         // In the order of pids, unless there are too many: then what happened most.
         return rows.size() > most_lines && a.second->count > b.second->count;
     });
     for (std::size_t i = 0; i < rows.size() && i < most_lines; ++i) {
         const auto& [key, group] = rows[i];
-        const std::string pid = key.pid < 0 ? "" : "pid " + std::to_string(key.pid) + ": ";
-        wrap(out, pid + group_text(key.rule, *group), 4);
+        wrap(out, whose(*group, names) + group_text(key.rule, *group), 4);
         if (key.rule == Rule::table_changed)
-            wrap(out, printable(group->text), 6); // says itself what no figure can
+            wrap(out, printable(sentence(group->finding, names)),
+                 6); // says itself what no figure can
     }
     if (rows.size() <= most_lines)
         return;
@@ -209,7 +220,7 @@ void rule_heading(std::string& out, const Row& row, const Colours& c) {
     out += '\n';
 }
 
-void findings(std::string& out, const Groups& groups, const Colours& c) {
+void findings(std::string& out, const Groups& groups, const ProgramNames& names, const Colours& c) {
     const auto& all = groups.all();
     if (all.empty())
         return;
@@ -227,9 +238,9 @@ void findings(std::string& out, const Groups& groups, const Colours& c) {
             rows.emplace_back(row->first, &row->second);
         rule_heading(out, at->first, c);
         if (rows.size() == 1 && rows[0].second->count == 1)
-            wrap(out, told(*rows[0].second), 4);
+            wrap(out, told(*rows[0].second, names), 4);
         else
-            group_lines(out, rows);
+            group_lines(out, rows, names);
         wrap(out, meaning(at->first.rule, at->first.kind, at->first.severity), 4);
         at = end;
     }
@@ -301,7 +312,7 @@ void people_report(std::string& out, const InputFacts& input, const Options& opt
                    const Summary& summary, const Groups& groups, const Colours& colours) {
     head(out, input, options, summary, colours);
     programs(out, summary, colours);
-    findings(out, groups, colours);
+    findings(out, groups, program_names(summary), colours);
     consequences(out, summary);
     not_judged(out, summary, Judged::no, "Could not be judged", colours);
     not_judged(out, summary, Judged::not_applicable, "Does not apply", colours);

@@ -125,7 +125,8 @@ constexpr std::array all_words = std::to_array<Words>({
      "Decoders have no stamp to go by: the stream pauses, or its encoder stamps too seldom."},
     {cat_error, Kind::table_id, "On pid 1 stands {table}; only the CAT (0x01) may.",
      foreign_meaning},
-    {cat_error, Kind::none, "Packets are scrambled[ on pid {pid}] and there is no CAT.",
+    {cat_error, Kind::none,
+     "Packets[ of {programs}] are scrambled[ on pid {pid}] and there is no CAT.",
      "Receivers do not learn who holds the rights and cannot descramble."},
 
     {eit_pf_error, Kind::none,
@@ -208,14 +209,6 @@ const Words& words_of(Rule rule, Kind kind) {
     return *find([&](const Words& w) { return w.rule == own; });
 }
 
-template <class List>
-std::string joined(const List& numbers) {
-    std::string text;
-    for (const auto number : numbers)
-        text += (text.empty() ? "" : ", ") + std::to_string(number);
-    return text;
-}
-
 std::string signed_duration(double ms) {
     return (ms < 0 ? "" : "+") + duration_text(ms);
 }
@@ -260,10 +253,6 @@ std::string lost_text(const Finding& f) {
     return packets;
 }
 
-std::string programs_text(const Finding& f) {
-    return (f.programs.size() == 1 ? "program " : "programs ") + joined(f.programs);
-}
-
 std::string nouns(const std::optional<std::int64_t>& count, std::string_view noun) {
     return count ? count_text(static_cast<std::uint64_t>(*count), noun) : std::string();
 }
@@ -278,8 +267,6 @@ struct Figure {
 };
 constexpr std::array figures = std::to_array<Figure>({
     {"pid", [](const Finding& f) { return f.pid ? std::to_string(*f.pid) : std::string(); }},
-    {"programs",
-     [](const Finding& f) { return f.programs.empty() ? std::string() : programs_text(f); }},
     {"interval", [](const Finding& f) { return time_text(f.detail.interval_ms); }},
     {"limit", [](const Finding& f) { return time_text(f.detail.limit_ms); }},
     {"expected",
@@ -335,8 +322,28 @@ std::string repetition(const Finding& finding) {
     return text + ".";
 }
 
+/// A finding that is put into words.
+struct Telling {
+    const Finding& finding;
+    const ProgramNames& names;
+    bool programs_apart; // the words have a place of their own for programs
+};
+
+/// Empty: not known. Whose pid it is stands behind it.
+std::string figure_of(std::string_view name, const Telling& telling) {
+    const std::string programs = programs_text(telling.finding, telling.names);
+    if (name == "programs")
+        return programs;
+    const auto row = std::find_if(figures.begin(), figures.end(),
+                                  [&](const Figure& f) { return f.name == name; });
+    std::string text = row == figures.end() ? std::string() : row->text(telling.finding);
+    if (name == "pid" && !text.empty() && !programs.empty() && !telling.programs_apart)
+        text += " (" + programs + ")";
+    return text;
+}
+
 /// Appends `text` with its figures; false where one was not known.
-bool fill(std::string& out, std::string_view text, const Finding& finding) {
+bool fill(std::string& out, std::string_view text, const Telling& telling) {
     bool known = true;
     while (!text.empty()) {
         const std::size_t open = std::min(text.find('{'), text.size());
@@ -345,10 +352,7 @@ bool fill(std::string& out, std::string_view text, const Finding& finding) {
         if (text.empty())
             break;
         const std::size_t close = text.find('}');
-        const std::string_view name = text.substr(1, close - 1);
-        const auto row = std::find_if(figures.begin(), figures.end(),
-                                      [&](const Figure& f) { return f.name == name; });
-        const std::string figure = row == figures.end() ? std::string() : row->text(finding);
+        const std::string figure = figure_of(text.substr(1, close - 1), telling);
         known = known && !figure.empty();
         out += figure.empty() ? "?" : figure;
         text.remove_prefix(close + 1);
@@ -357,11 +361,11 @@ bool fill(std::string& out, std::string_view text, const Finding& finding) {
 }
 
 /// Appends the first of the alternatives a|b whose figures are known, else nothing.
-void fill_choice(std::string& out, std::string_view alternatives, const Finding& finding) {
+void fill_choice(std::string& out, std::string_view alternatives, const Telling& telling) {
     const std::size_t before = out.size();
     while (!alternatives.empty()) {
         const std::string_view one = alternatives.substr(0, alternatives.find('|'));
-        if (fill(out, one, finding))
+        if (fill(out, one, telling))
             return;
         out.resize(before);
         alternatives.remove_prefix(std::min(alternatives.size(), one.size() + 1));
@@ -370,16 +374,42 @@ void fill_choice(std::string& out, std::string_view alternatives, const Finding&
 
 } // namespace
 
-std::string sentence(const Finding& finding) {
+ProgramNames program_names(const Summary& summary) {
+    ProgramNames names;
+    for (const ProgramSummary& program : summary.programs)
+        if (program.name)
+            names[program.number] = *program.name;
+    return names;
+}
+
+std::string programs_text(const Finding& finding, const ProgramNames& names) {
+    constexpr std::size_t most_listed = 4;
+    constexpr std::size_t longest_name = 24;
+    if (finding.programs.empty())
+        return {};
+    if (finding.programs.size() > most_listed)
+        return count_text(finding.programs.size(), "program");
+    std::string list;
+    for (const std::uint16_t number : finding.programs) {
+        list += (list.empty() ? "" : ", ") + std::to_string(number);
+        const auto name = names.find(number);
+        if (name != names.end() && !name->second.empty() && columns(name->second) <= longest_name)
+            list += " \"" + name->second + "\"";
+    }
+    return (finding.programs.size() == 1 ? "program " : "programs ") + list;
+}
+
+std::string sentence(const Finding& finding, const ProgramNames& names) {
     std::string out;
     std::string_view text = words_of(finding.rule, finding.kind).text;
+    const Telling telling{finding, names, text.find("{programs}") != std::string_view::npos};
     while (!text.empty()) {
         const std::size_t open = std::min(text.find('['), text.size());
-        fill(out, text.substr(0, open), finding);
+        fill(out, text.substr(0, open), telling);
         if (open == text.size())
             break;
         const std::size_t close = text.find(']');
-        fill_choice(out, text.substr(open + 1, close - open - 1), finding);
+        fill_choice(out, text.substr(open + 1, close - open - 1), telling);
         text.remove_prefix(close + 1);
     }
     if (!out.empty() && out.front() >= 'a' && out.front() <= 'z')
