@@ -135,7 +135,7 @@ std::string Job::value(const char* name) {
         const auto low = to_number(out.substr(0, dots));
         const auto high = to_number(out.substr(dots + 2));
         if (low && high && *high >= *low) {
-            const auto steps = static_cast<std::uint64_t>(*high - *low) + 1;
+            const auto steps = static_cast<std::size_t>(*high - *low) + 1;
             out = std::to_string(static_cast<std::int64_t>(*low) +
                                  static_cast<std::int64_t>(random.below(steps)));
         }

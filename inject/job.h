@@ -16,7 +16,7 @@ class Random {
   public:
     explicit Random(std::uint64_t seed) : state_(seed) {}
     std::uint64_t next();
-    std::uint64_t below(std::uint64_t limit) { return next() % limit; }
+    std::size_t below(std::size_t limit) { return static_cast<std::size_t>(next() % limit); }
     double between(double low, double high);
 
   private:
