@@ -331,7 +331,7 @@ struct Telling {
 
 /// Empty: not known. Whose pid it is stands behind it.
 std::string figure_of(std::string_view name, const Telling& telling) {
-    const std::string programs = programs_text(telling.finding, telling.names);
+    std::string programs = programs_text(telling.finding, telling.names);
     if (name == "programs")
         return programs;
     const auto row = std::find_if(figures.begin(), figures.end(),
