@@ -62,10 +62,13 @@ Finding PcrRules::make(Rule rule, Kind kind, std::uint16_t pid) const {
 void PcrRules::programs(const ProgramsPtr& programs, const Place& place) {
     programs_ = programs;
     for (auto& [pid, state] : states_)
-        if (state.announced && !programs->is_pcr_pid(pid)) { // what comes back begins anew
-            const bool ever = state.ever;
-            state = {};
-            state.ever = ever;
+        if (state.announced && !programs->is_pcr_pid(pid)) {
+            State fresh; // what comes back begins anew, but what was judged was judged
+            fresh.ever = state.ever;
+            fresh.count = state.count;
+            fresh.accurate = state.accurate;
+            fresh.inaccurate = state.inaccurate;
+            state = std::move(fresh);
         }
     for (const Program& p : programs->programs) {
         if (!p.pmt_in_force || p.pcr_pid == null_pid)
