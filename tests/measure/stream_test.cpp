@@ -1,0 +1,198 @@
+// Whole streams through the library: what is sent and done to it, what is found and said of it.
+//
+// A case of a file:  "== name", "stream" or "stream = NAME: words" (kept under that name), faults,
+// "with options", then what is expected: findings, the verdict and answers of rows.
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "multiplex.h"
+
+namespace quarn {
+namespace {
+
+std::string number(double value) {
+    std::ostringstream out;
+    out.precision(9);
+    out << std::round(value * 1000) / 1000;
+    return out.str();
+}
+
+// "@1001:1000", the packet and its time in ms; an estimate has a "~".
+std::string at(const Place& p) {
+    const std::string time =
+        p.time == no_time ? "-" : number(static_cast<double>(p.time) / ticks_per_ms);
+    return std::to_string(p.packet) + ":" + (p.time != no_time && p.estimated ? "~" : "") + time;
+}
+
+std::string line(const Finding& f) {
+    std::string text(info(f.rule).id);
+    if (f.kind != Kind::none)
+        text += " " + std::string(word(f.kind));
+    if (f.severity != info(f.rule).severity)
+        text += " " + std::string(word(f.severity));
+    text += (f.pid ? " " + std::to_string(*f.pid) : "") + " @" + at(f.begin);
+    if (f.shape == Shape::interval)
+        text += "-" + at(f.end);
+    text += f.open ? " open" : "";
+    if (f.count > 1)
+        text += " x" + std::to_string(f.count);
+    if (f.detail.expected)
+        text += " " + std::to_string(*f.detail.expected) + "/" + std::to_string(*f.detail.got);
+    const auto figure = [&](const char* name, const auto& value) {
+        if (value)
+            text += std::string(" ") + name + "=" + number(static_cast<double>(*value));
+    };
+    const Detail& d = f.detail;
+    figure("lost", d.lost), figure("bytes", d.bytes), figure("ms", d.interval_ms);
+    figure("step", d.step_ms), figure("ns", d.error_ns), figure("late", d.late_ms);
+    figure("packets", d.packets), figure("away", d.away_ms), figure("worst", d.worst);
+    for (const std::uint16_t pid : d.pids)
+        text += " +" + std::to_string(pid);
+    if (f.sure != Sure::exact)
+        text += f.sure == Sure::guess ? " guess" : " mod16";
+    return text + "\n";
+}
+
+std::string verdict(const Summary& s) {
+    std::string text = s.verdict == Verdict::healthy  ? "healthy"
+                       : s.verdict == Verdict::failed ? "failed"
+                                                      : "insufficient";
+    for (const Rule r : s.why)
+        text += " " + std::string(info(r).id);
+    for (const RuleSummary& r : s.rules)
+        if (r.consequences > 0)
+            text +=
+                " (" + std::string(info(r.rule).id) + " x" + std::to_string(r.consequences) + ")";
+    return text + "\n";
+}
+
+std::string row(const Summary& s, const std::string& id) {
+    if (id == "clock") {
+        static constexpr const char* sources[] = {"none", "pcr", "arrival", "bitrate"};
+        return std::string("row clock ") + sources[static_cast<int>(s.clock.source)] +
+               (s.clock.pid ? " " + std::to_string(*s.clock.pid) : "") +
+               (s.clock.constant_rate ? " constant" : "") + " " +
+               (s.duration ? number(static_cast<double>(*s.duration) / ticks_per_ms) : "-") + "\n";
+    }
+    for (const RuleSummary& r : s.rules)
+        if (info(r.rule).id == id) {
+            std::string text = "row " + id +
+                               (r.judged == Judged::yes  ? " yes"
+                                : r.judged == Judged::no ? " no"
+                                                         : " n/a");
+            text += r.why.empty() ? "" : ", " + r.why;
+            for (const std::uint16_t pid : r.pids)
+                text += " " + std::to_string(pid);
+            return text + (r.count > 0 ? " x" + std::to_string(r.count) : "") + "\n";
+        }
+    return "no row " + id + "\n";
+}
+
+Options options_of(const std::string& words) {
+    Options o;
+    std::istringstream in(words);
+    for (std::string name, value; in >> name >> value;) {
+        if (name == "profile") {
+            static const std::map<std::string, Profile> profiles = {
+                {"strict", Profile::strict},
+                {"segment", Profile::segment},
+                {"tr101290", Profile::tr101290}};
+            o.profile = profiles.at(value);
+            o.limits = limits_of(o.profile);
+        } else if (name == "program") {
+            o.program = static_cast<std::uint16_t>(std::stoul(value));
+        } else if (name == "bitrate") {
+            o.bitrate = std::stoull(value);
+        } else if (name == "ignore") {
+            o.ignore.insert(rule_by_id(value).value());
+        } else if (name == "require") {
+            o.require.insert(rule_by_id(value).value());
+        } else if (name == "fail") {
+            o.fail_on = value == "warning" ? Severity::warning : Severity::error;
+        } else {
+            EXPECT_EQ(set_limit(o.limits, name, value), "");
+        }
+    }
+    return o;
+}
+
+struct Case {
+    std::string name, stream, options, expected;
+    std::vector<std::string> faults, rows;
+
+    std::string run(const Multiplex& multiplex, std::size_t piece) const {
+        struct Found : Sink {
+            std::string text;
+            void finding(const Finding& f) override { text += line(f); }
+        } found;
+        Stream stream_of(options_of(options), found);
+        multiplex.feed(stream_of, piece);
+        const Summary s = stream_of.summary();
+        found.text += verdict(s);
+        for (const std::string& id : rows)
+            found.text += row(s, id);
+        return found.text;
+    }
+    void check() const {
+        SCOPED_TRACE(name);
+        Multiplex multiplex(stream);
+        for (const std::string& f : faults)
+            multiplex.fault(f);
+        const std::string found = run(multiplex, SIZE_MAX);
+        EXPECT_EQ(found, expected);
+        for (const std::size_t piece : {0, 7}) // however it is cut
+            EXPECT_EQ(run(multiplex, piece), found) << "pieces of " << piece;
+    }
+};
+
+std::vector<Case> read(const std::string& path) {
+    std::ifstream in(path);
+    std::vector<Case> cases;
+    std::map<std::string, std::string> streams;
+    for (std::string text; std::getline(in, text);) {
+        const std::string first = text.substr(0, text.find(' '));
+        const std::string rest = text.size() > first.size() ? text.substr(first.size() + 1) : "";
+        if (first.empty() || first == "#")
+            continue;
+        if (first == "stream") { // "stream NAME: words" or "on NAME"
+            const auto colon = rest.find(": ");
+            streams[rest.substr(0, colon)] = rest.substr(colon + 2);
+        } else if (first == "==") {
+            cases.emplace_back().name = rest;
+        } else if (first == "on") {
+            const std::string name = rest.substr(0, rest.find(' '));
+            const auto known = streams.find(name);
+            cases.back().stream =
+                known == streams.end() ? rest : known->second + rest.substr(name.size());
+        } else if (first == "do") {
+            cases.back().faults.push_back(rest);
+        } else if (first == "with") {
+            cases.back().options = rest;
+        } else {
+            if (first == "row")
+                cases.back().rows.push_back(rest.substr(0, rest.find(' ')));
+            cases.back().expected += text + "\n";
+        }
+    }
+    return cases;
+}
+
+class Streams : public testing::TestWithParam<const char*> {};
+
+TEST_P(Streams, AreFoundAndSaidToBeWhatTheyAre) {
+    const auto cases = read(std::string(MEASURE_CASES) + "/" + GetParam() + ".txt");
+    ASSERT_FALSE(cases.empty());
+    for (const Case& c : cases)
+        c.check();
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Streams,
+                         testing::Values("continuity", "clock", "presence", "verdict"),
+                         [](const auto& of) { return std::string(of.param); });
+
+} // namespace
+} // namespace quarn
