@@ -47,8 +47,9 @@ void shift_stamps(ts::packet& p, double ms) {
     for (const std::size_t i : {at, at + 5}) {
         if ((p[at - 2] & (i == at ? 0x80 : 0x40)) == 0)
             continue;
-        const std::uint64_t old = std::uint64_t{p[i] & 14u} << 29 | p[i + 1] << 22 |
-                                  (p[i + 2] & 254) << 14 | p[i + 3] << 7 | p[i + 4] >> 1;
+        const std::uint64_t old = std::uint64_t{p[i] & 14u} << 29 | std::uint64_t{p[i + 1]} << 22 |
+                                  std::uint64_t{p[i + 2] & 254u} << 14 |
+                                  std::uint64_t{p[i + 3]} << 7 | std::uint64_t{p[i + 4]} >> 1;
         const ts::bytes h = ts::pes_header(0, {.pts = stamp(static_cast<double>(old) / 90 + ms)});
         const std::uint8_t prefix = p[i] & 0xF0;
         std::copy(h.begin() + 9, h.end(), p.begin() + static_cast<std::ptrdiff_t>(i));

@@ -144,7 +144,7 @@ struct Case {
             multiplex.fault(f);
         const std::string found = run(multiplex, SIZE_MAX);
         EXPECT_EQ(found, expected);
-        for (const std::size_t piece : {0, 7}) // however it is cut
+        for (const std::size_t piece : {std::size_t{0}, std::size_t{7}}) // however it is cut
             EXPECT_EQ(run(multiplex, piece), found) << "pieces of " << piece;
     }
 };
