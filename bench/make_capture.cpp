@@ -246,8 +246,8 @@ class video : public elementary {
         append_noise(pes, static_cast<std::size_t>(size));
         index_++;
         sent_ = in_group == 0 ? share(type) : sent_ + share(type);
-        const auto groups = static_cast<double>((index_ - 1) / FRAMES);
-        return {std::move(pes), (groups + sent_) * GROUP};
+        const std::uint64_t groups = (index_ - 1) / FRAMES;
+        return {std::move(pes), (static_cast<double>(groups) + sent_) * GROUP};
     }
 
   private:

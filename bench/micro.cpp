@@ -96,7 +96,7 @@ std::vector<ts::packet> in_sequence(ts::packet_fields fields) {
 std::vector<ts::packet> pes_starts(unsigned pid, unsigned stream_id, bool with_dts) {
     std::vector<ts::packet> all;
     for (unsigned i = 0; i < COUNTERS; i++) {
-        ts::stamps when{.pts = CLOCK + 900 * i};
+        ts::stamps when{.pts = CLOCK + 900ULL * i};
         if (with_dts)
             when.dts = when.pts;
         all.push_back(ts::make_packet(
@@ -116,7 +116,7 @@ std::vector<ts::packet> clocked() {
 // ---- benchmarks --------------------------------------------------------------------------------
 
 void run(benchmark::State& state, analyzer& a, const std::vector<ts::packet>& packets) {
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         a.feed(packets);
     const auto count = static_cast<std::int64_t>(packets.size());
     state.SetItemsProcessed(state.iterations() * count);
@@ -210,7 +210,7 @@ void two_writes(benchmark::State& state) {
     const int human = fileno(log_fp(&g_log));
     const int machine = fileno(log_fp(&g_access_log));
     static constexpr std::array<char, 120> line{};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(write(human, line.data(), line.size()));
         benchmark::DoNotOptimize(write(machine, line.data(), line.size()));
     }

@@ -39,7 +39,7 @@ std::vector<std::uint8_t> lay_out(std::span<const std::uint8_t> input, std::size
             break;
         case hole: // about as long as what is held back; seldom, since it takes its time
             if (value % 8 == 1 && ++holes == 1)
-                capture.junk(Framer::hold_limit - 1000 + 8 * count);
+                capture.junk(Framer::hold_limit - 1000 + std::size_t{8} * count);
             break;
         case cut:
             capture.cut(std::min<std::size_t>(count, capture.bytes.size()));

@@ -83,6 +83,29 @@ struct Host : Sink {
 
 constexpr unsigned pids[] = {0, 0x100, 0x101, 0x102, 0x1000, 0x1001, 0x11, 0x1FFF};
 
+// The last packet again, many times, also with its counter moved on.
+void send_again(Host& host, std::uint8_t with, bool move_on) {
+    for (unsigned n = 0; n < 1U + with * with; ++n) {
+        if (move_on)
+            host.last[3] =
+                static_cast<std::uint8_t>((host.last[3] & 0xF0) | ((host.last[3] + 1) & 15));
+        if (host.arrival != no_time)
+            host.arrival += Ticks{27} * with;
+        host.send(host.last);
+    }
+}
+
+ts::bytes some_table(unsigned which) {
+    static const ts::bytes sections[] = {
+        ts::pat_section({{1, 0x1000}, {2, 0x1001}}),
+        ts::pat_section({{1, 0x1000}}, {.version = 1}),
+        ts::pmt_section(1, 0x100, {{0x1B, 0x100}, {0x03, 0x101}}),
+        ts::pmt_section(1, 0x102, {{0x02, 0x100}, {0x0F, 0x101}}, {.version = 1}),
+        ts::pmt_section(2, 0x1FFF, {{0x06, 0x102}, {0x81, 0x101}}),
+    };
+    return ts::pointed(sections[which % 5]);
+}
+
 void record(Host& host, std::uint8_t what, std::uint8_t with, std::span<const std::uint8_t> in) {
     unsigned& counter = host.counters[with % 8];
     ts::packet_fields f{.pid = pids[with % 8], .cc = counter & 15};
@@ -115,30 +138,13 @@ void record(Host& host, std::uint8_t what, std::uint8_t with, std::span<const st
                          in.begin() +
                              static_cast<std::ptrdiff_t>(std::min<std::size_t>(in.size(), 150)));
         return host.send(ts::make_packet(f));
-    case table: {
+    case table:
         ++counter;
-        static const ts::bytes sections[] = {
-            ts::pat_section({{1, 0x1000}, {2, 0x1001}}),
-            ts::pat_section({{1, 0x1000}}, {.version = 1}),
-            ts::pmt_section(1, 0x100, {{0x1B, 0x100}, {0x03, 0x101}}),
-            ts::pmt_section(1, 0x102, {{0x02, 0x100}, {0x0F, 0x101}}, {.version = 1}),
-            ts::pmt_section(2, 0x1FFF, {{0x06, 0x102}, {0x81, 0x101}}),
-        };
-        const unsigned which = in.empty() ? 0 : in[0] % 5;
         f.pusi = true;
-        f.payload = ts::pointed(sections[which]);
+        f.payload = some_table(in.empty() ? 0 : in[0]);
         return host.send(ts::make_packet(f));
-    }
     case again:
-        for (unsigned n = 0; n < 1U + with * with; ++n) {
-            if (in.size() % 2 == 1)
-                host.last[3] =
-                    static_cast<std::uint8_t>((host.last[3] & 0xF0) | ((host.last[3] + 1) & 15));
-            if (host.arrival != no_time)
-                host.arrival += 27 * with;
-            host.send(host.last);
-        }
-        return;
+        return send_again(host, with, in.size() % 2 == 1);
     case lost: {
         static constexpr quarn::Kind how[] = {quarn::Kind::missing, quarn::Kind::inserted,
                                               quarn::Kind::garbled};
@@ -147,7 +153,7 @@ void record(Host& host, std::uint8_t what, std::uint8_t with, std::span<const st
     }
     case datagram:
         return host.stream.datagrams(
-            {with & 1 ? quarn::Kind::loss : quarn::Kind::order, with, 7 * with});
+            {with & 1 ? quarn::Kind::loss : quarn::Kind::order, with, std::int64_t{7} * with});
     default:
         host.arrival = (host.arrival == no_time ? 0 : host.arrival) +
                        static_cast<Ticks>(value % (10 * ticks_per_second));

@@ -156,7 +156,7 @@ double Job::number(const char* name, double most) {
 }
 
 std::string Job::word(const char* name) {
-    const std::string text = value(name);
+    std::string text = value(name);
     record.parameters[name] = text;
     return text;
 }

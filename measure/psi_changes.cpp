@@ -244,14 +244,17 @@ Network network_of(const Sections& sections) {
 
 void item_change(Changes& changes, What what, std::optional<int> number, const Item* before,
                  const Item* after) {
-    if (!before)
+    if (before && after) {
+        if (before->words != after->words)
+            add(changes, {Op::changed, what, number, std::nullopt, before->words, after->words});
+        else
+            descriptor_change(changes, number, std::nullopt, before->descriptors,
+                              after->descriptors);
+    } else if (after) {
         add(changes, {Op::added, what, number, std::nullopt, std::nullopt, after->words});
-    else if (!after)
+    } else if (before) {
         add(changes, {Op::removed, what, number, std::nullopt, before->words, std::nullopt});
-    else if (before->words != after->words)
-        add(changes, {Op::changed, what, number, std::nullopt, before->words, after->words});
-    else
-        descriptor_change(changes, number, std::nullopt, before->descriptors, after->descriptors);
+    }
 }
 
 std::string transport_words(const Sections& sections) {

@@ -40,7 +40,7 @@ bytes adaptation_field(const adaptation& a, std::size_t least) {
 }
 
 // One time stamp: prefix, 33 bits in three parts, a marker bit behind each.
-void put_stamp(bytes& out, unsigned prefix, std::uint64_t value) {
+void put_stamp(bytes& out, std::uint64_t prefix, std::uint64_t value) {
     put(out, {prefix << 4 | (value >> 30 & 7) << 1 | 1, value >> 22, (value >> 14 & 0xfe) | 1,
               value >> 7, (value << 1 & 0xfe) | 1});
 }
@@ -71,7 +71,7 @@ packet filled(unsigned pid, bool start, const bytes& payload) {
 }
 
 bytes pes_header(unsigned stream_id, const stamps& when) {
-    const unsigned pts = when.pts ? 1 : 0, dts = when.dts ? 1 : 0;
+    const std::uint64_t pts = when.pts ? 1 : 0, dts = when.dts ? 1 : 0;
     bytes h;
     put(h, {0, 0, 1, stream_id, 0, 0, 0x80, pts << 7 | dts << 6, 5 * (pts + dts)});
     if (when.pts)

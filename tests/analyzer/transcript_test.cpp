@@ -58,7 +58,7 @@ class transcript_test : public analyzer_test {
         for (; fed < s.size(); fed++)
             if (const int rc = process(s.packets()[fed]); rc != 0)
                 shown += "result " + std::to_string(rc) + "\n";
-        const std::string all = marked("h ", log.human()) + marked("m ", log.machine()) + shown;
+        std::string all = marked("h ", log.human()) + marked("m ", log.machine()) + shown;
         log.clear();
         return all;
     }

@@ -31,7 +31,7 @@ Recorder receive(const Sents& sents) {
         const auto begin = capture.bytes.begin() + 188 * (sent.sequence % 65536 % 5000);
         const Bytes datagram =
             rtp(static_cast<std::uint16_t>(sent.sequence), Bytes(begin, begin + 188), sent.ssrc);
-        stream.push({datagram, sent.ms * 27'000, no_time});
+        stream.push({datagram, Ticks{27'000} * sent.ms, no_time});
     }
     stream.flush();
     return recorder;
