@@ -24,14 +24,18 @@ File open_file(const std::string& path, const char* mode) {
     return file;
 }
 
-Bytes section_at(const std::vector<Item>& items, const std::vector<std::size_t>& of_pid,
-                 std::size_t first, std::vector<std::size_t>& used) {
+// The section that begins in a packet; none where it is not whole.
+void find_section(const std::vector<Item>& items, const std::vector<std::size_t>& of_pid,
+                  std::size_t first, Unit& unit) {
     const Packet& start = items[of_pid[first]].bytes;
     const std::size_t at = payload_at(start);
-    const std::size_t begin = at < PACKET_SIZE ? at + 1 + start[at] : PACKET_SIZE;
+    if (at == PACKET_SIZE) {
+        return;
+    }
+    const std::size_t begin = at + 1 + start[at];
     Bytes data(start.begin() + static_cast<std::ptrdiff_t>(std::min(begin, PACKET_SIZE)),
                start.end());
-    used.push_back(of_pid[first]);
+    unit.items.push_back(of_pid[first]);
     const auto size = [&data] {
         return data.size() < 3 ? std::size_t{3}
                                : 3U + (static_cast<std::size_t>(data[1] & 0x0F) << 8 | data[2]);
@@ -39,16 +43,18 @@ Bytes section_at(const std::vector<Item>& items, const std::vector<std::size_t>&
     for (std::size_t next = first + 1; data.size() < size() && next < of_pid.size(); ++next) {
         const Packet& p = items[of_pid[next]].bytes;
         if (unit_starts(p)) {
-            return {};
+            return;
         }
         data.insert(data.end(), p.begin() + static_cast<std::ptrdiff_t>(payload_at(p)), p.end());
-        used.push_back(of_pid[next]);
+        unit.items.push_back(of_pid[next]);
     }
     if (data.size() < size() || data[0] == 0xFF) {
-        return {};
+        return;
     }
-    data.resize(size());
-    return data;
+    const auto end = data.begin() + static_cast<std::ptrdiff_t>(size());
+    unit.shared = start[at] != 0 || (end != data.end() && *end != 0xFF);
+    data.erase(end, data.end());
+    unit.section = std::move(data);
 }
 
 bool registered_as(const Bytes& d, std::size_t i, const char* name) {
@@ -287,7 +293,7 @@ std::vector<Unit> Capture::units(int pid) const {
     for (std::size_t k = 0; k < of_pid.size(); ++k) {
         if (unit_starts(items[of_pid[k]].bytes)) {
             Unit unit;
-            unit.section = section_at(items, of_pid, k, unit.items);
+            find_section(items, of_pid, k, unit);
             if (unit.section.size() > 4) {
                 out.push_back(std::move(unit));
             }
@@ -395,7 +401,21 @@ bool Capture::has_room(std::size_t i, int pid, std::size_t packets) const {
     return !constant || packets == 0 || i == items.size();
 }
 
+void Capture::refuse_shared(const Unit& unit) {
+    if (unit.shared) {
+        throw Refused("the table shares its packets with other sections");
+    }
+}
+
+void Capture::take_out(const Unit& unit) {
+    refuse_shared(unit);
+    for (const std::size_t i : unit.items) {
+        take_out(i);
+    }
+}
+
 void Capture::replace(const Unit& unit, const Bytes& section) {
+    refuse_shared(unit);
     const int pid = pid_of(items[unit.items.front()].bytes);
     auto packets = packets_of(section, pid);
     if (packets.size() > unit.items.size() &&

@@ -44,10 +44,11 @@ struct Item {
     Bytes raw;          // written in its place where it is no whole packet any more
 };
 
-// A section, and the items that carry it.
+// A section, and the items that carry it. Of several that begin in one packet only the first.
 struct Unit {
     Bytes section;
     std::vector<std::size_t> items;
+    bool shared = false; // other sections lie in its packets
 };
 
 class Capture {
@@ -83,6 +84,8 @@ class Capture {
     // Takes an item out as if it had never been sent: a null packet at a constant rate. A PCR
     // stays if it is wanted. The counters are closed by settle().
     void take_out(std::size_t i, bool keep_pcr = false);
+    // Throws Refused where other sections would go with it.
+    void take_out(const Unit& unit);
     // Adds packets at an item or, at a constant rate, in the next null packets from there on, at
     // the end where there are none. Indexes from `i` on become invalid. Returns the ids.
     std::vector<std::uint32_t> add(std::size_t i, const std::vector<Packet>& packets);
@@ -90,12 +93,14 @@ class Capture {
     std::uint32_t add_copy(std::size_t i, std::size_t behind);
     // Puts another section into the items of a unit, with more or fewer packets where needed. At a
     // constant rate a unit that grows and finds no null packets before the next one is left out.
+    // Throws Refused where other sections lie in these packets.
     void replace(const Unit& unit, const Bytes& section);
     // Counters of a pid go on without a break over what was added and taken out.
     void settle(int pid);
     void shift_counters(int pid, std::size_t from, int by);
 
   private:
+    static void refuse_shared(const Unit& unit);
     void survey();
     bool has_room(std::size_t i, int pid, std::size_t packets) const;
     const Stream* stream_of(int pid) const; // null: not in a PMT

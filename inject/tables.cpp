@@ -106,9 +106,7 @@ void leave_out(Job& job, const Table& table, int pid, const char* rule, int numb
     const bool pair = table.table_id == 0x4E && number < 0;
     const std::size_t first = pair ? 2 : 1;
     for (std::size_t k = first; k < last; ++k) {
-        for (const std::size_t i : units[k].items) {
-            ts.take_out(i);
-        }
+        ts.take_out(units[k]);
     }
     job.touches(units.at(first).items.front(), pid);
     Finding& finding =

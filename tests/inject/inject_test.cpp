@@ -351,6 +351,7 @@ TEST_F(Inject, SaysWhatIsWrongAndWhatWouldBeRight) {
     std::ofstream("short.ts") << bytes_of(captures().front()).substr(0, 5 * SIZE + 7);
     std::ofstream("null.ts") << "";
     const std::string clean = captures().front();
+    ASSERT_EQ(inject("--fault pat_sections " + clean + " packed.ts").status, 0);
     const struct {
         std::string arguments;
         int status;
@@ -375,6 +376,8 @@ TEST_F(Inject, SaysWhatIsWrongAndWhatWouldBeRight) {
         {"--fault loss@1000 " + clean + " o.ts", 2, {"loss", "ends after"}},
         {"--fault loss:pid=77 " + clean + " o.ts", 2, {"pid=77", "video, audio or a pid"}},
         {"--fault crc:table=bat " + clean + " o.ts", 2, {"table=bat", "pat, cat, pmt, nit"}},
+        {"--fault table_change:table=pat packed.ts o.ts", 2, {"shares its packets"}},
+        {"--fault table_gap:table=pat packed.ts o.ts", 2, {"shares its packets"}},
     };
     for (const auto& c : cases) {
         const Outcome outcome = inject(c.arguments);
