@@ -2,27 +2,28 @@
 
 #include <unistd.h>
 
-#include <array>
-#include <charconv>
 #include <functional>
 #include <iostream>
-#include <set>
 #include <sstream>
 #include <string_view>
 #include <thread>
 
 #include <CLI/CLI.hpp>
 
-#include "measure/rules.h"
 #include "meta.h"
-#include "nearest.h"
 #include "ordered.h"
-#include "reports/words.h"
+#include "settings/nearest.h"
+#include "settings/words.h"
 #include "status.h"
 
 namespace quarn::check {
 
 namespace {
+
+using settings::in_quotes;
+using settings::joined;
+using settings::nearest;
+using settings::number;
 
 constexpr unsigned most_jobs = 1024;
 
@@ -31,70 +32,13 @@ constexpr unsigned most_jobs = 1024;
     throw CLI::ValidationError(option, why);
 }
 
-std::string in_quotes(std::string_view text) {
-    return "\"" + std::string(text) + "\"";
-}
-
-template <class List, class Name>
-std::string joined(const List& list, Name name) {
-    std::string text;
-    for (const auto& item : list)
-        text += (text.empty() ? "" : ", ") + std::string(name(item));
-    return text;
-}
-
-/// The rule with that number or name, in small letters or capitals.
-Rule rule_of(const std::string& option, std::string_view text) {
-    const std::string wanted = CLI::detail::to_lower(std::string(text));
-    for (const RuleInfo& row : rule_table)
-        for (const std::string_view own : {row.id, row.name})
-            if (CLI::detail::to_lower(std::string(own)) == wanted)
-                return row.rule;
-    std::vector<std::string> near;
-    std::vector<std::string> names;
-    for (const RuleInfo& row : rule_table) {
-        if (!text.empty() && row.id.starts_with(wanted + "."))
-            near.emplace_back(row.id);
-        names.emplace_back(row.name);
-    }
-    if (near.empty())
-        near = nearest(text, names);
-    const auto itself = [](const std::string& name) { return name; };
-    refuse(option,
-           "there is no rule " + in_quotes(text) +
-               (near.empty() ? "; there are " +
-                                   joined(rule_table, [](const RuleInfo& row) { return row.id; })
-                             : "; did you mean " + joined(near, itself) + "?"));
-}
-
-/// A whole number from `least` to `most`.
-template <class T>
-T number(const std::string& option, std::string_view text, T least, T most) {
-    T value = 0;
-    const char* const end = text.data() + text.size();
-    const auto [rest, wrong] = std::from_chars(text.data(), end, value);
-    if (wrong != std::errc{} || rest != end || value < least || value > most)
-        refuse(option, in_quotes(text) + " is no whole number from " + std::to_string(least) +
-                           " to " + std::to_string(most));
-    return value;
-}
-
-/// The enumerator with that word.
-template <class E, std::size_t N>
-E one_of(const std::string& option, std::string_view text, const std::array<E, N>& all) {
-    for (const E e : all)
-        if (word(e) == text)
-            return e;
-    refuse(option, in_quotes(text) + " is none of " + joined(all, [](E e) { return word(e); }));
-}
-
-void add_rules(const std::string& option, std::string_view ids, std::set<Rule>& rules) {
-    for (;;) {
-        const std::size_t comma = ids.find(',');
-        rules.insert(rule_of(option, ids.substr(0, comma)));
-        if (comma == std::string_view::npos)
-            return;
-        ids.remove_prefix(comma + 1);
+/// Runs `take`, which reads the value of that option.
+template <class F>
+auto taken(const std::string& option, F&& take) {
+    try {
+        return take();
+    } catch (const settings::WrongValue& wrong) {
+        refuse(option, wrong.what());
     }
 }
 
@@ -104,8 +48,8 @@ Shard parse_shard(std::string_view text) {
         refuse("--shard", in_quotes(text) + " is not of the form I/N, such as 3/10");
     constexpr std::size_t most = 1'000'000'000;
     Shard shard;
-    shard.count = number<std::size_t>("--shard", text.substr(slash + 1), 1, most);
-    shard.index = number<std::size_t>("--shard", text.substr(0, slash), 1, shard.count);
+    shard.count = number<std::size_t>(text.substr(slash + 1), 1, most);
+    shard.index = number<std::size_t>(text.substr(0, slash), 1, shard.count);
     return shard;
 }
 
@@ -127,23 +71,13 @@ struct Given {
 void apply(const Given& given, CommandLine& line) {
     Options& measure = line.measure;
     measure.limits = limits_of(measure.profile);
-    for (const std::string& text : given.limits) {
-        const std::size_t equals = text.find('=');
-        if (equals == std::string::npos)
-            refuse("--limit",
-                   in_quotes(text) + " is not of the form NAME=VALUE, such as 1.3.a=500ms");
-        if (const std::string wrong =
-                set_limit(measure.limits, text.substr(0, equals), text.substr(equals + 1));
-            !wrong.empty())
-            refuse("--limit", wrong);
-    }
+    for (const std::string& text : given.limits)
+        taken("--limit", [&] { settings::set_limit_of(text, measure.limits); });
     for (const std::string& ids : given.require)
-        add_rules("--require", ids, measure.require);
+        taken("--require", [&] { settings::add_rules(ids, measure.require); });
     for (const std::string& ids : given.ignore)
-        add_rules("--ignore", ids, measure.ignore);
-    for (const Rule rule : measure.require)
-        if (measure.ignore.count(rule))
-            refuse("--require", std::string(info(rule).id) + " is ignored as well");
+        taken("--ignore", [&] { settings::add_rules(ids, measure.ignore); });
+    taken("--require", [&] { settings::check_rules(measure); });
 }
 
 void check_combination(const CommandLine& line) {
@@ -164,7 +98,10 @@ void check_combination(const CommandLine& line) {
 CLI::Option* with_value(CLI::App& app, const std::string& name, const std::string& value,
                         const std::string& help,
                         const std::function<void(const std::string&)>& take) {
-    return app.add_option_function<std::string>(name, take, help)->type_name(value);
+    const auto checked = [name, take](const std::string& text) {
+        taken(name, [&] { take(text); });
+    };
+    return app.add_option_function<std::string>(name, checked, help)->type_name(value);
 }
 
 /// One that may be given several times.
@@ -185,39 +122,30 @@ void add_outputs(CLI::App& app, CommandLine& line) {
         line.junit = text;
     });
     with_value(app, "--explain", "ID", "Show the page on a rule, such as 1.4, and end",
-               [&](const std::string& text) { line.explain = rule_of("--explain", text); });
+               [&](const std::string& text) { line.explain = settings::rule_of(text); });
 }
 
 void add_measuring(CLI::App& app, CommandLine& line, Given& given) {
     Options& m = line.measure;
     with_value(app, "--profile", "NAME", "Limits: dvb (default), strict, segment, tr101290",
-               [&](const std::string& text) {
-                   m.profile = one_of("--profile", text,
-                                      std::array{Profile::dvb, Profile::strict, Profile::segment,
-                                                 Profile::tr101290});
-               });
+               [&](const std::string& text) { m.profile = settings::profile_of(text); });
     repeated(app, "--limit", "NAME=VALUE", "Set a limit, such as 1.3.a=500ms; several times",
              given.limits);
     with_value(app, "--bitrate", "N", "Bits a second: the clock of a stream that has none",
                [&](const std::string& text) {
-                   m.bitrate = number<std::uint64_t>("--bitrate", text, 1, 1'000'000'000'000);
+                   m.bitrate = number<std::uint64_t>(text, 1, 1'000'000'000'000);
                });
     app.add_flag("--dvb", m.dvb, "Judge all tables of SI, also those that never come");
     with_value(app, "--program", "N", "Findings and verdict of this program only",
-               [&](const std::string& text) {
-                   m.program = number<std::uint16_t>("--program", text, 1, 65535);
-               });
+               [&](const std::string& text) { m.program = number<std::uint16_t>(text, 1, 65535); });
     repeated(app, "--require", "IDS", "Insufficient where these rules cannot be judged",
              given.require);
     repeated(app, "--ignore", "IDS", "Leave these rules (such as 1.4,2.3.a) out of everything",
              given.ignore);
-    with_value(
-        app, "--fail-on", "SEVERITY",
-        "The least that makes \"failed\": error (default), "
-        "warning",
-        [&](const std::string& text) {
-            m.fail_on = one_of("--fail-on", text, std::array{Severity::error, Severity::warning});
-        });
+    with_value(app, "--fail-on", "SEVERITY",
+               "The least that makes \"failed\": error (default), "
+               "warning",
+               [&](const std::string& text) { m.fail_on = settings::least_severity_of(text); });
 }
 
 void add_inputs(CLI::App& app, CommandLine& line) {
@@ -232,9 +160,7 @@ void add_inputs(CLI::App& app, CommandLine& line) {
     with_value(app, "--flow", "ADDRESS:PORT", "Of a pcap: the datagrams to this destination",
                [&](const std::string& text) { line.flow = parse_flow(text); });
     with_value(app, "--jobs", "N", "Files at the same time (default: as many as processors)",
-               [&](const std::string& text) {
-                   line.jobs = number<unsigned>("--jobs", text, 1, most_jobs);
-               });
+               [&](const std::string& text) { line.jobs = number<unsigned>(text, 1, most_jobs); });
 }
 
 /// CLI11 names the argument it does not know; what it could have been stands behind.
@@ -248,9 +174,8 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
     const std::vector<std::string> unknown = app.remaining();
     const std::string given = unknown.empty() ? "" : unknown[0].substr(0, unknown[0].find('='));
     const std::vector<std::string> near = nearest(given, options);
-    const auto itself = [](const std::string& name) { return name; };
-    text += near.empty() ? "; options are " + joined(options, itself)
-                         : "; did you mean " + joined(near, itself) + "?";
+    text +=
+        near.empty() ? "; options are " + joined(options) : "; did you mean " + joined(near) + "?";
     return text;
 }
 

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <numeric>
 
-namespace quarn::check {
+namespace quarn::settings {
 
 namespace {
 
@@ -49,4 +49,4 @@ std::vector<std::string> nearest(std::string_view text, const std::vector<std::s
     return found;
 }
 
-} // namespace quarn::check
+} // namespace quarn::settings
