@@ -1,14 +1,10 @@
 // Whether something comes from an input.
 #pragma once
 
-#include <cstdint>
+#include "inputs/input_state.h"
 
 namespace quarn::live {
 
-enum class InputState : std::uint8_t {
-    waiting, // opened, nothing came yet
-    up,      // it is connected, or packets come
-    gone,    // it was up; it is being tried again
-};
+using inputs::InputState;
 
 } // namespace quarn::live
