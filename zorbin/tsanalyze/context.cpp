@@ -54,7 +54,7 @@ std::uint64_t tsan_get_pidx(tsan_t tc) {
 }
 
 void tsan_set_pidx(tsan_t tc, std::uint64_t idx) {
-    ptag(tc); // the last packet keeps its old index
+    ptag(tc); // made here, so that the last packet keeps its old index
     LOG(&g_log, WARN_level, "[%s] packet index changed from %llu to %llu\n", source(tc),
         tc->last_pkt_idx, static_cast<u64>(idx));
     tc->last_pkt_idx = idx;

@@ -48,13 +48,14 @@ PER_PACKET void setup_dat(tsan_ctx* tc, unsigned pid) {
         tc->dat = {-1, -1, pid == PAT_PID_NUM, false, nullptr, nullptr};
 }
 
-// A new packet: its tag is made when something quotes it, see ptag.cpp.
-PER_PACKET void mk_ptag(tsan_ctx* tc) {
+// Lets go of the last packet's tag. The new packet's is made when something quotes it, see
+// ptag.cpp.
+PER_PACKET void drop_ptag(tsan_ctx* tc) {
     tc->ptag[0] = '\0';
 }
 
-// A pair of counters: packets processed and packets analysed. A packet that is one is the other
-// too.
+// Counts in a pair of counters, packets processed and packets analysed. They are always equal, but
+// the statistics show both.
 PER_PACKET void inc_pkt_stat(u64& processed, u64& analysed) {
     processed++;
     analysed++;
@@ -178,7 +179,7 @@ static int idle(tsan_ctx* tc) {
         set_now(&tc->start_tm);
     tc->last_pkt_idx++;
     tc->ptotal++;
-    mk_ptag(tc);
+    drop_ptag(tc);
     if (pkt[0] != MPEG_TS_SYNC) [[unlikely]]
         return out_of_sync(tc);
     upsert_pkt_info(tc, pid, pkt);
@@ -213,7 +214,7 @@ PER_PACKET bool take_plain_packet(tsan_ctx* tc, ts_packet pkt) {
     setup_stream(tc, entry);
     tc->last_pkt_idx++;
     tc->ptotal++;
-    mk_ptag(tc);
+    drop_ptag(tc);
     mark_processed(tc, si);
     tc->last_cca.nmlr = -1;
     si->cc.value = cc;

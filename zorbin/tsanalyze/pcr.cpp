@@ -31,7 +31,8 @@ static void pcr_freq_check(tsan_ctx* tc, u64 pcr) {
 void new_pcr(tsan_ctx* tc, ts_packet pkt) {
     program_info* pg = prog(tc);
     const u64 pcr = ts_pcr_base(pkt);
-    std::memcpy(pg->pcr_ptag, ptag(tc), sizeof pg->pcr_ptag);
+    const char* const tag = ptag(tc); // made here, as long as it says the PCR before this one
+    std::memcpy(pg->pcr_ptag, tag, sizeof pg->pcr_ptag);
     if (tc->cfg.pcr_freq_ms != 0 && pg->last_pcr != 0)
         pcr_freq_check(tc, pcr);
     pg->last_pcr = pcr;

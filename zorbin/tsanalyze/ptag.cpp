@@ -1,7 +1,7 @@
 // ptag.cpp - the packet tag that lines quote: which packet, of what, how far behind the last PCR.
-// Nothing of a quiet packet's tag is ever made: it is made when something quotes it, and at the
-// latest before a PCR or the host changes what it says. Called by whoever writes a line; the text
-// lies in the context.
+// A quiet packet's tag is never made: the first line that quotes it makes it, and so does what is
+// about to change what it says, a PCR (new_pcr) or the host (tsan_set_pidx). Once made it stays
+// until the next packet drops it. Called by whoever writes a line; the text lies in the context.
 #include <algorithm>
 #include <charconv>
 #include <string_view>
@@ -33,12 +33,16 @@ static char* put_tag(char* to, const tsan_ctx* tc) {
     return to;
 }
 
-const char* ptag(tsan_ctx* tc) {
-    if (tc->ptag[0] != '\0' || tc->ptotal == 0) // made before, or no packet yet
-        return tc->ptag;
+static void mk_ptag(tsan_ctx* tc) {
     char text[128];
     char* const end = put_tag(text, tc);
     // intended: cut at 62 characters, one less than there is room for.
     *std::copy(text, std::min(end, text + PKTIDX_LEN - 2), tc->ptag) = '\0';
+}
+
+const char* ptag(tsan_ctx* tc) {
+    const bool is_made = tc->ptag[0] != '\0';
+    if (!is_made && tc->ptotal != 0)
+        mk_ptag(tc);
     return tc->ptag;
 }
