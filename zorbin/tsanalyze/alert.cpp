@@ -86,7 +86,6 @@ void alert_cc_break(tsan_ctx* tc, unsigned pid, int last, int current) {
     ALERT_MACHINE(tc, "ALERT CC-BRK %s %u %llu %d %d %s\n", source(tc), pid, pg->last_seg_idx, last,
                   current, ptag(tc));
     pg->alert.cc_break++;
-    save_cca(tc, pid, last, current);
 }
 
 void alert_cc_rst(tsan_ctx* tc, unsigned pid, int last, int current, long elapsed_ms) {
@@ -96,7 +95,6 @@ void alert_cc_rst(tsan_ctx* tc, unsigned pid, int last, int current, long elapse
     ALERT_MACHINE(tc, "ALERT CC-RST %s %u %llu %d %d %ld %s\n", source(tc), pid, pg->last_seg_idx,
                   last, current, elapsed_ms, ptag(tc));
     pg->alert.cc_reset++;
-    save_cca(tc, pid, last, current);
 }
 
 void alert_cc_mlr(tsan_ctx* tc) {

@@ -40,7 +40,8 @@ static bool is_cc_mlr(const tsan_ctx* tc, unsigned pid, int last, int current) {
     return forward_distance(last, current) == cca.delta;
 }
 
-void save_cca(tsan_ctx* tc, unsigned pid, int last, int current) {
+// Notes an alert, and counts it if it belongs to the group.
+static void save_cca(tsan_ctx* tc, unsigned pid, int last, int current) {
     cc_alert_ctx& cca = tc->last_cca;
     if (is_cc_mlr(tc, pid, last, current))
         cca.nmlr++;
@@ -82,6 +83,7 @@ void cc_jump(tsan_ctx* tc, stream_info* si, int cc) {
         alert_cc_rst(tc, si->pid, last, cc, elapsed);
     else
         alert_cc_break(tc, si->pid, last, cc);
+    save_cca(tc, si->pid, last, cc);
 }
 
 void trace_cc(tsan_ctx* tc, unsigned pid, int cc) {

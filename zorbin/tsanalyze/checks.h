@@ -7,10 +7,9 @@
 inline constexpr int MIN_CC = 0;
 inline constexpr int MAX_CC = 15; // the counter is 4 bits wide
 
-// cc.cpp: a counter that does not follow si->cc.value; a trace line; the last alert, for grouping.
+// cc.cpp: a counter that does not follow si->cc.value; a trace line.
 void cc_jump(tsan_ctx* tc, stream_info* si, int cc);
 void trace_cc(tsan_ctx* tc, unsigned pid, int cc);
-void save_cca(tsan_ctx* tc, unsigned pid, int last, int current);
 
 // pcr.cpp: a packet that carries the program's PCR; a new stamp of an audio stream against it.
 void new_pcr(tsan_ctx* tc, ts_packet pkt);

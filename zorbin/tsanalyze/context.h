@@ -115,7 +115,8 @@ struct dgram_info {
     stream_info* stream;   // null: no stream packet
 };
 
-// The last continuity alert, for grouping losses that hit several pids alike.
+// The last continuity alert, for grouping losses that hit several pids alike. Kept by cc; intake
+// ends the group at a packet in order.
 struct cc_alert_ctx {
     u64 seg_idx;
     unsigned pid;

@@ -114,14 +114,25 @@ PER_PACKET void upsert_pkt_info(tsan_ctx* tc, unsigned pid, ts_packet pkt) {
 
 // ---- the checks of a stream --------------------------------------------------------------------
 
-// Follows the continuity counter of the current packet's stream `si`.
+// The rule of continuity: the counter goes up by one and wraps.
+PER_PACKET bool cc_follows(int last, int cc) {
+    return cc == ((last + 1) & MAX_CC);
+}
+
+// A packet in order, of whatever pid, ends the group of losses.
+PER_PACKET void end_loss_group(tsan_ctx* tc) {
+    tc->last_cca.nmlr = -1;
+}
+
+// Follows the continuity counter of the current packet's stream `si`, if cfg.cc_track asks for it;
+// cfg.trk.cc_track is about the trace line alone.
 PER_PACKET void cc_track(tsan_ctx* tc, stream_info* si, int cc) {
     const ssize_t i = tc->dat.istm;
     assert(i >= 0 && i < (ssize_t)prog(tc)->nstreams);
     const int last = si->cc.value;
     if (last != -1) [[likely]] {
-        if (cc == ((last + 1) & MAX_CC)) [[likely]]
-            tc->last_cca.nmlr = -1; // a packet in order ends the group of losses
+        if (cc_follows(last, cc)) [[likely]]
+            end_loss_group(tc);
         else
             cc_jump(tc, si, cc);
     }
@@ -209,14 +220,14 @@ PER_PACKET bool take_plain_packet(tsan_ctx* tc, ts_packet pkt) {
     const int cc = ts_cc(pkt);
     if (!tc->counts_only || tc->ndat_pcount != 0 || si->cc.value < 0)
         return false;
-    if (cc != ((si->cc.value + 1) & MAX_CC) || audio_is_due(tc, si))
+    if (!cc_follows(si->cc.value, cc) || audio_is_due(tc, si))
         return false;
     setup_stream(tc, entry);
     tc->last_pkt_idx++;
     tc->ptotal++;
     drop_ptag(tc);
     mark_processed(tc, si);
-    tc->last_cca.nmlr = -1;
+    end_loss_group(tc);
     si->cc.value = cc;
     return true;
 }
