@@ -155,7 +155,6 @@ struct tsan_ctx {
     seen_section seen_pat;
     section_collector pat_sections;
     section_collector pmt_sections[MAX_PMTS];
-    bool pmt_compared;            // the last cmp_PMT had memory to tell
     pid_entry pid_map[PID_COUNT]; // follows pmt_pid and the stream tables, see map_pids
     std::uint8_t work[SECTION_WORK];
 };

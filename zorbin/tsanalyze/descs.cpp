@@ -126,7 +126,7 @@ bool for_each_loop(std::uint8_t* pmt, Operation apply) {
 // Readers that trust lengths run at most a few kilobytes past a section: what follows it in its
 // packet belongs to what they see, and zeros lie behind. A descriptor may reach into the ones
 // behind it, so a tag that is changed can make it endless: all are looked at until none is.
-std::uint8_t* pmt_copy(tsan_ctx* tc, const section_view& section) {
+std::uint8_t* printable_pmt(tsan_ctx* tc, const section_view& section) {
     std::uint8_t* const pmt = tc->work;
     std::uint8_t* end = std::copy(section.bytes.begin(), section.bytes.end(), pmt);
     end = std::copy(section.behind.begin(), section.behind.end(), end);

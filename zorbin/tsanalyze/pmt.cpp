@@ -54,6 +54,7 @@ static char code2stype(std::uint8_t scode) {
 
 // ---- stream table ------------------------------------------------------------------------------
 
+// intended: a rebuild without such a stream leaves the index of before.
 static void note_pcr_stream(const tsan_ctx* tc, program_info* pg, const stream_info& si,
                             std::size_t idx) {
     if (si.pid != pg->pcr_pid)
@@ -63,8 +64,9 @@ static void note_pcr_stream(const tsan_ctx* tc, program_info* pg, const stream_i
         source(tc), pg->pcr_idx, si.stype, si.pid);
 }
 
-// intended: the first video stream that the slot ever saw stays the reference, and each further
-// one, those re-added by a rebuild included, draws the warning.
+// intended: the index is set once, by the first video stream that the program ever had, and stays
+// whatever stream a rebuild puts there; each further video stream, those that a rebuild adds again
+// included, draws the warning.
 static void note_ref_stream(const tsan_ctx* tc, program_info* pg, const stream_info& si,
                             std::size_t idx) {
     if (tc->cfg.max_pdts_delta == 0 || si.stype != 'V')
@@ -119,13 +121,8 @@ static ssize_t add_pmt_stream(tsan_ctx* tc, const std::uint8_t* es) {
     return add_stream(tc, pid, scode);
 }
 
-// ---- rendering ---------------------------------------------------------------------------------
-
-// Whether a rendering kept every line; repeating it then warns of nothing.
-static bool is_whole(const ctxt_spec* txt) {
-    return txt->buf && txt->buflen - txt->textlen > RENDERING_RESERVE;
-}
-
+// Reads the PMT at `pld`: the PCR's pid, the streams, added to those that the table has, and the
+// rendering if there is none.
 static void process_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     program_info* pg = prog(tc);
     LOG(&g_log, INFO_level, "Adding streams from PMT (pid%u) at %s\n", pid, ptag(tc));
@@ -153,11 +150,12 @@ static void process_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
 }
 
 void first_PMT(tsan_ctx* tc, const section_view& section, unsigned pid) {
-    process_PMT(tc, pmt_copy(tc, section), pid);
+    process_PMT(tc, printable_pmt(tc, section), pid);
 }
 
 // ---- changes -----------------------------------------------------------------------------------
 
+// All entries that are read of a PMT, those of unknown kinds included.
 static std::size_t count_entries(std::uint8_t* pld) {
     std::uint8_t n = 0;
     while (n < MAX_ES_ENTRIES && pmt_get_es(pld, n))
@@ -165,6 +163,7 @@ static std::size_t count_entries(std::uint8_t* pld) {
     return n;
 }
 
+// A place to force a mismatch by hand.
 static bool debug_pmt_cmp(const tsan_ctx*) {
     return false;
 }
@@ -176,13 +175,15 @@ static void trace_comparison(const tsan_ctx* tc, const char* result, unsigned pi
             prog(tc)->nstreams, count);
 }
 
-static int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
+enum class pmt_result { same, differs, unknown }; // unknown: memory is short
+
+// Compares the rendering of the PMT at `pld` with the one in use. Where they differ, raises the
+// alert and puts the new one into use; the stream table stays as it is.
+static pmt_result cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid, std::size_t count) {
     program_info* pg = prog(tc);
-    const std::size_t count = count_entries(pld);
     ctxt_spec new_txt;
-    tc->pmt_compared = open_ctxt(&new_txt, MAX_PMT_TXT) == 0;
-    if (!tc->pmt_compared)
-        return 0;
+    if (open_ctxt(&new_txt, MAX_PMT_TXT) != 0)
+        return pmt_result::unknown;
     render_pmt(pld, &new_txt);
     const bool differs = cmp_ctxt(&pg->txt_pmt, &new_txt) != 0 || debug_pmt_cmp(tc);
     if (differs) {
@@ -193,9 +194,10 @@ static int cmp_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     }
     close_ctxt(&new_txt);
     trace_comparison(tc, differs ? "MISMATCH" : "ok", pid, count);
-    return differs ? 1 : 0;
+    return differs ? pmt_result::differs : pmt_result::same;
 }
 
+// A stream that is still listed goes on where it was: all but what the PMT says of it.
 static void copy_stm_stats(stream_info* dst, const stream_info* src) {
     const stream_info named = *dst;
     *dst = *src;
@@ -204,6 +206,7 @@ static void copy_stm_stats(stream_info* dst, const stream_info* src) {
     dst->scode = named.scode;
 }
 
+// Builds the stream table anew. When memory is short it stays that of the PMT before.
 static void update_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     program_info* pg = prog(tc);
     const std::size_t old_count = pg->nstreams;
@@ -227,15 +230,22 @@ static void update_PMT(tsan_ctx* tc, std::uint8_t* pld, unsigned pid) {
     std::free(old);
 }
 
+// Whether a rendering kept every line; repeating it then warns of nothing.
+static bool is_whole(const ctxt_spec* txt) {
+    return txt->buf && txt->buflen - txt->textlen > RENDERING_RESERVE;
+}
+
 void compare_PMT(tsan_ctx* tc, const section_view& section, unsigned pid) {
     program_info* pg = prog(tc);
     if (is_seen(&pg->seen_pmt, section)) {
         trace_comparison(tc, "ok", pid, pg->seen_pmt.count);
         return;
     }
-    std::uint8_t* pld = pmt_copy(tc, section);
-    if (cmp_PMT(tc, pld, pid) != 0)
+    std::uint8_t* pld = printable_pmt(tc, section);
+    const std::size_t count = count_entries(pld);
+    const pmt_result result = cmp_PMT(tc, pld, pid, count);
+    if (result == pmt_result::differs)
         update_PMT(tc, pld, pid);
-    else if (tc->pmt_compared && is_whole(&pg->txt_pmt))
-        note_seen(&pg->seen_pmt, section, count_entries(pld));
+    else if (result == pmt_result::same && is_whole(&pg->txt_pmt))
+        note_seen(&pg->seen_pmt, section, count);
 }

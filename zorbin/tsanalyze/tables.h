@@ -21,16 +21,18 @@ void another_PAT(tsan_ctx* tc, const section_view& section);
 void dump_pat(tsan_ctx* tc, const char* msg, std::uint8_t** psec);
 void free_pats(tsan_ctx* tc);
 
-// descs.cpp: a copy of a PMT section that printers cannot leave and do not loop in. It lies in the
-// context and holds until the next call.
-[[nodiscard]] std::uint8_t* pmt_copy(tsan_ctx* tc, const section_view& section);
+// descs.cpp: a copy of a PMT section for bitstream's readers and printers: they stay inside it, and
+// descriptors that they would never get through have another tag. It lies in the context and holds
+// until the next call.
+[[nodiscard]] std::uint8_t* printable_pmt(tsan_ctx* tc, const section_view& section);
 
-// pmt.cpp: the first PMT of the current program, every later one; a static text.
+// pmt.cpp: a PMT while the current program has no streams, one while it has; a static text.
 void first_PMT(tsan_ctx* tc, const section_view& section, unsigned pid);
 void compare_PMT(tsan_ctx* tc, const section_view& section, unsigned pid);
 const char* stream_type_text(std::uint8_t scode);
 
-// render.cpp: the text of a PMT in a copy of pmt_copy, appended to `txt`. Allocates nothing.
+// render.cpp: the text of a PMT, a copy that printable_pmt made, appended to `txt`. Allocates
+// nothing.
 void render_pmt(std::uint8_t* pld, ctxt_spec* txt);
 
 // pids.cpp: makes the look-up table anew, after a change of the programs or streams.
