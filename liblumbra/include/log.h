@@ -285,7 +285,9 @@ bool logbuf_empty();
 [[gnu::format(printf, 3, 0)]] int logbuf_vprepare(log_ctx* log, int level, const char* fmt,
                                                   va_list ap);
 
-// Writes g_outbuf to every destination of the context and rotates when that is due.
+// Writes g_outbuf, unless it is empty, to the stream and to a mirror that is another output, and
+// lines of WARN_level and more severe to syslog if that is enabled; then rotates when that is due.
+// In a signal handler it leaves out syslog and rotation. The ring is log_lard's.
 void log_flush(log_ctx* log, int level);
 
 // Copies g_outbuf to the ring, and raises the ring's temperature by -level for negative levels.

@@ -105,9 +105,9 @@ constexpr std::uint64_t pes_get_DTS(ts_bytes pes) {
 inline constexpr unsigned PCR_ABORT_BACKWARD = 1; // calc_pcr_delta: abort when last < first
 inline constexpr unsigned PCR_LOG_GAP = 2;        // calc_pcr_delta: log a gap above half a second
 
-// Distance from `first` to `last` in units of 90 kHz. A `last` that lies less than half a second
-// behind the wrap of the 33-bit clock, with `first` before it, counts across the wrap. Otherwise a
-// `last` below a non-zero `first` is logged and measures 0.
+// Distance from `first` to `last` in units of 90 kHz. Where `last` is below `first`, the 33-bit
+// clock may have wrapped between them: if so measured they are less than half a second apart, that
+// is the distance; if not, the clock went back, which is logged and measures 0.
 [[nodiscard]] std::uint64_t calc_pcr_delta(std::uint64_t first, std::uint64_t last, unsigned flags);
 
 // The same with no flags, in units of 90 kHz and in whole milliseconds (truncated).

@@ -11,7 +11,7 @@ LOG_MODULE(0);
 using u64 = unsigned long long;
 
 static constexpr u64 PCR_WRAP = u64{1} << 33;  // the clock counts modulo this
-static constexpr u64 PCR_WRAP_MARGIN = 44999;  // farthest behind the wrap that still counts across
+static constexpr u64 PCR_WRAP_MARGIN = 44999;  // longest distance that counts across the wrap
 static constexpr unsigned PCR_GAP_MAX = 45000; // half a second
 
 std::uint64_t calc_pcr_delta(std::uint64_t first, std::uint64_t last, unsigned flags) {

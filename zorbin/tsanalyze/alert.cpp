@@ -1,6 +1,8 @@
-// alert.cpp - the words of every alert. Called by the checks, which decide; each operation here
-// writes the human line, then the machine line, then counts. Field orders differ between the two
-// renderings on purpose: scripts rely on both. Owns nothing.
+// alert.cpp - the words of every alert. Called by the checks, which decide; each operation writes
+// the human line, then the machine line, then counts, unless it says otherwise. Field orders differ
+// between the two renderings on purpose: scripts rely on both. LOST-SYNC is different: hosts find
+// it, and when they should give up is decided here, by a period and a count that all contexts
+// share.
 #include <ctime>
 
 #include "alert.h"
@@ -61,8 +63,6 @@ void alert_pat_diff(tsan_ctx* tc, std::size_t nadded, std::size_t ndel) {
     tc->gac.pat_diff++;
 }
 
-// `count` counts all entries of the new PMT, the program's own count only streams that are
-// followed.
 void alert_pmt_diff(tsan_ctx* tc, unsigned pid, const ctxt_spec* new_txt, std::size_t count,
                     unsigned pcr_pid) {
     program_info* pg = prog(tc);
@@ -137,7 +137,7 @@ void alert_pcr_freq(tsan_ctx* tc, u64 pcr, u64 gap_ms) {
 
 // ---- time stamps -------------------------------------------------------------------------------
 
-// The caller counts: the name alone tells the two alerts apart here.
+// The caller counts: here only `name` tells AV-DELTA0 from AV-DELTA+.
 void dump_time_info(tsan_ctx* tc, const char* name, stamp which, u64 delta_ms,
                     const stream_info* ref, const stream_info* si) {
     const program_info* pg = prog(tc);

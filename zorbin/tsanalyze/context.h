@@ -95,19 +95,19 @@ struct program_info {
     char pcr_ptag[PKTIDX_LEN]; // tag of that packet
     bool got_pcr;
     unsigned pcr_pid;
-    ssize_t pcr_idx; // stream that carries the PCR, -1: none
+    ssize_t pcr_idx; // index of the stream that last was listed with the PCR's pid, -1: none ever
     unsigned curr_pmt_pid;
     ctxt_spec txt_pmt;         // rendering of the PMT in use
     seen_section seen_pmt;     // PMT section whose rendering txt_pmt is
-    ssize_t ref_idx;           // video stream that audio is held against, -1: none
-    u64 last_seg_idx;          // input segment
+    ssize_t ref_idx;           // index of the stream that audio is held against, -1: none ever
+    u64 last_seg_idx;          // input segment, "dgram:" in lines
     std::uint8_t skip_pmt_out; // calls since the PMT lines were last part of the STAT lines
     pg_alert_count alert;
     aggr_val av_pdts_delta, av_pcr_delta, av_pcr_freq; // ms
     sa_stats stat;
 };
 
-// What the current packet is.
+// What the current packet is; "dgram:" in lines is something else, see last_seg_idx.
 struct dgram_info {
     ssize_t ipg, istm; // program and stream index, -1: none
     bool is_pat, is_pmt;

@@ -1,8 +1,9 @@
 // intake.cpp - the road of one packet, in order: where its pid belongs, its index, its tag, its
 // sync byte, then what it is for the analysis (upsert_pkt_info), the packet counters and the checks
 // of its stream (analyze_pkt). The road stands at the end of the file, its steps before it.
-// tsan_process is called by hosts for every packet; it owns nothing, allocates nothing, and formats
-// nothing but what is reported and the tags of PCR packets.
+// tsan_process is called by hosts for every packet. A packet of a stream allocates nothing and
+// formats nothing but what is reported and the tags of PCR packets; tables may do both. Owned here:
+// the time of the last idle notice.
 #include <cassert>
 #include <ctime>
 
@@ -61,7 +62,8 @@ PER_PACKET void inc_pkt_stat(u64& processed, u64& analysed) {
     analysed++;
 }
 
-// Counts a packet of the current program's stream `si`.
+// Counts a packet of the current program's stream `si`, analysed or not: in the stream, in the
+// program and in the program's kind of stream.
 PER_PACKET void mark_processed(tsan_ctx* tc, stream_info* si) {
     sa_stats& stat = prog(tc)->stat;
     const char stype = si->stype;
@@ -94,7 +96,8 @@ static void unknown_packet(tsan_ctx* tc, unsigned pid) {
             ptag(tc));
 }
 
-// Hands the packet to the tables, or the clocks of a stream's packet to the checks.
+// Takes from the packet what the analysis keeps: a table goes to tables, a PCR to pcr, the start of
+// a PES packet to pts.
 // intended: a stream on the SDT's pid is counted and its continuity checked, but its clocks are
 // passed over, as everything on that pid is.
 PER_PACKET void upsert_pkt_info(tsan_ctx* tc, unsigned pid, ts_packet pkt) {

@@ -1,5 +1,6 @@
-// tables.cpp - the way to the tables: sections of the PAT go to pat, those of a PMT to pmt, the
-// first ones apart from all later ones. Called by intake; owns nothing.
+// tables.cpp - the way to the tables: sections of the PAT go to pat, those of a PMT to pmt, in each
+// case apart for the table that is read and those that are compared with it. Called by intake; owns
+// nothing.
 #include "tables.h"
 
 LOG_MODULE(0);
@@ -13,6 +14,8 @@ static void use_pat(tsan_ctx* tc, const section_view& section) {
     process_PAT(tc, section);
 }
 
+// A PMT that lists no stream of a known kind leaves the program without streams, so its next
+// repetition is read again.
 static void use_pmt(tsan_ctx* tc, const section_view& section) {
     const unsigned pid = tc->pmt_pid[tc->dat.ipg];
     if (prog(tc)->nstreams != 0) {
