@@ -144,10 +144,10 @@ void collect_sections(tsan_ctx* tc, section_collector* c, table_kind table, ts_p
         start(in, data.subspan(pointer));
 }
 
-// What follows counts as well: a descriptor may claim it.
+// What follows counts as well: a descriptor may claim it. (No section has the length 0 of "none".)
 bool is_seen(const seen_section* seen, const section_view& section) {
     const std::size_t len = section.bytes.size();
-    return seen->len != 0 && seen->len == len && seen->behind == section.behind.size() &&
+    return seen->len == len && seen->behind == section.behind.size() &&
            std::memcmp(seen->bytes, section.bytes.data(), len) == 0 &&
            std::equal(section.behind.begin(), section.behind.end(), seen->bytes + len);
 }
