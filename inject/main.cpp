@@ -78,9 +78,7 @@ int run(const Options& options) {
     return 0;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+int main_of(int argc, char** argv) {
     Options options;
     CLI::App app("Puts known faults into a clean capture and writes the truth to OUT.truth.jsonl.",
                  "quarn-inject");
@@ -95,17 +93,25 @@ int main(int argc, char** argv) {
     app.add_option("OUT", options.output, "capture with faults");
     try {
         app.parse(argc, argv);
-        if (*list) {
-            print_kinds();
-            return 0;
-        }
-        if (options.input.empty() || options.output.empty()) {
-            std::fprintf(stderr, "quarn-inject: two files are needed, IN and OUT; see --help\n");
-            return WRONG;
-        }
-        return run(options);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : WRONG;
+    }
+    if (*list) {
+        print_kinds();
+        return 0;
+    }
+    if (options.input.empty() || options.output.empty()) {
+        std::fprintf(stderr, "quarn-inject: two files are needed, IN and OUT; see --help\n");
+        return WRONG;
+    }
+    return run(options);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return main_of(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "quarn-inject: %s\n", error.what());
         return WRONG;

@@ -225,8 +225,9 @@ constexpr Kind KINDS[] = {
 
 void add_cat(Capture& ts) {
     const Bytes cat = make_section(1, 0xFFFF, 0, {0x09, 4, 0x0B, 0x00, 0xE6, 0x00});
-    for (double t = ts.duration - 0.5; t > 0; t -= 0.5) {
-        ts.add(ts.at(t), packets_of(cat, 1));
+    constexpr double every = 0.5;
+    for (int back = 1; ts.duration - back * every > 0; ++back) {
+        ts.add(ts.at(ts.duration - back * every), packets_of(cat, 1));
     }
     ts.settle(1);
 }

@@ -39,6 +39,22 @@ void FirstLook::put(const At& at, Body&& body) {
     queue_.insert(before, {at, std::forward<Body>(body)});
 }
 
+/// Of a damaged packet only pid and counter are looked at.
+void FirstLook::transport_error(const Packet& packet, const At& at) {
+    const std::uint16_t pid = packet.pid();
+    push(at, DamagedItem{pid});
+    if (null_run_ > 0)
+        not_null(at);
+    if (pid == null_pid)
+        return;
+    Pid& state = slot(pid);
+    damaged(state, pid, at);
+    if (packet.has_payload())
+        state.counter.damaged(packet.counter(), at);
+    if (state.es) // damaged, but there
+        alive(state, pid, at);
+}
+
 void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right) {
     const Packet packet(bytes);
     last_ = at;
@@ -56,20 +72,8 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
     }
     if (!right)
         push(at, SyncByteItem{pid, garbled_.has_value()});
-    if (packet.transport_error()) {
-        push(at, DamagedItem{pid});
-        if (null_run_ > 0)
-            not_null(at);
-        if (pid != null_pid) {
-            Pid& state = slot(pid);
-            damaged(state, pid, at);
-            if (packet.has_payload())
-                state.counter.damaged(packet.counter(), at);
-            if (state.es) // damaged, but there
-                alive(state, pid, at);
-        }
-        return;
-    }
+    if (packet.transport_error())
+        return transport_error(packet, at);
     if (pid == null_pid) {
         ++nulls_;
         if (null_run_++ == 0)
@@ -295,14 +299,14 @@ void FirstLook::new_programs(const ProgramsPtr& programs, const At& at) {
 void FirstLook::event(const At& at, EventBody&& body) {
     if (auto* pes = std::get_if<PesEvent>(&body)) {
         const std::uint16_t pid = pes->pid;
-        push(at, PesItem{std::move(*pes), pes_.packets_per_second(pid), pes_.ticks_per_start(pid)});
+        push(at, PesItem{*pes, pes_.packets_per_second(pid), pes_.ticks_per_start(pid)});
         return;
     }
     std::visit(
         [&](auto&& b) {
             using Body = std::decay_t<decltype(b)>;
             if constexpr (!std::is_same_v<Body, PesEvent>)
-                push(at, std::move(b));
+                push(at, std::forward<decltype(b)>(b));
         },
         std::move(body));
 }

@@ -149,6 +149,7 @@ class FirstLook final : EventSink, ContinuitySink {
     }
     template <class Body>
     void put(const At& at, Body&& body);
+    void transport_error(const Packet& packet, const At& at);
     void damaged(Pid& state, std::uint16_t pid, const At& at);
     void with_payload(Pid& state, const Packet& packet, const At& at, bool right);
     void broken(Pid& state, std::uint16_t pid, const At& before, const At& at);

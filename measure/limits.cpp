@@ -117,6 +117,7 @@ std::string set_limit(Limits& limits, std::string_view name, std::string_view va
 
 std::vector<std::string_view> limit_names() {
     std::vector<std::string_view> names;
+    names.reserve(std::size(named));
     for (const Named& row : named)
         names.push_back(row.name);
     return names;

@@ -331,8 +331,8 @@ void Losses::share_out(std::vector<Break*>& cluster, std::int64_t missing,
     for (const Break* b : cluster)
         rest -= b->lost;
     const bool nulls = null_share_ > no_nulls;
-    if (rest >= 16) {
-        Break* busiest = nullptr;
+    if (rest >= 16 && !cluster.empty()) {
+        Break* busiest = cluster.front();
         double most = -1;
         for (Break* b : cluster) {
             const double d =

@@ -77,7 +77,7 @@ void PesFront::programs(const Programs& programs) {
             slots[stream.pid] = static_cast<std::uint16_t>(units.size());
             if (before != none && units_[before].stream_type == stream.stream_type &&
                 units_[before].codec == stream.codec) {
-                units.push_back(std::move(units_[before]));
+                units.push_back(units_[before]);
                 continue;
             }
             Unit& unit = units.emplace_back();
