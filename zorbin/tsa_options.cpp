@@ -213,8 +213,8 @@ int parse_options(int argc, char* argv[]) {
     copy_text(g_cfg.fpath, argv[optind]);
     if (g_cfg.tsa.source[0] == '\0')
         copy_text(g_cfg.tsa.source, g_cfg.fpath);
-    // Every file logs as module 0, so this is the level of them all; messages about options came
-    // before it.
+    // The driver and the analyzer log as one module, so this is the level of both. Messages about
+    // options came before it.
     g_mod_ll[g_llctx.mod] = std::min<int>(g_cfg.verbosity, DEBUG_level);
 
     LOG(&g_log, INFO_level, "fpath=[%s], verbosity=%d, start-rec=%ld, max-recs: %zu\n", g_cfg.fpath,

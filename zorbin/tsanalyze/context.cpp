@@ -19,6 +19,7 @@ tsan_t tsan_init(const char* source_tag, const tsan_config* cfg, int* err) {
         return nullptr;
     }
     tc->cfg = *cfg;
+    // A packet of a stream may be on the SDT's pid, too, and then has a line of its own.
     tc->counts_only =
         cfg->is_enabled && cfg->cc_track && !cfg->trk.cc_track && !cfg->trk.sdt_ignore;
     tc->checks_audio = cfg->max_pcr_delta != 0 || cfg->max_pdts_delta != 0;

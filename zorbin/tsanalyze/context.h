@@ -3,6 +3,8 @@
 // Every structure is valid when all of it is zero; the few other start values (-1 indexes) are set
 // in tsan_init, and for streams in add_stream. The context is one block: nothing in it points into
 // another context, and only `pat`, `new_pat` and the PMT texts own memory besides.
+//
+// What an assertion of this folder asserts is printed when a stream breaks it: its wording stays.
 #pragma once
 
 #include <ctime>
@@ -93,7 +95,7 @@ struct program_info {
     u64 last_pcr;              // 90 kHz, 0: none
     u64 pcr_pktnum;            // index of the packet that carried it
     char pcr_ptag[PKTIDX_LEN]; // tag of that packet
-    bool got_pcr;
+    bool got_pcr;              // one was taken, be it 0
     unsigned pcr_pid;
     ssize_t pcr_idx; // index of the stream that last was listed with the PCR's pid, -1: none ever
     unsigned curr_pmt_pid;
@@ -135,8 +137,8 @@ struct alignas(4) pid_entry {
 
 struct tsan_ctx {
     tsan_config cfg;
-    bool counts_only;           // by the settings, a packet in order is just counted
-    bool checks_audio;          // audio time stamps are held against something
+    bool counts_only;           // by the settings, nothing but counting awaits a packet in order
+    bool checks_audio;          // by the settings, audio time stamps are held against something
     unsigned pmt_pid[MAX_PMTS]; // in PAT order; the first 0 ends the list
     program_info pg[MAX_PMTS];  // same order
     std::size_t nprogs;

@@ -116,6 +116,8 @@ struct merge_lists {
     std::size_t ndel;
 };
 
+// intended: what is left of `mark` is searched, so a pid that is listed again is added again, and a
+// pid 0 passes for an old one as soon as any was found or added.
 static void merge_entry(tsan_ctx* tc, merge_lists* m, unsigned pid) {
     const ssize_t j = find_pid(m->mark, m->n, pid);
     if (j >= 0) {

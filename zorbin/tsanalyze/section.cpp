@@ -115,7 +115,10 @@ void start(const section_input& in, ts_bytes data) {
 } // namespace
 
 // A section that lies in its packet is taken as it stands; one that was collected must have the
-// table's id and a correct CRC, since a lost packet leaves a hole in it.
+// table's id and a correct CRC, since a lost packet leaves a hole in it. A changed PAT may give a
+// program's collector another pid.
+// intended: a packet that announces no start is taken for one when it begins like a section that
+// ends in it.
 void collect_sections(tsan_ctx* tc, section_collector* c, table_kind table, ts_packet pkt,
                       section_handler handle) {
     const section_input in = {tc, c, table, ts_pid(pkt), handle};
