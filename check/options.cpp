@@ -12,7 +12,7 @@
 
 #include "meta.h"
 #include "ordered.h"
-#include "settings/nearest.h"
+#include "settings/command_line.h"
 #include "settings/words.h"
 #include "status.h"
 
@@ -20,27 +20,16 @@ namespace quarn::check {
 
 namespace {
 
+using settings::complaint;
 using settings::in_quotes;
 using settings::joined;
-using settings::nearest;
 using settings::number;
+using settings::refuse;
+using settings::repeated;
+using settings::taken;
+using settings::with_value;
 
 constexpr unsigned most_jobs = 1024;
-
-/// What is wrong with the value of an option, and what would be right.
-[[noreturn]] void refuse(const std::string& option, const std::string& why) {
-    throw CLI::ValidationError(option, why);
-}
-
-/// Runs `take`, which reads the value of that option.
-template <class F>
-auto taken(const std::string& option, F&& take) {
-    try {
-        return take();
-    } catch (const settings::WrongValue& wrong) {
-        refuse(option, wrong.what());
-    }
-}
 
 Shard parse_shard(std::string_view text) {
     const std::size_t slash = text.find('/');
@@ -94,24 +83,6 @@ void check_combination(const CommandLine& line) {
         refuse("FILE", "standard input (\"-\") can be read only once");
 }
 
-/// An option with a value, handed to `take` as it is parsed.
-CLI::Option* with_value(CLI::App& app, const std::string& name, const std::string& value,
-                        const std::string& help,
-                        const std::function<void(const std::string&)>& take) {
-    const auto checked = [name, take](const std::string& text) {
-        taken(name, [&] { take(text); });
-    };
-    return app.add_option_function<std::string>(name, checked, help)->type_name(value);
-}
-
-/// One that may be given several times.
-void repeated(CLI::App& app, const std::string& name, const std::string& value,
-              const std::string& help, std::vector<std::string>& values) {
-    with_value(app, name, value, help, [&values](const std::string& text) {
-        values.push_back(text);
-    })->trigger_on_parse();
-}
-
 void add_outputs(CLI::App& app, CommandLine& line) {
     app.add_flag("--json", line.json, "Records as JSON Lines instead of a report for people");
     app.add_flag("--quiet", line.quiet, "One line a file: verdict, name, why");
@@ -163,22 +134,6 @@ void add_inputs(CLI::App& app, CommandLine& line) {
                [&](const std::string& text) { line.jobs = number<unsigned>(text, 1, most_jobs); });
 }
 
-/// CLI11 names the argument it does not know; what it could have been stands behind.
-std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
-    std::string text = error.what();
-    if (!dynamic_cast<const CLI::ExtrasError*>(&error))
-        return text;
-    std::vector<std::string> options;
-    for (const CLI::Option* const option : app.get_options())
-        options.push_back(option->get_positional() ? "FILE" : option->get_name());
-    const std::vector<std::string> unknown = app.remaining();
-    const std::string given = unknown.empty() ? "" : unknown[0].substr(0, unknown[0].find('='));
-    const std::vector<std::string> near = nearest(given, options);
-    text +=
-        near.empty() ? "; options are " + joined(options) : "; did you mean " + joined(near) + "?";
-    return text;
-}
-
 } // namespace
 
 std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
@@ -208,7 +163,8 @@ std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
         out.write(text.str());
         return out.failed() ? status_error : status_healthy;
     } catch (const CLI::ParseError& error) {
-        std::cerr << "quarn-check: " << complaint(app, error) << "; see quarn-check --help\n";
+        std::cerr << "quarn-check: " << complaint(app, error, "FILE")
+                  << "; see quarn-check --help\n";
         return status_error;
     }
     return line;
