@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace quarn {
 
@@ -122,6 +123,9 @@ void StreamClock::pcr(const PcrPoint& pcr) {
         choose(pcr.at, false);
         return;
     }
+    if (candidate.points.empty() ||
+        pcr.at.index - candidate.points.back().pcr.at.index > packets_in(silence) / 2)
+        candidate.since = pcr.at.index;
     candidate.points.assign(1, {pcr, false, false});
     if (pcr.pid == pid_ && source_ == ClockSummary::Source::pcr)
         add_point(pcr);
@@ -182,7 +186,9 @@ void StreamClock::replace_or_bridge(const At& at, Ticks arrival, Ticks frames) {
         const auto c = candidates_.find(p.pcr_pid);
         if (p.pcr_pid == pid_ || c == candidates_.end() || c->second.points.empty())
             continue;
-        if (at.index - c->second.points.back().pcr.at.index < packets_in(silence) / 2) {
+        // Behind an outage of all pids another one may be back first.
+        if (at.index - c->second.points.back().pcr.at.index < packets_in(silence) / 2 &&
+            at.index - c->second.since > packets_in(silence) / 4) {
             pid_ = p.pcr_pid;
             moving_ = true;
             return;
@@ -282,17 +288,28 @@ void StreamClock::nulls(std::uint64_t from, std::uint64_t to) {
     nulls_.emplace_back(from, to);
 }
 
+// A PCR that changed places with its neighbours says nothing about either side of it.
+bool StreamClock::swapped_beside(std::uint64_t from, std::uint64_t to) const {
+    return std::any_of(swaps_.begin(), swaps_.end(), [&](const auto& s) {
+        return s.first <= to + datagram && s.second + datagram >= from;
+    });
+}
+
 bool StreamClock::disturbed_between(std::uint64_t from, std::uint64_t to) const {
     return std::any_of(disturbances_.begin(), disturbances_.end(),
                        [&](const Disturbance& d) { return in_range(d, from, to); });
 }
 
-Ticks StreamClock::broken_for(std::uint64_t from, std::uint64_t to) const {
+// Wherever no counter of the pid broke its PCRs may have come in time: a gap that its lost packets
+// explain.
+bool StreamClock::has_hole(const ClockInterval& i) const {
     std::uint64_t longest = 0;
     for (const Disturbance& d : disturbances_)
-        if (in_range(d, from, to))
-            longest = std::max(longest, std::min(d.to, to) - std::max(d.from, from));
-    return static_cast<Ticks>(static_cast<double>(longest) * rate_.ticks_per_packet());
+        if (in_range(d, i.from.at.index, i.to.at.index) && (d.pid == i.to.pid || d.pid == null_pid))
+            longest = std::max(longest,
+                               std::min(d.to, i.to.at.index) - std::max(d.from, i.from.at.index));
+    const auto rest = static_cast<double>(i.packets - longest) * rate_.ticks_per_packet();
+    return longest > 0 && rest <= static_cast<double>(pcr_limit_);
 }
 
 unsigned StreamClock::missing_between(std::uint64_t from, std::uint64_t to) const {
@@ -429,14 +446,12 @@ std::optional<ClockInterval> StreamClock::next(const At& last, bool at_end) {
 }
 
 void StreamClock::decide(ClockInterval& i) const {
-    // A PCR that changed places with its neighbours says nothing about either side of it.
-    for (const auto& [from, to] : swaps_)
-        if (from <= i.to.at.index + datagram && to + datagram >= i.from.at.index &&
-            std::abs(i.error) < static_cast<double>(ticks_per_second)) {
-            i.stretch = Stretch::lost;
-            i.disturbed = true;
-            return;
-        }
+    if (swapped_beside(i.from.at.index, i.to.at.index) &&
+        std::abs(i.error) < static_cast<double>(ticks_per_second)) {
+        i.stretch = Stretch::lost;
+        i.disturbed = i.swapped = true;
+        return;
+    }
     if (i.constant)
         decide_constant(i);
     else
@@ -465,9 +480,7 @@ void StreamClock::decide_constant(ClockInterval& i) const {
     else if ((explained && i.error > tpp / 4) || few)
         i.stretch = Stretch::lost;
     else if (i.distance > pcr_limit_) // its packets may have been taken away and the places filled
-        i.stretch = i.disturbed && broken_for(i.from.at.index, i.to.at.index) * 2 > i.distance
-                        ? Stretch::lost
-                        : Stretch::gap;
+        i.stretch = has_hole(i) ? Stretch::lost : Stretch::gap;
 }
 
 // No rate to lean on: the frames that began say how long it was.
@@ -491,7 +504,7 @@ void StreamClock::decide_variable(ClockInterval& i) const {
     const bool dark = longest_nulls(i.from.at.index, i.to.at.index) > 300 * ticks_per_ms;
     const bool torn =
         i.disturbed &&
-        (!as_frames ||
+        (!as_frames || has_hole(i) ||
          i.distance <=
              usual * static_cast<Ticks>(missing_between(i.from.at.index, i.to.at.index) + 2));
     if (i.distance > 0 && i.distance < longest_loss && (dark || torn))
@@ -522,12 +535,18 @@ Ticks StreamClock::elapsed(const ClockInterval& i) const {
 void StreamClock::keep(ClockInterval& i, const Point& from, const Point& to) {
     const bool whole = i.from.at.index != from.pcr.at.index;
     const Ticks begin = whole ? last_real_time_ : now_;
-    i.begin_time = begin;
-    i.end_time = std::max(begin + elapsed(i), now_);
     const double tpp = rate_.ticks_per_packet();
+    const Ticks owed = std::exchange(owed_, 0);
+    Ticks length = elapsed(i) + owed;
+    if (i.constant && i.swapped) { // packets lie at equal distances all the same
+        length = static_cast<Ticks>(static_cast<double>(i.packets) * tpp);
+        owed_ = owed + i.distance - length;
+    }
+    i.begin_time = begin;
+    i.end_time = std::max(begin + length, now_);
     // At a variable rate packets lie where they may: only a long hole is one.
     const double hole = i.constant ? tpp / 2 : 200.0 * ticks_per_ms;
-    const bool torn = i.stretch == Stretch::lost && i.error > hole;
+    const bool torn = i.stretch == Stretch::lost && !i.swapped && i.error > hole;
     const bool guessed = to.bridge && source_ == ClockSummary::Source::pcr && !i.constant &&
                          to.pcr.arrival == no_time;
     segments_.push_back({from.pcr.at.index, to.pcr.at.index, now_, i.end_time,

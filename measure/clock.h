@@ -53,6 +53,7 @@ struct ClockInterval {
     std::uint64_t packets = 0;
     std::uint64_t added = 0; // copies among them
     bool disturbed = false;  // something broke in it
+    bool swapped = false;    // a PCR at its ends changed places with other packets
     bool nulls = false;      // there is a run of null packets in it
     bool constant = false;   // the rate was constant
     Ticks begin_time = 0;    // on the stream clock
@@ -89,10 +90,9 @@ class StreamClock {
     Place place(const At& at) const;
 
     std::uint64_t added_between(std::uint64_t from, std::uint64_t to) const;
-    /// The longest time of that stretch that passed between two packets of a pid whose counter
-    /// broke.
-    Ticks broken_for(std::uint64_t from, std::uint64_t to) const;
     bool disturbed_between(std::uint64_t from, std::uint64_t to) const;
+    /// Packets in that stretch or a datagram beside it changed places.
+    bool swapped_beside(std::uint64_t from, std::uint64_t to) const;
     /// Packets in that many ticks at the rate so far (a variable one: the highest of late); for
     /// looking ahead, when times are not known yet.
     std::uint64_t packets_in(Ticks ticks) const;
@@ -133,6 +133,7 @@ class StreamClock {
     struct Candidate {
         std::deque<Point> points; // before the choice all of them, behind it the last one
         std::uint64_t count = 0;
+        std::uint64_t since = 0; // its PCRs came without a long pause from that packet on
     };
 
     void choose(const At& at, bool at_end);
@@ -151,6 +152,7 @@ class StreamClock {
     void decide_variable(ClockInterval& interval) const;
     Ticks elapsed(const ClockInterval& interval) const;
     void keep(ClockInterval& interval, const Point& from, const Point& to);
+    bool has_hole(const ClockInterval& interval) const;
     unsigned missing_between(std::uint64_t from, std::uint64_t to) const;
     std::uint64_t torn_at(std::uint64_t from, std::uint64_t to) const;
     Ticks longest_nulls(std::uint64_t from, std::uint64_t to) const;
@@ -181,6 +183,7 @@ class StreamClock {
     std::uint64_t known_to_ = 0;
     std::optional<At> sure_;
     Ticks bridged_time_ = 0; // of the bridges since the last PCR
+    Ticks owed_ = 0;         // by PCRs that changed places, until the next that did not
 };
 
 } // namespace quarn

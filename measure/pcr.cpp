@@ -198,7 +198,8 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
         state.accuracy.add(place, 0);
     } else {
         const std::uint64_t from = state.last->at.index;
-        const bool disturbed = clock.disturbed_between(from, point.at.index);
+        const bool disturbed = clock.disturbed_between(from, point.at.index) ||
+                               clock.swapped_beside(from, point.at.index);
         const Ticks distance = clock_distance(state.last->value, point.value, pcr_wrap);
         const Ticks off = distance - (place.time - state.last_place.time);
         const bool constant = clock.rate().constant();
