@@ -22,27 +22,55 @@ double without_packets(double error, double ticks_per_packet) {
     return whole != 0 && std::abs(rest) < 0.05 * ticks_per_packet ? rest : error;
 }
 
+template <class Iterator>
+double median(Iterator begin, Iterator end) {
+    const auto middle = begin + (end - begin) / 2;
+    std::nth_element(begin, middle, end);
+    return (*middle + *std::max_element(begin, middle)) / 2;
+}
+
+/// The middle of offsets that lie within `limit` of each other.
+template <class Iterator>
+std::optional<double> level(Iterator begin, Iterator end, double limit) {
+    const auto [least, most] = std::minmax_element(begin, end);
+    return *most - *least <= limit ? std::optional(median(begin, end)) : std::nullopt;
+}
+
 double ms(Ticks t) {
     return static_cast<double>(t) / ticks_per_ms;
 }
 
 } // namespace
 
-std::optional<PcrAccuracy::Result> PcrAccuracy::add(const Place& place, double error) {
+std::optional<PcrAccuracy::Result> PcrAccuracy::add(const Place& place, double error,
+                                                    double limit) {
     points_.push_back({place, points_.empty() ? 0 : points_.back().offset + error});
     if (points_.size() < 2 * around + 1)
         return std::nullopt;
-    std::array<double, 2 * around> others{};
-    for (std::size_t i = 0; i < others.size(); ++i)
-        others[i] = points_[i < around ? i : i + 1].offset;
-    std::nth_element(others.begin(), others.begin() + around, others.end());
-    const double upper = others[around];
-    const double lower = *std::max_element(others.begin(), others.begin() + around);
-    const Point& middle = points_[around];
-    const double off = middle.offset - (upper + lower) / 2;
-    const Result result = {middle.place, off * 1e9 / static_cast<double>(ticks_per_second)};
+    const double ns = off(limit) * 1e9 / static_cast<double>(ticks_per_second);
+    const Result result = {points_[around].place, ns};
     points_.pop_front();
     return result;
+}
+
+// How far the one in the middle is off the line of those around it.
+double PcrAccuracy::off(double limit) const {
+    std::array<double, 2 * around> others{};
+    const auto split = others.begin() + around;
+    const auto look = [&] {
+        for (std::size_t i = 0; i < others.size(); ++i)
+            others[i] = points_[i < around ? i : i + 1].offset;
+    };
+    look();
+    const double middle = points_[around].offset;
+    const double off = middle - median(others.begin(), others.end());
+    if (std::abs(off) <= limit)
+        return off;
+    look(); // in their order
+    const auto before = level(others.begin(), split, limit);
+    const auto behind = level(split, others.end(), limit);
+    const bool steps = before && behind && std::abs(*behind - *before) > limit;
+    return steps ? middle - *before : off; // the line itself goes on elsewhere
 }
 
 PcrRules::PcrRules(const Options& options, Output& output, JumpSink& jumps)
@@ -151,7 +179,7 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
             jumps_.clock_jumped(i.to.pid, from, to, true, true);
         first(i.to.pid, state, to); // named anew: begins anew
         state.accuracy.clear();
-        state.accuracy.add(to, 0);
+        state.accuracy.add(to, 0, 0);
         state.last = i.to;
         state.last_place = to;
         ++state.count;
@@ -163,7 +191,7 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
         begin.last = i.from;
         begin.last_place = from;
         ++begin.count;
-        begin.accuracy.add(from, 0);
+        begin.accuracy.add(from, 0, 0);
     }
     if (i.stretch == Stretch::moved) {
         Finding f = make(Rule::clock_jump, Kind::moved, i.to.pid);
@@ -195,7 +223,7 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
         if (!uncertain)
             first(point.pid, state, place);
         state.accuracy.clear();
-        state.accuracy.add(place, 0);
+        state.accuracy.add(place, 0, 0);
     } else {
         const std::uint64_t from = state.last->at.index;
         const bool disturbed = clock.disturbed_between(from, point.at.index) ||
@@ -241,7 +269,8 @@ void PcrRules::accuracy(std::uint16_t pid, State& state, const Place& place, dou
         state.accuracy.clear();
         error = 0;
     }
-    const auto result = state.accuracy.add(place, error);
+    const double limit = options_.limits.pcr_accuracy_ns * ticks_per_second / 1e9;
+    const auto result = state.accuracy.add(place, error, limit);
     if (!result)
         return;
     const bool bad = std::abs(result->error_ns) > options_.limits.pcr_accuracy_ns;

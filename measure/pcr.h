@@ -35,7 +35,9 @@ class PcrAccuracy {
     };
     /// The next PCR of the pid, undisturbed since the one before; `error`: ticks that it lies
     /// behind what the packets since then account for. Gives the one in the middle of the window.
-    std::optional<Result> add(const Place& place, double error);
+    /// Where all go on by more than `limit` (ticks) ahead or behind, only the first of them is off,
+    /// by the whole step.
+    std::optional<Result> add(const Place& place, double error, double limit);
     /// Something broke: begins anew.
     void clear() { points_.clear(); }
 
@@ -45,6 +47,7 @@ class PcrAccuracy {
         Place place;
         double offset = 0; // ticks, from the constant rate
     };
+    double off(double limit) const;
     std::deque<Point> points_;
 };
 
