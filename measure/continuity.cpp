@@ -112,7 +112,7 @@ std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& pa
         sink.added(first.at, static_cast<unsigned>(n));
         return n;
     }
-    std::size_t swapped = wrong_order(packets);
+    std::size_t swapped = wrong_order(packets, at_end);
     if (swapped == 0)
         swapped = swapped_datagrams(packets);
     if (swapped > 0) {
@@ -156,7 +156,7 @@ std::size_t PidCounter::second_copies(const std::vector<Waiting>& packets, bool 
 
 // How many packets from the break on are what should have come, in another order. Whole datagrams
 // that changed places give long ones: up to four datagrams of the input.
-std::size_t PidCounter::wrong_order(const std::vector<Waiting>& packets) const {
+std::size_t PidCounter::wrong_order(const std::vector<Waiting>& packets, bool at_end) const {
     constexpr std::size_t longest = 9;
     const auto offset = [&](std::size_t i) { return (packets[i].counter - next_) & 15u; };
     const auto close = [&](std::size_t m) {
@@ -165,13 +165,16 @@ std::size_t PidCounter::wrong_order(const std::vector<Waiting>& packets) const {
             seen |= 1u << offset(i);
         return seen == (1u << m) - 1;
     };
-    for (std::size_t m = 2; m <= 15 && m < packets.size(); ++m) {
+    const auto goes_on = [&](std::size_t m) {
+        return m >= packets.size() || offset(m) == (m & 15);
+    };
+    const std::size_t most = packets.size() - (at_end ? 0 : 1); // at the end nothing need follow
+    for (std::size_t m = 2; m <= 15 && m <= most; ++m) {
         if (m > longest && packets[m - 1].at.index >= packets.front().at.index + datagrams)
             break;
         if (!close(m))
             continue;
-        const bool follows =
-            offset(m) == (m & 15) && (m + 1 >= packets.size() || offset(m + 1) == ((m + 1) & 15));
+        const bool follows = goes_on(m) && goes_on(m + 1);
         if (follows)
             return m;
     }

@@ -135,6 +135,8 @@ class PidCounter {
     /// Decides what is held, for it is old enough or nothing comes behind it.
     void settle(std::uint16_t pid, bool at_end, ContinuitySink& sink);
     bool holds() const { return held_ != nullptr; }
+    /// All that is held has the counter of the packet before: it may be frozen.
+    bool stands() const { return held_ && same_counter(held_->packets) == held_->packets.size(); }
     /// The first packet that is held. Only while holds().
     const At& held_since() const;
     /// The next packet sets the counter without judgement.
@@ -177,7 +179,7 @@ class PidCounter {
                        ContinuitySink& sink);
     std::size_t second_copies(const std::vector<Waiting>& packets, bool at_end,
                               std::uint64_t within) const;
-    std::size_t wrong_order(const std::vector<Waiting>& packets) const;
+    std::size_t wrong_order(const std::vector<Waiting>& packets, bool at_end) const;
     std::size_t swapped_datagrams(const std::vector<Waiting>& packets) const;
     std::size_t same_counter(const std::vector<Waiting>& packets) const;
 

@@ -9,8 +9,9 @@ namespace {
 constexpr Ticks look_every = 100 * ticks_per_ms;
 constexpr std::uint64_t look_at_least = 32; // packets
 constexpr Ticks hold_at_most = 450 * ticks_per_ms;
-constexpr Ticks plain_distance = 40 * ticks_per_ms; // the strictest limit of PCRs
-constexpr std::uint64_t far_copy = 14;              // packets
+constexpr Ticks hold_standing = 4500 * ticks_per_ms; // tables come seldom: three of up to 2 s
+constexpr Ticks plain_distance = 40 * ticks_per_ms;  // the strictest limit of PCRs
+constexpr std::uint64_t far_copy = 14;               // packets
 constexpr std::uint64_t null_run_of_note = 20;
 } // namespace
 
@@ -26,8 +27,14 @@ FirstLook::Pid& FirstLook::slot(std::uint16_t pid) {
         Pid& state = pids_.back();
         state.table = tables_.wants(pid);
         state.es = pes_.follows(pid);
+        state.type = type_of(pid);
     }
     return pids_[slots_[pid]];
+}
+
+int FirstLook::type_of(std::uint16_t pid) const {
+    const ElementaryStream* stream = tables_.current()->stream(pid);
+    return stream != nullptr ? stream->stream_type : -1;
 }
 
 // Faults that were decided late go to where they were.
@@ -262,8 +269,8 @@ void FirstLook::settle_old(const At& at) {
         return;
     std::erase_if(holding_, [&](std::uint16_t pid) {
         Pid& state = pids_[slots_[pid]];
-        if (state.counter.holds() &&
-            clock_.passed(state.counter.held_since().index, at, hold_at_most))
+        const Ticks most = state.table && state.counter.stands() ? hold_standing : hold_at_most;
+        if (state.counter.holds() && clock_.passed(state.counter.held_since().index, at, most))
             state.counter.settle(pid, true, *this);
         state.holding = state.counter.holds();
         return !state.holding;
@@ -286,8 +293,7 @@ void FirstLook::new_programs(const ProgramsPtr& programs, const At& at) {
         Pid& state = pids_[slots_[pid]];
         const auto id = static_cast<std::uint16_t>(pid);
         const bool es = pes_.follows(id);
-        const ElementaryStream* stream = programs->stream(id);
-        const int type = stream != nullptr ? stream->stream_type : -1;
+        const int type = type_of(id);
         if ((state.es && !es) || (state.type >= 0 && type >= 0 && type != state.type))
             state.counter.forget(id, *this); // what comes back begins anew
         state.type = type;

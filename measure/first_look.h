@@ -143,6 +143,7 @@ class FirstLook final : EventSink, ContinuitySink {
     void added(const At& at, unsigned packets) override { clock_.added(at, packets); }
 
     Pid& slot(std::uint16_t pid);
+    int type_of(std::uint16_t pid) const; // stream_type; -1: none
     template <class Body>
     void push(const At& at, Body&& body) {
         queue_.push_back({at, std::forward<Body>(body)});

@@ -288,6 +288,8 @@ void Multiplex::fault(const std::string& words) {
         const unsigned same = found.counter();
         each(count(3), HUGE_VAL,
              [&](Sent& s) { s.bytes[3] = static_cast<std::uint8_t>((s.bytes[3] & 0xF0) | same); });
+    } else if (what == "mark") {
+        each(count(3), HUGE_VAL, [n = std::uint8_t{0}](Sent& s) mutable { s.bytes[187] = n++; });
     } else if (what == "flag") {
         place->bytes[5] |= 0x80;
     } else if (what == "flagged") {
