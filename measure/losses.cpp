@@ -121,12 +121,15 @@ void Losses::sixteens(const PesEvent& event, const Traffic& traffic, const Place
                       double step, double lacks, double per_second) {
     const double whole = std::round(lacks / 16) * 16;
     const bool by_length = step == 0;
-    if (whole < 16 || whole > 48 || std::abs(lacks - whole) > (by_length ? 1.0 : 2.0))
+    // The start of a PES packet is gone, and what is left of it stands behind the one before.
+    const bool headless = event.declared > 0 && event.received > event.declared;
+    const double tolerance = by_length || (event.declared > 0 && !headless) ? 0.8 : 2.0;
+    if (whole < 16 || whole > 48 || std::abs(lacks - whole) > tolerance)
         return;
     if (!outages_.empty() && outages_.back().second.packet > traffic.start)
         return;
     if (!by_length) {
-        const bool complete = event.declared > 0 && event.received >= event.declared;
+        const bool complete = event.declared > 0 && event.received == event.declared;
         const bool counted = event.frame_ticks.has_value();
         const bool gone = counted && step - *event.frame_ticks > 1800;
         const bool cut = counted ? gone && !complete : traffic.counted;
@@ -139,8 +142,8 @@ void Losses::sixteens(const PesEvent& event, const Traffic& traffic, const Place
         const bool jumped = std::any_of(jumps_.begin(), jumps_.end(), [&](const Jump& j) {
             return j.to.packet > traffic.start && j.from.packet < place.packet;
         });
-        const bool by_jump =
-            jumped && std::abs(lacks - whole) < 0.5 && std::abs(moved - due_time) < due_time / 4;
+        const bool by_jump = jumped && (headless || std::abs(lacks - whole) < 0.5) &&
+                             std::abs(moved - due_time) < due_time / 4;
         if (std::abs(moved) > due_time / 2 && !by_jump)
             return;
     }
