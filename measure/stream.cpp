@@ -85,6 +85,7 @@ class Stream::Impl {
     }
 
     void judge_packets(Answers& answers) const;
+    void judge_without_pat(Answers& answers) const;
     std::vector<ProgramSummary> programs(std::optional<Ticks> duration) const;
 
     const Options options_;
@@ -112,6 +113,19 @@ void Stream::Impl::judge_packets(Answers& answers) const {
         answers.no(rule, "not measured", std::nullopt);
     for (const Rule rule : {Rule::analyzer_ended, Rule::suppressed})
         answers.not_applicable(rule, "live inputs only");
+}
+
+// Programs may well be there, but nothing says where.
+void Stream::Impl::judge_without_pat(Answers& answers) const {
+    for (const Rule rule : {Rule::pmt_error_2, Rule::pid_error, Rule::pcr_repetition_error,
+                            Rule::pcr_discontinuity_indicator_error, Rule::pcr_accuracy_error,
+                            Rule::pts_error, Rule::late_stamp, Rule::stamp_jump, Rule::stamp_order,
+                            Rule::scrambling_changed, Rule::off_air}) {
+        const bool left_out = options_.profile == Profile::segment &&
+                              (rule == Rule::pcr_repetition_error || rule == Rule::pts_error);
+        if (!left_out)
+            answers.no(rule, "no PAT", std::nullopt);
+    }
 }
 
 std::vector<ProgramSummary> Stream::Impl::programs(std::optional<Ticks> duration) const {
@@ -161,6 +175,8 @@ Summary Stream::Impl::summary() const {
     s.segment_hint = timed_.pats() == 1 && timed_.first_pat() < 100;
     s.program_missing = options_.program && timed_.seen().program(*options_.program) == nullptr;
     Answers answers(options_, timed_.seen());
+    if (index_ > 0 && !look_.tables().current()->pat_in_force)
+        judge_without_pat(answers);
     timed_.judge(answers, s.duration);
     judge_packets(answers);
     s.rules = answers.rows(findings_);
