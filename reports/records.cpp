@@ -4,6 +4,7 @@
 #include <initializer_list>
 
 #include "json.h"
+#include "programs.h"
 #include "sentences.h"
 #include "words.h"
 
@@ -181,25 +182,6 @@ void detail(Json& json, const Finding& finding, const Extras& extras) {
     json.close('}');
 }
 
-void stream(Json& json, const StreamSummary& s) {
-    json.open('{');
-    json.member("pid", s.pid).member("kind", word(s.kind)).member("codec", word(s.codec));
-    word_or_null(json, "language", s.language);
-    json.member("packets", s.packets).member("bitrate_bps", s.bitrate);
-    json.member("lost", s.lost).member("scrambled", s.scrambled);
-    json.close('}');
-}
-
-void program(Json& json, const ProgramSummary& p) {
-    json.open('{');
-    json.member("number", p.number).member("name", p.name).member("provider", p.provider);
-    json.member("pmt_pid", p.pmt_pid).member("pcr_pid", p.pcr_pid);
-    json.key("streams").open('[');
-    for (const StreamSummary& s : p.streams)
-        stream(json, s);
-    json.close(']').close('}');
-}
-
 void rule(Json& json, const RuleSummary& r) {
     json.open('{');
     json.member("rule", info(r.rule).id).member("severity", word(info(r.rule).severity));
@@ -272,10 +254,9 @@ void Records::summary(std::string& out, const Summary& s) {
     json.member("bitrate_bps", s.bitrate);
     clock(json, s.clock);
     hints(json, s);
-    json.key("programs").open('[');
-    for (const ProgramSummary& p : s.programs)
-        program(json, p);
-    json.close(']').key("rules").open('[');
+    json.key("programs");
+    write_programs(json, s.programs);
+    json.key("rules").open('[');
     for (const RuleSummary& r : s.rules)
         rule(json, r);
     json.close(']').close('}');
