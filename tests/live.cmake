@@ -1,0 +1,16 @@
+# What a live host serves over HTTP, asked by real clients.
+add_executable(http_host live/http_host.cpp)
+target_link_libraries(http_host PRIVATE live_http reports quarn_options)
+add_test(NAME live.http
+  COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/live/http $<TARGET_FILE:http_host>)
+set_tests_properties(live.http PROPERTIES TIMEOUT 300
+  ENVIRONMENT "QUARN_EMULATOR=${golden_emulator}")
+
+# The status page, where there is a browser.
+find_program(CHROMEDRIVER chromedriver)
+if(CHROMEDRIVER AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME live.page
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/live/page $<TARGET_FILE:http_host>
+            ${CMAKE_CURRENT_BINARY_DIR}/live_page)
+  set_tests_properties(live.page PROPERTIES TIMEOUT 300)
+endif()
