@@ -23,7 +23,7 @@ install(FILES ${lumbra}/config.h ${lumbra}/log.h ${lumbra}/mpegts.h ${lumbra}/st
               ${lumbra}/syswrap.h ${lumbra}/timeop.h zorbin/tsanalyze.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn COMPONENT dev)
 install(FILES measure/finding.h measure/measure.h measure/options.h measure/rules.h
-        measure/stream.h measure/summary.h
+        measure/stream.h measure/summary.h measure/time_series.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn/measure COMPONENT dev)
 install(TARGETS lumbra tsanalyze measure EXPORT quarnTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)

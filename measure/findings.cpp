@@ -178,6 +178,8 @@ void Findings::release(Finding& f) {
         ++row.consequences;
         return;
     }
+    if (recorder_ != nullptr && f.rule == Rule::continuity_count_error && f.kind == Kind::loss)
+        recorder_->loss(f);
     row.count += f.count;
     if (!row.first)
         row.first = f.begin;

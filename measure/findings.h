@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "output.h"
+#include "recorder.h"
 #include "summary.h"
 
 namespace quarn {
@@ -40,6 +41,8 @@ class Findings final : public Output {
   public:
     Findings(const Options& options, Sink& sink);
 
+    /// Told of losses, each of them, before floods are thinned.
+    void record(Recorder& recorder) { recorder_ = &recorder; }
     void finding(Finding&& finding) override;
     void consequence(Rule rule) override;
     void cause(const Cause& cause);
@@ -84,6 +87,7 @@ class Findings final : public Output {
 
     const Options& options_;
     Sink& sink_;
+    Recorder* recorder_ = nullptr;
     std::deque<Waiting> waiting_;
     std::deque<Cause> causes_;
     std::map<Key, Flood> floods_;

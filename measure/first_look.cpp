@@ -25,6 +25,7 @@ FirstLook::Pid& FirstLook::slot(std::uint16_t pid) {
         slots_[pid] = static_cast<std::uint16_t>(pids_.size());
         pids_.emplace_back();
         Pid& state = pids_.back();
+        state.pid = pid;
         state.table = tables_.wants(pid);
         state.es = pes_.follows(pid);
         state.type = type_of(pid);
@@ -69,6 +70,7 @@ void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, b
     const std::uint16_t pid = packet.pid();
     if (first_) {
         first_ = false;
+        counted_ = at;
         next_look_ = at.index + look_at_least;
     }
     if (at.index >= next_look_)
@@ -247,6 +249,8 @@ void FirstLook::look_at_clock(const At& at, Ticks arrival) {
     clock_.tick(at, arrival, frames_since_pcr());
     close_spans(at);
     settle_old(at);
+    if (counting_ && at.index - counted_.index >= pids_.size())
+        tell_counts(at, false);
 }
 
 void FirstLook::close_spans(const At& at) {
@@ -261,6 +265,21 @@ void FirstLook::close_spans(const At& at) {
         state.span_packets = state.span_scrambled = 0;
     }
     active_.clear();
+    push(at, std::move(item));
+}
+
+void FirstLook::tell_counts(const At& at, bool at_end) {
+    CountsItem item;
+    item.from = std::exchange(counted_, at);
+    item.packets = at.index - item.from.index + (at_end ? 1 : 0);
+    const auto tell = [&](std::uint16_t pid, std::uint64_t packets, std::uint64_t& counted) {
+        const auto more = static_cast<std::uint32_t>(packets - std::exchange(counted, packets));
+        if (more > 0)
+            item.pids.push_back({pid, more});
+    };
+    for (Pid& state : pids_)
+        tell(state.pid, state.packets, state.counted);
+    tell(null_pid, nulls_, nulls_counted_);
     push(at, std::move(item));
 }
 
@@ -352,6 +371,8 @@ void FirstLook::finish() {
         push(last_, NullsItem{nulls_since_, true});
     }
     close_spans(last_);
+    if (counting_ && !first_)
+        tell_counts(last_, true);
     clock_.finish(last_, last_arrival_, frames_since_pcr());
 }
 

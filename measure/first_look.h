@@ -13,6 +13,7 @@
 #include "continuity.h"
 #include "events.h"
 #include "pes.h"
+#include "recorder.h"
 #include "stream.h"
 #include "tables.h"
 
@@ -77,7 +78,8 @@ struct Item {
     At at;
     std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesItem, ScramblingEvent,
                  SpansItem, PcrItem, NullsItem, BrokenItem, DamagedItem, SyncByteItem, SyncLossItem,
-                 TruncatedItem, ScrambledTableItem, OrderFault, CopyFault, FrozenRun, DatagramEvent>
+                 TruncatedItem, ScrambledTableItem, OrderFault, CopyFault, FrozenRun, DatagramEvent,
+                 CountsItem>
         body;
 };
 
@@ -85,6 +87,9 @@ class FirstLook final : EventSink, ContinuitySink {
   public:
     /// `breaks` is told of breaks as soon as they are decided; both must outlive this.
     FirstLook(StreamClock& clock, ContinuitySink& breaks);
+
+    /// From now on the packets of each pid are told now and then.
+    void count() { counting_ = true; }
 
     /// One packet in step; `right`: its sync byte is right.
     void packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right);
@@ -104,6 +109,7 @@ class FirstLook final : EventSink, ContinuitySink {
 
   private:
     struct Pid {
+        std::uint16_t pid = null_pid;
         PidCounter counter;
         // What the tables say of it.
         bool table = false;
@@ -116,6 +122,7 @@ class FirstLook final : EventSink, ContinuitySink {
         At span_last;
         // All along.
         std::uint64_t packets = 0;
+        std::uint64_t counted = 0; // of them told by tell_counts()
         std::uint64_t scrambled = 0;
         std::uint8_t scrambling =
             0xFF;             // control bits of the last packet with payload; 0xFF: none yet
@@ -168,6 +175,7 @@ class FirstLook final : EventSink, ContinuitySink {
     void not_null(const At& at);
     void look_at_clock(const At& at, Ticks arrival);
     void close_spans(const At& at);
+    void tell_counts(const At& at, bool at_end);
     void settle_old(const At& at);
     void new_programs(const ProgramsPtr& programs, const At& at);
 
@@ -187,6 +195,9 @@ class FirstLook final : EventSink, ContinuitySink {
     At nulls_since_;
     std::uint64_t null_run_ = 0;
     std::uint64_t nulls_ = 0;
+    std::uint64_t nulls_counted_ = 0;
+    bool counting_ = false;
+    At counted_; // the first packet that tell_counts() has not told
     bool first_ = true;
     std::optional<SyncLoss> garbled_; // until the packet behind it
     At garbled_at_;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "recorder.h"
+
 namespace quarn {
 
 namespace {
@@ -50,6 +52,8 @@ std::optional<Ticks> SureClock::distance(const Place& from, const Place& to) con
 void Gaps::came(Series& series, const GapRow& row, std::vector<std::uint16_t> programs,
                 const Place& place) {
     const Ticks distance = clock_.distance(series.last, place).value_or(0);
+    if (recorder_ != nullptr)
+        recorder_->table(row, place, distance);
     if (distance > row.limit) {
         gap(series, row, std::move(programs), place);
     } else {

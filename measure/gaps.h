@@ -13,6 +13,8 @@
 
 namespace quarn {
 
+class Recorder;
+
 /// Times that are estimates open and lengthen no gap: before the first and behind the last time
 /// that is sure, the clock stands still in here.
 class SureClock {
@@ -55,6 +57,8 @@ class Gaps {
   public:
     explicit Gaps(Output& output) : output_(output) {}
 
+    /// Told of the distances of all series.
+    void record(Recorder& recorder) { recorder_ = &recorder; }
     SureClock& clock() { return clock_; }
     const SureClock& clock() const { return clock_; }
 
@@ -111,6 +115,7 @@ class Gaps {
     void end_run(std::uint32_t series);
 
     Output& output_;
+    Recorder* recorder_ = nullptr;
     SureClock clock_;
     std::deque<Pending> pending_;
     std::deque<Excuse> excuses_;

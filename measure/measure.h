@@ -6,3 +6,4 @@
 #include "rules.h"
 #include "stream.h"
 #include "summary.h"
+#include "time_series.h"

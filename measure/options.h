@@ -67,6 +67,7 @@ struct Options {
     std::set<Rule> ignore;                // neither found nor judged
     std::set<Rule> require;               // insufficient where not judged `yes`
     Severity fail_on = Severity::error;   // the least severity that makes `failed`
+    bool series = false;                  // keep what Stream::series() gives
 };
 
 } // namespace quarn

@@ -112,6 +112,8 @@ void PcrRules::programs(const ProgramsPtr& programs, const Place& place) {
 
 void PcrRules::gap(std::uint16_t pid, State& state, const Place& from, const Place& to,
                    Ticks distance, bool lost) {
+    if (recorder_ != nullptr && state.last)
+        recorder_->pcr_interval(pid, to, distance);
     if (distance <= options_.limits.pcr_gap || options_.profile == Profile::segment)
         return;
     if (lost) {
@@ -273,6 +275,8 @@ void PcrRules::accuracy(std::uint16_t pid, State& state, const Place& place, dou
     const auto result = state.accuracy.add(place, error, limit);
     if (!result)
         return;
+    if (recorder_ != nullptr)
+        recorder_->pcr_error(pid, result->place, result->error_ns);
     const bool bad = std::abs(result->error_ns) > options_.limits.pcr_accuracy_ns;
     ++(bad ? state.inaccurate : state.accurate);
     if (!bad)

@@ -12,6 +12,7 @@
 #include "clock.h"
 #include "output.h"
 #include "programs.h"
+#include "recorder.h"
 
 namespace quarn {
 
@@ -55,6 +56,7 @@ class PcrRules {
   public:
     PcrRules(const Options& options, Output& output, JumpSink& jumps);
 
+    void record(Recorder& recorder) { recorder_ = &recorder; }
     /// The first packet of the input: what the first tables name counts from it.
     void start(const Place& first) { start_ = first; }
     void programs(const ProgramsPtr& programs, const Place& place);
@@ -111,6 +113,7 @@ class PcrRules {
     const Options& options_;
     Output& output_;
     JumpSink& jumps_;
+    Recorder* recorder_ = nullptr;
     ProgramsPtr programs_;
     Place start_;
     bool settled_ = false; // all tables have been in force once

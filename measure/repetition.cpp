@@ -360,6 +360,10 @@ Repetition::Repetition(const Options& options, Output& output, bool live)
     : impl_(std::make_unique<Impl>(options, output, live)) {}
 Repetition::~Repetition() = default;
 
+void Repetition::record(Recorder& recorder) {
+    impl_->gaps().record(recorder);
+}
+
 void Repetition::start(const Place& first) {
     impl_->start(first);
 }

@@ -13,6 +13,8 @@
 
 namespace quarn {
 
+class Recorder;
+
 /// Fed in the order of the packets, and judges about a second of stream time behind them, so that
 /// what a gap follows from can still be told. Memory is bounded whatever the input. One thread.
 class Repetition {
@@ -20,6 +22,7 @@ class Repetition {
     /// Both must outlive it. `live`: a PMT that does not come is found after 10 s, not at the end.
     Repetition(const Options& options, Output& output, bool live = false);
     ~Repetition();
+    void record(Recorder& recorder);
     Repetition(const Repetition&) = delete;
     Repetition& operator=(const Repetition&) = delete;
 

@@ -6,6 +6,7 @@
 #include "clock.h"
 #include "findings.h"
 #include "first_look.h"
+#include "recorder.h"
 #include "timed.h"
 #include "verdict.h"
 
@@ -22,7 +23,12 @@ class Stream::Impl {
     Impl(const Options& options, Sink& sink)
         : options_(options), findings_(options_, sink),
           clock_(options.bitrate, options.limits.pcr_gap), timed_(options_, findings_, clock_),
-          look_(clock_, timed_) {}
+          look_(clock_, timed_) {
+        if (options_.series) {
+            look_.count();
+            timed_.record(recorder_);
+        }
+    }
 
     void packet(const std::uint8_t* bytes, const PacketInfo& info) {
         look_.packet(bytes, {index_, info.byte, info.utc_us}, info.arrival, info.sync_right);
@@ -62,6 +68,7 @@ class Stream::Impl {
     }
 
     Summary summary() const;
+    TimeSeries series() { return recorder_.take(clock_.place(look_.last())); }
 
   private:
     // Now and then the clock is asked for what it has decided.
@@ -93,6 +100,7 @@ class Stream::Impl {
     StreamClock clock_;
     Timed timed_;
     FirstLook look_;
+    Recorder recorder_;
     std::uint64_t index_ = 0;
     std::uint64_t next_step_ = 64;
     std::uint64_t untimed_to_ = 0;
@@ -210,6 +218,9 @@ void Stream::end() {
 }
 Summary Stream::summary() const {
     return impl_->summary();
+}
+TimeSeries Stream::series() {
+    return impl_->series();
 }
 
 } // namespace quarn

@@ -18,6 +18,7 @@
 #include "finding.h"
 #include "options.h"
 #include "summary.h"
+#include "time_series.h"
 
 namespace quarn {
 
@@ -68,6 +69,8 @@ class Stream {
     void end();
     /// What was found so far; complete behind end().
     Summary summary() const;
+    /// With Options::series and behind end(): hands over what was recorded, once.
+    TimeSeries series();
 
   private:
     class Impl;

@@ -15,6 +15,13 @@ Timed::Timed(const Options& options, Findings& findings, const StreamClock& cloc
       scrambling_(options, findings), stamps_(options, findings), unreferenced_(options, findings) {
 }
 
+void Timed::record(Recorder& recorder) {
+    recorder_ = &recorder;
+    findings_.record(recorder);
+    pcrs_.record(recorder);
+    repetition_.record(recorder);
+}
+
 // ---------------------------------------------------------------- in step with the clock
 
 void Timed::interval(const ClockInterval& interval, std::deque<Item>& queue, double null_share) {
@@ -137,6 +144,8 @@ void Timed::take(const At& at, const ProgramsEvent& event) {
     const Place p = place(at);
     programs_ = event.programs;
     remember(*programs_);
+    if (recorder_ != nullptr)
+        recorder_->programs(programs_);
     damage_.programs(programs_);
     losses_.programs(programs_);
     pcrs_.programs(programs_, p);
@@ -182,6 +191,9 @@ void Timed::take(const At& at, const PesItem& item) {
                         [&](const ElementaryStream& s) { return s.pid == item.event.pid; }))
             clock = pcrs_.value_at(p.pcr_pid, at, clock_.rate());
     stamps_.pes(item.event, place(at), clock);
+    if (recorder_ != nullptr && clock && item.event.pts)
+        if (const auto lead = stamps_.lead(item.event.pid))
+            recorder_->lead(item.event.pid, place(at), *lead);
 }
 
 void Timed::take(const At& at, const ScramblingEvent& event) {
@@ -273,6 +285,10 @@ void Timed::take(const At& at, const FrozenRun& run) {
 
 void Timed::take(const At& at, const DatagramEvent& event) {
     damage_.datagrams(event, place(at));
+}
+
+void Timed::take(const At& at, const CountsItem& item) {
+    recorder_->counts(item, place(item.from), place(at));
 }
 
 void Timed::judge(Answers& answers, std::optional<Ticks> duration) const {

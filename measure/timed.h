@@ -13,6 +13,7 @@
 #include "losses.h"
 #include "pcr.h"
 #include "presence.h"
+#include "recorder.h"
 #include "repetition.h"
 #include "scrambling.h"
 #include "stamps.h"
@@ -25,6 +26,8 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
   public:
     Timed(const Options& options, Findings& findings, const StreamClock& clock);
 
+    /// Tells that recorder of what the rules see, from now on; it must outlive this.
+    void record(Recorder& recorder);
     /// An interval of the stream clock is decided: all items up to its end.
     void interval(const ClockInterval& interval, std::deque<Item>& queue, double null_share);
     /// Without a clock: all items up to that packet.
@@ -77,6 +80,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void take(const At& at, const CopyFault& fault);
     void take(const At& at, const FrozenRun& run);
     void take(const At& at, const DatagramEvent& event);
+    void take(const At& at, const CountsItem& item);
     void remember(const Programs& programs);
 
     Findings& findings_;
@@ -91,6 +95,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     Scrambling scrambling_;
     Stamps stamps_;
     Unreferenced unreferenced_;
+    Recorder* recorder_ = nullptr;
     bool started_ = false;
     bool timed_ = false; // an interval of the clock was there
     std::uint64_t pats_ = 0;
