@@ -25,14 +25,16 @@ DatagramContent look_into(std::span<const std::uint8_t> datagram);
 /// are 188 * packets so far, since datagrams have no other.
 class DatagramStream : private RtpOrder::Target {
   public:
-    explicit DatagramStream(Sink& sink) : sink_(&sink) {}
+    /// Arrivals of packets count from `origin`, without one from the first packet.
+    explicit DatagramStream(Sink& sink, Ticks origin = no_time) : sink_(&sink), origin_(origin) {}
 
     /// The payload of a UDP datagram. `arrival` in 27 MHz ticks from any origin; it may run
-    /// backwards, packets get it from the first one on and never backwards.
+    /// backwards, packets get it from theirs on and never backwards.
     void push(const Payload& datagram);
     /// See RtpOrder.
     void expire(Ticks now);
     void flush();
+    Ticks waiting_since() const { return order_.waiting_since(); }
 
     /// Where what follows goes.
     void set_sink(Sink& sink) { sink_ = &sink; }
@@ -53,7 +55,7 @@ class DatagramStream : private RtpOrder::Target {
     bool rtp_ = false;
     std::uint8_t payload_type_ = 0;
     std::size_t size_ = 0;
-    Ticks origin_ = no_time;
+    Ticks origin_;
     Ticks last_ = 0;
     std::uint64_t kept_ = 0;
     std::uint64_t datagrams_ = 0;

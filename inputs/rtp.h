@@ -60,6 +60,8 @@ class RtpOrder {
     void expire(Ticks now, Target& target);
     /// Hands over everything that is waiting: the end of the input.
     void flush(Target& target);
+    /// When the first of those that are waiting came; no_time if none is.
+    Ticks waiting_since() const { return waiting_count_ > 0 ? oldest() : no_time; }
 
   private:
     struct Waiting {
