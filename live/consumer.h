@@ -1,6 +1,7 @@
 // What channels get of their inputs.
 #pragma once
 
+#include "input_state.h"
 #include "inputs/consumer.h"
 
 namespace quarn::live {
