@@ -13,6 +13,15 @@ install(FILES reports/quarn-findings-1.schema.json
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quarn COMPONENT quarn)
 install(FILES samples/quarn.conf samples/demo.ts
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
+foreach(unit quarn-live.service quarn-live@.service)
+  configure_file(deploy/${unit}.in ${CMAKE_BINARY_DIR}/${unit} @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/${unit} DESTINATION lib/systemd/system COMPONENT quarn)
+endforeach()
+# Used where they are, so that they follow the program.
+install(FILES deploy/prometheus.yml deploy/quarn-alerts.yml deploy/quarn-grafana.json
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quarn COMPONENT quarn)
+install(FILES deploy/quarn-live.conf deploy/quarn-live.logrotate deploy/quarn-live.sysctl
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
 foreach(program quarn quarn-check quarn-inject)
   install(FILES doc/${program}.bash-completion RENAME ${program} COMPONENT quarn
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)

@@ -14,3 +14,18 @@ if(CHROMEDRIVER AND NOT CMAKE_CROSSCOMPILING)
             ${CMAKE_CURRENT_BINARY_DIR}/live_page)
   set_tests_properties(live.page PROPERTIES TIMEOUT 300)
 endif()
+
+# What deploy/ has for Prometheus and Grafana.
+find_program(PROMETHEUS prometheus)
+if(PROMETHEUS AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME live.prometheus
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/live/prometheus $<TARGET_FILE:http_host>
+            ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_BINARY_DIR}/live_prometheus)
+  set_tests_properties(live.prometheus PROPERTIES TIMEOUT 400)
+endif()
+
+find_program(SYSTEMD_ANALYZE systemd-analyze)
+if(SYSTEMD_ANALYZE AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME live.units COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/live/units
+    ${CMAKE_BINARY_DIR}/quarn-live.service ${CMAKE_BINARY_DIR}/quarn-live@.service)
+endif()
