@@ -300,16 +300,27 @@ bool StreamClock::disturbed_between(std::uint64_t from, std::uint64_t to) const 
                        [&](const Disturbance& d) { return in_range(d, from, to); });
 }
 
-// Wherever no counter of the pid broke its PCRs may have come in time: a gap that its lost packets
-// explain.
-bool StreamClock::has_hole(const ClockInterval& i) const {
+// Most of the time between two PCRs lies between two packets of a pid whose counter broke.
+bool StreamClock::mostly_broken(const ClockInterval& i) const {
     std::uint64_t longest = 0;
     for (const Disturbance& d : disturbances_)
-        if (in_range(d, i.from.at.index, i.to.at.index) && (d.pid == i.to.pid || d.pid == null_pid))
+        if (in_range(d, i.from.at.index, i.to.at.index))
             longest = std::max(longest,
                                std::min(d.to, i.to.at.index) - std::max(d.from, i.from.at.index));
-    const auto rest = static_cast<double>(i.packets - longest) * rate_.ticks_per_packet();
-    return longest > 0 && rest <= static_cast<double>(pcr_limit_);
+    return longest * 2 > i.packets;
+}
+
+// PCRs may have come in time before and behind packets of the pid that are lost.
+bool StreamClock::has_hole(const ClockInterval& i) const {
+    const auto most = static_cast<double>(pcr_limit_) / rate_.ticks_per_packet();
+    const auto in_time = [most](std::uint64_t from, std::uint64_t to) {
+        return from >= to || static_cast<double>(to - from) <= most;
+    };
+    return std::any_of(disturbances_.begin(), disturbances_.end(), [&](const Disturbance& d) {
+        return in_range(d, i.from.at.index, i.to.at.index) &&
+               (d.pid == i.to.pid || d.pid == null_pid) && in_time(i.from.at.index, d.from) &&
+               in_time(d.to, i.to.at.index);
+    });
 }
 
 unsigned StreamClock::missing_between(std::uint64_t from, std::uint64_t to) const {
@@ -480,7 +491,7 @@ void StreamClock::decide_constant(ClockInterval& i) const {
     else if ((explained && i.error > tpp / 4) || few)
         i.stretch = Stretch::lost;
     else if (i.distance > pcr_limit_) // its packets may have been taken away and the places filled
-        i.stretch = has_hole(i) ? Stretch::lost : Stretch::gap;
+        i.stretch = mostly_broken(i) || has_hole(i) ? Stretch::lost : Stretch::gap;
 }
 
 // No rate to lean on: the frames that began say how long it was.

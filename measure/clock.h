@@ -152,6 +152,7 @@ class StreamClock {
     void decide_variable(ClockInterval& interval) const;
     Ticks elapsed(const ClockInterval& interval) const;
     void keep(ClockInterval& interval, const Point& from, const Point& to);
+    bool mostly_broken(const ClockInterval& interval) const;
     bool has_hole(const ClockInterval& interval) const;
     unsigned missing_between(std::uint64_t from, std::uint64_t to) const;
     std::uint64_t torn_at(std::uint64_t from, std::uint64_t to) const;
