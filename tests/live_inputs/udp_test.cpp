@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "files.h"
 #include "inputs/moment.h"
 #include "watcher.h"
 
@@ -14,16 +13,10 @@ namespace {
 
 using inputs::operator+;
 
-/// Loops of one thread, so that inputs share it.
-class Udp : public inputs::Files {
+class Udp : public Watched {
   protected:
-    Loops::Handle add(const std::string& text, Watcher& watcher) {
-        return loops_.add(url(text), watcher);
-    }
-
     const std::string port_ = free_port();
     const std::string here_ = "127.0.0.1:" + port_;
-    Loops loops_{1};
 };
 
 std::vector<Bytes> picked(const std::vector<Bytes>& all, const std::vector<std::size_t>& places) {
@@ -52,11 +45,10 @@ TEST_F(Udp, tells_packets_and_what_sequence_numbers_say) {
         {"udp", picked(rtp, {0}) + std::vector<Bytes>{rtcp} + picked(rtp, {1}), 2, "0-1", 3},
     };
     for (const auto& one : cases) {
-        Watcher watcher;
-        const auto handle = add(std::string(one.scheme) + "://" + here_, watcher);
+        Watcher& watcher = add(std::string(one.scheme) + "://" + here_);
         Sender(here_).send_all(one.sent);
         EXPECT_TRUE(watcher.wait_packets(one.packets));
-        loops_.remove(handle);
+        remove(watcher);
         auto seen = watcher.seen();
         EXPECT_EQ(seen.packets.text(), one.told);
         EXPECT_EQ(seen.raw.size(), one.raw);
@@ -66,8 +58,7 @@ TEST_F(Udp, tells_packets_and_what_sequence_numbers_say) {
 }
 
 TEST_F(Udp, rtp_leaves_out_what_is_none_and_says_so) {
-    Watcher watcher;
-    add("rtp://" + here_, watcher);
+    Watcher& watcher = add("rtp://" + here_);
     const Sender sender(here_);
     sender.send_all(datagrams(3));
     EXPECT_TRUE(watcher.wait_state("waiting: 3 datagrams without RTP were left out"));
@@ -77,10 +68,9 @@ TEST_F(Udp, rtp_leaves_out_what_is_none_and_says_so) {
 }
 
 TEST_F(Udp, what_cannot_be_opened_says_why) {
-    Watcher watcher;
-    add("udp://" + here_, watcher);
+    add("udp://" + here_);
     const auto listener = free_port();
-    add("srt://:" + listener, watcher);
+    add("srt://:" + listener);
     const std::string silent = file(inputs::Capture().packets(100).bytes, "silent.ts");
     const struct {
         std::string url;
@@ -100,7 +90,7 @@ TEST_F(Udp, what_cannot_be_opened_says_why) {
     };
     for (const auto& one : cases)
         try {
-            add(one.url, watcher);
+            add(one.url);
             ADD_FAILURE() << one.url;
         } catch (const std::runtime_error& error) {
             EXPECT_EQ(std::string(error.what()).substr(0, one.why.size()), one.why);
@@ -110,8 +100,7 @@ TEST_F(Udp, what_cannot_be_opened_says_why) {
 TEST_F(Udp, counts_what_it_had_no_room_for_where_it_is_missing) {
     constexpr int burst = 9000; // over twice the room that is asked for
     constexpr int behind = 10;
-    Watcher watcher;
-    add("udp://" + here_, watcher);
+    Watcher& watcher = add("udp://" + here_);
     const Sender sender(here_);
     const auto all = datagrams(burst + behind);
     {
@@ -136,8 +125,7 @@ TEST_F(Udp, counts_what_it_had_no_room_for_where_it_is_missing) {
 }
 
 TEST_F(Udp, stamps_are_those_of_the_arrival) {
-    Watcher watcher;
-    add("udp://" + here_, watcher);
+    Watcher& watcher = add("udp://" + here_);
     const Sender sender(here_);
     const auto all = datagrams(2, 1);
     {
@@ -179,11 +167,9 @@ std::vector<Bytes> hostile() {
 }
 
 TEST_F(Udp, anything_may_come_and_others_lose_nothing_by_it) {
-    Watcher attacked;
-    Watcher watcher;
-    add("udp://" + here_, attacked);
+    Watcher& attacked = add("udp://" + here_);
     const auto quiet = "127.0.0.1:" + free_port();
-    add("udp://" + quiet, watcher);
+    Watcher& watcher = add("udp://" + quiet);
 
     std::atomic<bool> done = false;
     std::thread attack([&] {
@@ -197,8 +183,7 @@ TEST_F(Udp, anything_may_come_and_others_lose_nothing_by_it) {
     for (const Bytes& datagram : datagrams(200)) {
         sender.send(datagram);
         // Others come and go meanwhile.
-        Watcher guest;
-        loops_.remove(add("udp://127.0.0.1:" + free_port(), guest));
+        remove(add("udp://127.0.0.1:" + free_port()));
     }
     EXPECT_TRUE(watcher.wait_packets(1400));
     done = true;
@@ -208,7 +193,7 @@ TEST_F(Udp, anything_may_come_and_others_lose_nothing_by_it) {
     EXPECT_EQ(seen.dropped(), 0U);
     EXPECT_GT(attacked.seen().raw.size(), 400U);
     EXPECT_EQ(attacked.seen().wrong, "");
-    EXPECT_LT(std::chrono::steady_clock::now() - loops_.last_turn(), std::chrono::seconds(10));
+    EXPECT_LT(std::chrono::steady_clock::now() - loops_->last_turn(), std::chrono::seconds(10));
 }
 
 } // namespace

@@ -121,6 +121,25 @@ inputs::InputUrl url(const std::string& text) {
     return std::get<inputs::InputUrl>(parsed);
 }
 
+Watcher& Watched::add(const std::string& text) {
+    auto& [watcher, handle] = watchers_.emplace_back();
+    handle = loops_->add(url(text), watcher);
+    return watcher;
+}
+
+void Watched::remove(const Watcher& watcher) {
+    for (auto& [one, handle] : watchers_)
+        if (&one == &watcher && handle) {
+            loops_->remove(*handle);
+            handle.reset();
+        }
+}
+
+void Watched::remove_all() {
+    for (const auto& [watcher, handle] : watchers_)
+        remove(watcher);
+}
+
 Sender::Sender(const std::string& to, const std::string& from, const std::string& interface_name) {
     const auto endpoint = inputs::parse_endpoint(to).value();
     const unsigned index = if_nametoindex(interface_name.c_str());

@@ -4,11 +4,15 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <list>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "capture.h"
+#include "files.h"
 #include "live/loops.h"
 #include "network.h"
 
@@ -69,6 +73,20 @@ class Watcher : public Consumer {
 };
 
 inputs::InputUrl url(const std::string& text);
+
+/// Loops of one thread, so that inputs share it, and their watchers, which outlive them.
+class Watched : public inputs::Files {
+  protected:
+    void SetUp() override { begin(); }
+    void begin() { loops_ = std::make_unique<Loops>(1); }
+    /// A new input.
+    Watcher& add(const std::string& text);
+    void remove(const Watcher& watcher);
+    void remove_all();
+
+    std::list<std::pair<Watcher, std::optional<Loops::Handle>>> watchers_;
+    std::unique_ptr<Loops> loops_;
+};
 
 /// Sends datagrams to an address; `from` another one than the system would choose, with its
 /// interface for groups.
