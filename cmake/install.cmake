@@ -7,7 +7,7 @@ install(FILES doc/quarn.1 doc/quarn-check.1 doc/quarn-inject.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
 install(FILES doc/quarn.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
 install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md
-        doc/findings.md doc/recipes-check.md doc/tutorial-check.md
+        doc/findings.md doc/metrics.md doc/recipes-check.md doc/tutorial-check.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
 install(FILES reports/quarn-findings-1.schema.json
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quarn COMPONENT quarn)
