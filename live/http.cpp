@@ -1,8 +1,10 @@
 #include "live/http.h"
 
+#include <algorithm>
 #include <array>
 #include <microhttpd.h>
 #include <string_view>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <system_error>
 #include <utility>
@@ -19,9 +21,9 @@ namespace {
 
 using Clock = Connections::Clock;
 
-constexpr std::size_t connection_limit = 256;
+constexpr rlim_t most_connections = 256;
 // Connections that were ended and are not closed yet count for the library.
-constexpr unsigned library_limit = connection_limit + 128;
+constexpr unsigned about_to_close = 128;
 constexpr unsigned idle_limit_s = 5;
 constexpr auto request_limit = std::chrono::seconds(10);
 // For the head of a request.
@@ -32,6 +34,15 @@ constexpr int send_buffer = 65536;
 constexpr const char* plain_text = "text/plain; charset=utf-8";
 constexpr const char* prometheus_text = "text/plain; version=0.0.4; charset=utf-8";
 constexpr const char* json_text = "application/json";
+
+/// Inputs need descriptors too: without one a connection cannot even be accepted to be refused.
+std::size_t connection_limit() {
+    rlimit descriptors{};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0)
+        return most_connections;
+    return static_cast<std::size_t>(
+        std::clamp<rlim_t>(descriptors.rlim_cur / 4, 1, most_connections));
+}
 
 Connections::Connection& connection_of(MHD_Connection* connection) {
     const MHD_ConnectionInfo* info =
@@ -67,7 +78,8 @@ class Http::Impl {
     MHD_Response* fresh(Document& document);
 
     HttpSources sources_;
-    Connections connections_{connection_limit, request_limit};
+    const std::size_t limit_ = connection_limit();
+    Connections connections_{limit_, request_limit};
     Document metrics_;
     Document inputs_;
     Response page_ = static_response(page_html, "text/html; charset=utf-8");
@@ -93,10 +105,11 @@ Http::Impl::Impl(const inputs::Endpoint& endpoint, HttpSources sources)
     const int listener = open_listener(endpoint);
     daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, accepting, this, request, this,
-        MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT, library_limit,
-        MHD_OPTION_CONNECTION_TIMEOUT, idle_limit_s, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-        connection_memory, MHD_OPTION_NOTIFY_CONNECTION, connection_changed, this,
-        MHD_OPTION_NOTIFY_COMPLETED, request_completed, this, MHD_OPTION_END);
+        MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_CONNECTION_LIMIT,
+        static_cast<unsigned>(limit_) + about_to_close, MHD_OPTION_CONNECTION_TIMEOUT, idle_limit_s,
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, connection_memory, MHD_OPTION_NOTIFY_CONNECTION,
+        connection_changed, this, MHD_OPTION_NOTIFY_COMPLETED, request_completed, this,
+        MHD_OPTION_END);
     if (!daemon_)
         throw std::system_error(errno, std::generic_category(),
                                 "cannot serve HTTP on " + inputs::to_string(endpoint));

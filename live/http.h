@@ -25,8 +25,9 @@ struct HttpSources {
 };
 
 /// Serves in a thread of its own from construction to destruction. Bounded whatever clients do: 256
-/// connections (see Connections), idle ones end after 5 s, a request takes 10 s at most, and all
-/// that ask within a second share one answer.
+/// connections, or a quarter of the descriptors that the process may have (see Connections); idle
+/// ones end after 5 s, a request takes 10 s at most, and all that ask within a second share one
+/// answer.
 class Http {
   public:
     /// Throws std::system_error with a message that names the address; a port that is taken is one

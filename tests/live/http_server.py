@@ -1,6 +1,7 @@
 """The program of http_host.cpp, started and told what to do."""
 import codecs
 import os
+import resource
 import subprocess
 from pathlib import Path
 
@@ -30,9 +31,12 @@ class Host:
 
     program = None
 
-    def __init__(self, inputs, *names):
+    def __init__(self, inputs, *names, descriptors=1024):
+        """`descriptors`: the limit that it has."""
         command = os.environ.get("QUARN_EMULATOR", "").split() + [Host.program, str(inputs), *names]
-        self._process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self._process = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors)))
         self.address = ("127.0.0.1", int(self._process.stdout.readline()))
         self.url = f"http://127.0.0.1:{self.address[1]}"
 
