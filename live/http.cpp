@@ -15,6 +15,7 @@
 #include "live/listener.h"
 #include "live/metrics.h"
 #include "live/page_files.h"
+#include "live/process_use.h"
 
 namespace quarn::live {
 namespace {
@@ -98,7 +99,7 @@ class Http::Impl {
 Http::Impl::Impl(const inputs::Endpoint& endpoint, HttpSources sources)
     : sources_(std::move(sources)),
       metrics_(prometheus_text,
-               [this] { return metrics_of(sources_.inputs(), sources_.process()); }),
+               [this] { return metrics_of(sources_.inputs(), sources_.process(), process_use()); }),
       inputs_(json_text, [this] { return inputs_json(sources_.inputs()); }) {
     if (MHD_add_response_header(wrong_method_.get(), MHD_HTTP_HEADER_ALLOW, "GET, HEAD") != MHD_YES)
         throw std::bad_alloc();

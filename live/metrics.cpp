@@ -17,20 +17,21 @@ using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
-/// Metrics that have one number an input.
+/// A metric that is one number of an input, or of the process.
+template <class Source>
 struct Figure {
     const char* name;
     const char* help;
     MetricType type;
-    double (*value)(const Snapshot&);
+    double (*value)(const Source&);
 };
 
-template <auto member>
-double number(const Snapshot& input) {
-    return static_cast<double>(input.*member);
+template <auto member, class Source>
+double number(const Source& source) {
+    return static_cast<double>(source.*member);
 }
 
-constexpr Figure figures[] = {
+constexpr Figure<Snapshot> figures[] = {
     {"quarn_input_up", "1 while a packet came within the last 2 s.", MetricType::Gauge,
      number<&Snapshot::up>},
     {"quarn_input_packets_total", "Packets that were measured.", MetricType::Counter,
@@ -52,7 +53,7 @@ constexpr Figure figures[] = {
 };
 
 /// Metrics of the analyzer beside an input, for inputs that have one.
-constexpr Figure analyzer_figures[] = {
+constexpr Figure<Snapshot> analyzer_figures[] = {
     {"quarn_analyzer_running",
      "1 while the analyzer of ALERT lines runs, 0 while it waits to be started again.",
      MetricType::Gauge, [](const Snapshot& s) { return s.analyzer.running ? 1.0 : 0.0; }},
@@ -64,16 +65,25 @@ constexpr Figure analyzer_figures[] = {
      [](const Snapshot& s) { return static_cast<double>(s.analyzer.dropped); }},
 };
 
-struct ProcessFigure {
-    const char* name;
-    const char* help;
-    std::uint64_t ProcessFigures::*value;
-};
-constexpr ProcessFigure process_figures[] = {
+constexpr Figure<ProcessFigures> process_figures[] = {
     {"quarn_exec_dropped_total", "Findings whose command was not run: too many were waiting.",
-     &ProcessFigures::commands_dropped},
+     MetricType::Counter, number<&ProcessFigures::commands_dropped>},
     {"quarn_records_dropped_total", "Records that the output of findings was too slow for.",
-     &ProcessFigures::records_dropped},
+     MetricType::Counter, number<&ProcessFigures::records_dropped>},
+};
+
+/// Under the names that all programs have for them.
+constexpr Figure<ProcessUse> use_figures[] = {
+    {"process_cpu_seconds_total", "Processor time, without that of analyzers.", MetricType::Counter,
+     number<&ProcessUse::cpu_s>},
+    {"process_resident_memory_bytes", "Memory, without that of analyzers.", MetricType::Gauge,
+     number<&ProcessUse::resident_bytes>},
+    {"process_open_fds", "Open descriptors.", MetricType::Gauge,
+     number<&ProcessUse::open_descriptors>},
+    {"process_max_fds", "Most descriptors that may be open.", MetricType::Gauge,
+     number<&ProcessUse::most_descriptors>},
+    {"process_start_time_seconds", "When it was started, in seconds since 1970-01-01 UTC.",
+     MetricType::Gauge, number<&ProcessUse::started_utc_s>},
 };
 
 using Labels = std::vector<ClientMetric::Label>;
@@ -97,7 +107,7 @@ class Writer {
     prometheus::TextSerializer serializer_;
 };
 
-MetricFamily per_input(const Figure& figure, const std::vector<Snapshot>& inputs,
+MetricFamily per_input(const Figure<Snapshot>& figure, const std::vector<Snapshot>& inputs,
                        const Names& names, bool (*has)(const Snapshot&)) {
     MetricFamily family{figure.name, figure.help, figure.type, {}};
     family.metric.reserve(inputs.size());
@@ -181,12 +191,16 @@ MetricFamily av_offsets(const std::vector<Snapshot>& inputs, const Names& names)
     return family;
 }
 
-void process_metrics(Writer& writer, const ProcessFigures& process) {
-    for (const ProcessFigure& figure : process_figures) {
-        MetricFamily family{figure.name, figure.help, MetricType::Counter, {}};
-        add(family, {}, static_cast<double>(process.*figure.value));
+template <class Source, std::size_t size>
+void write_all(Writer& writer, const Figure<Source> (&all)[size], const Source& source) {
+    for (const Figure<Source>& figure : all) {
+        MetricFamily family{figure.name, figure.help, figure.type, {}};
+        add(family, {}, figure.value(source));
         writer.write(std::move(family));
     }
+}
+
+void build_info(Writer& writer) {
     MetricFamily build{"quarn_build_info", "1, with the version.", MetricType::Gauge, {}};
     add(build, {{"version", QUARN_VERSION}}, 1);
     writer.write(std::move(build));
@@ -194,14 +208,15 @@ void process_metrics(Writer& writer, const ProcessFigures& process) {
 
 } // namespace
 
-std::string metrics_of(const std::vector<Snapshot>& inputs, const ProcessFigures& process) {
+std::string metrics_of(const std::vector<Snapshot>& inputs, const ProcessFigures& process,
+                       const ProcessUse& use) {
     Names names;
     names.reserve(inputs.size());
     for (const Snapshot& input : inputs)
         names.push_back(valid_utf8(input.name));
 
     Writer writer;
-    for (const Figure& figure : figures)
+    for (const Figure<Snapshot>& figure : figures)
         writer.write(per_input(figure, inputs, names, [](const Snapshot&) { return true; }));
     writer.write(finding_family("quarn_findings_total", "Faults that were found.",
                                 MetricType::Counter, inputs, names, &Snapshot::findings));
@@ -209,10 +224,12 @@ std::string metrics_of(const std::vector<Snapshot>& inputs, const ProcessFigures
                                 MetricType::Gauge, inputs, names, &Snapshot::open));
     writer.write(pcr_intervals(inputs, names));
     writer.write(av_offsets(inputs, names));
-    for (const Figure& figure : analyzer_figures)
+    for (const Figure<Snapshot>& figure : analyzer_figures)
         writer.write(
             per_input(figure, inputs, names, [](const Snapshot& s) { return s.analyzer.on; }));
-    process_metrics(writer, process);
+    write_all(writer, process_figures, process);
+    write_all(writer, use_figures, use);
+    build_info(writer);
     return writer.text();
 }
 
