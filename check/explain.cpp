@@ -3,17 +3,11 @@
 #include <algorithm>
 #include <string_view>
 
-#include "pages.h"
+#include "reports/rule_pages.h"
 
 namespace quarn::check {
 
 namespace {
-
-/// Whether the heading "## 3.1.a NIT_actual_error, 3.1.b NIT_other_error" names that number.
-bool heads(std::string_view page, std::string_view id) {
-    const std::string_view heading = page.substr(0, page.find('\n'));
-    return heading.find(" " + std::string(id) + " ") != std::string_view::npos;
-}
 
 /// Markdown as it is, but for the marks of what stands out.
 void append_line(std::string& out, std::string_view line, const Colours& colours) {
@@ -48,12 +42,11 @@ std::string weight(const RuleInfo& rule) {
 } // namespace
 
 std::string explain(Rule rule, const Colours& colours) {
-    const auto page = std::find_if(std::begin(pages), std::end(pages),
-                                   [&](std::string_view p) { return heads(p, info(rule).id); });
-    if (page == std::end(pages))
+    const std::string_view page = rule_page(rule);
+    if (page.empty())
         return "There is no page on " + std::string(info(rule).id) + ".\n";
     std::string out;
-    for (std::string_view text = *page; !text.empty();) {
+    for (std::string_view text = page; !text.empty();) {
         const std::size_t end = std::min(text.find('\n'), text.size());
         append_line(out, text.substr(0, end), colours);
         if (text.starts_with("## "))

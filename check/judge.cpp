@@ -1,9 +1,15 @@
 #include "judge.h"
 
+#include <cerrno>
+#include <fstream>
+#include <system_error>
+#include <utility>
+
 #include "feed.h"
 #include "inputs/input.h"
 #include "measure/stream.h"
 #include "reports/junit.h"
+#include "reports/kept_findings.h"
 #include "reports/records.h"
 #include "reports/text.h"
 #include "status.h"
@@ -18,13 +24,19 @@ using Write = std::function<void(std::string_view)>;
 class Findings : public Sink {
   public:
     Findings(const std::string& input, const CommandLine& line, const Write& write)
-        : records_(input), json_(line.json), grouped_(line.junit || !line.json), write_(write) {}
+        : records_(input), json_(line.json), grouped_(line.junit || line.html || !line.json),
+          write_(write) {
+        if (line.html)
+            kept_.emplace(input);
+    }
 
     void finding(const Finding& finding) override {
         if (json_)
             records_.finding(text_, finding);
         if (grouped_)
             groups_.add(finding);
+        if (kept_)
+            kept_->add(finding);
         if (text_.size() >= most_kept)
             flush();
     }
@@ -37,6 +49,7 @@ class Findings : public Sink {
 
     Records& records() { return records_; }
     const Groups& groups() const { return groups_; }
+    const std::optional<KeptFindings>& kept() const { return kept_; }
     std::string& text() { return text_; }
 
   private:
@@ -47,6 +60,7 @@ class Findings : public Sink {
     bool grouped_;
     const Write& write_;
     Groups groups_;
+    std::optional<KeptFindings> kept_;
     std::string text_;
 };
 
@@ -57,6 +71,11 @@ InputFacts facts_of(const std::string& name, const inputs::Input& input) {
     return facts;
 }
 
+void complain(Judgement& judgement, const std::string& about, const std::string& text) {
+    judgement.ending.complaint +=
+        "quarn-check: " + printable(about) + ": " + printable(text) + "\n";
+}
+
 /// An input that cannot be read, or not to its end.
 Judgement unreadable(const std::string& name, const inputs::Error& error, const CommandLine& line,
                      const Colours& colours, Findings& findings) {
@@ -64,12 +83,34 @@ Judgement unreadable(const std::string& name, const inputs::Error& error, const 
         findings.records().error(findings.text(), inputs::word(error.kind), error.text);
     else
         quiet_error(findings.text(), name, error.text, colours);
-    Judgement judgement{status_error, {}};
+    Judgement judgement;
+    judgement.status = status_error;
     if (line.junit)
         junit_error(judgement.ending.junit, name, inputs::word(error.kind), error.text);
-    judgement.ending.complaint =
-        "quarn-check: " + printable(name) + ": " + printable(error.text) + "\n";
+    complain(judgement, name, error.text);
+    if (line.html)
+        judgement.html_row = html_error_row(name, error.text, {});
     return judgement;
+}
+
+/// Writes the page on an input; `error`: why it could not be read to its end.
+void write_page(const PageFile& page, const InputFacts& facts, const CommandLine& line,
+                const Summary& summary, const Findings& findings, TimeSeries&& series,
+                const std::string& error, Judgement& judgement) {
+    const std::string html =
+        html_page({facts, line.measure, summary, findings.groups(), *findings.kept(), error},
+                  std::move(series), QUARN_VERSION);
+    errno = 0;
+    std::ofstream file(page.path, std::ios::binary);
+    file << html;
+    file.close();
+    if (!file) {
+        complain(judgement, page.path, std::generic_category().message(errno ? errno : EIO));
+        judgement.status = status_error;
+    }
+    judgement.page_written = true;
+    judgement.html_row = error.empty() ? html_row(facts, summary, findings.groups(), page.link)
+                                       : html_error_row(facts.name, error, page.link);
 }
 
 void report(const InputFacts& facts, const CommandLine& line, const Colours& colours,
@@ -85,7 +126,8 @@ void report(const InputFacts& facts, const CommandLine& line, const Colours& col
 } // namespace
 
 Judgement judge(const std::string& name, const CommandLine& line, const Colours& colours,
-                const Write& write, const std::function<bool()>& go_on, Position& position) {
+                const std::optional<PageFile>& page, const Write& write,
+                const std::function<bool()>& go_on, Position& position) {
     Findings findings(name, line, write);
     auto opened = inputs::open(name, {line.flow, nullptr});
     if (const auto* error = std::get_if<inputs::Error>(&opened)) {
@@ -107,24 +149,28 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
         position.read = input.bytes_read();
     }
     if (status == inputs::Input::Status::more)
-        return {status_error, {}}; // nobody reads on
+        return {status_error, {}, {}, false}; // nobody reads on
     stream.end();
 
     Judgement judgement;
+    std::string error;
+    const Summary summary = stream.summary();
     if (status == inputs::Input::Status::failed) {
         // Findings up to there stand; a verdict would be one on something else.
+        error = input.error().text;
         judgement = unreadable(name, input.error(), line, colours, findings);
         if (!line.json && !line.quiet) {
             findings.text() += "What was read until then:\n";
-            report(facts, line, colours, stream.summary(), findings);
+            report(facts, line, colours, summary, findings);
         }
     } else {
-        const Summary summary = stream.summary();
         report(facts, line, colours, summary, findings);
         judgement.status = status_of(summary.verdict);
         if (line.junit)
             junit_suite(judgement.ending.junit, name, summary, findings.groups());
     }
+    if (page)
+        write_page(*page, facts, line, summary, findings, stream.series(), error, judgement);
     findings.flush();
     return judgement;
 }

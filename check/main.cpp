@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "explain.h"
+#include "html_files.h"
 #include "judge.h"
 #include "list.h"
 #include "options.h"
@@ -43,8 +44,8 @@ bool has_colours() {
 class Run {
   public:
     Run(const CommandLine& line, const std::vector<std::string>& inputs, Target& out, Target* junit,
-        const Colours& colours)
-        : line_(line), inputs_(inputs), colours_(colours),
+        HtmlFiles* html, const Colours& colours)
+        : line_(line), inputs_(inputs), html_(html), colours_(colours),
           progress_(::isatty(STDERR_FILENO), inputs.size()),
           output_(out, junit, [this] { progress_.clear(); }) {}
 
@@ -71,6 +72,8 @@ class Run {
             if (input >= inputs_.size() || !output_.begin(input))
                 return;
             Judgement judgement = judge_one(input);
+            if (html_ != nullptr)
+                html_->done(input, judgement);
             output_.finish(input, std::move(judgement.ending));
             int status = status_;
             while (!status_.compare_exchange_weak(status, worse(status, judgement.status))) {
@@ -82,7 +85,10 @@ class Run {
         Progress::Item item(progress_, inputs_[input]);
         const auto write = [&](std::string_view text) { output_.write(input, text); };
         const auto go_on = [&] { return !output_.failed(); };
-        return judge(inputs_[input], line_, colours_, write, go_on, item.position);
+        std::optional<PageFile> page;
+        if (html_ != nullptr)
+            page = html_->page(input);
+        return judge(inputs_[input], line_, colours_, page, write, go_on, item.position);
     }
 
     void draw_until_done(std::atomic<std::size_t>& running) {
@@ -97,6 +103,7 @@ class Run {
 
     const CommandLine& line_;
     const std::vector<std::string>& inputs_;
+    HtmlFiles* html_;
     const Colours& colours_;
     Progress progress_;
     OrderedOutput output_;
@@ -117,7 +124,12 @@ int check_all(const CommandLine& line, const Colours& colours) {
         junit = std::make_unique<Target>(fd, *line.junit);
         junit->write(junit_begin());
     }
-    const int status = Run(line, inputs, out, junit.get(), colours).all();
+    std::unique_ptr<HtmlFiles> html;
+    if (line.html)
+        html = std::make_unique<HtmlFiles>(*line.html, inputs.size());
+    int status = Run(line, inputs, out, junit.get(), html.get(), colours).all();
+    if (html && !out.failed() && !html->finish())
+        status = status_error;
     if (junit)
         junit->write(junit_end());
     return out.failed() || (junit && junit->failed()) ? status_error : status;

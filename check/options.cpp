@@ -59,6 +59,7 @@ struct Given {
 
 void apply(const Given& given, CommandLine& line) {
     Options& measure = line.measure;
+    measure.series = line.html.has_value();
     measure.limits = limits_of(measure.profile);
     for (const std::string& text : given.limits)
         taken("--limit", [&] { settings::set_limit_of(text, measure.limits); });
@@ -86,12 +87,19 @@ void check_combination(const CommandLine& line) {
 void add_outputs(CLI::App& app, CommandLine& line) {
     app.add_flag("--json", line.json, "Records as JSON Lines instead of a report for people");
     app.add_flag("--quiet", line.quiet, "One line a file: verdict, name, why");
-    with_value(app, "--junit", "FILE", "Write JUnit XML as well", [&](const std::string& text) {
-        if (text == "-")
-            refuse("--junit", "\"-\" is no file, and standard output has the report; name "
-                              "one, such as report.xml");
-        line.junit = text;
-    });
+    const auto file = [&](const char* name, const char* help, const char* example,
+                          std::optional<std::string>& path) {
+        with_value(app, name, "FILE", help, [&path, name, example](const std::string& text) {
+            if (text == "-")
+                refuse(name, "\"-\" is no file, and standard output has the report; name "
+                             "one, such as " +
+                                 std::string(example));
+            path = text;
+        });
+    };
+    file("--junit", "Write JUnit XML as well", "report.xml", line.junit);
+    file("--html", "Write a page with plots as well; of several captures an overview and pages",
+         "report.html", line.html);
     with_value(app, "--explain", "ID", "Show the page on a rule, such as 1.4, and end",
                [&](const std::string& text) { line.explain = settings::rule_of(text); });
 }

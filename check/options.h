@@ -25,6 +25,7 @@ struct CommandLine {
     bool json = false;
     bool quiet = false;
     std::optional<std::string> junit; // file to write
+    std::optional<std::string> html;  // page to write, of several inputs the overview
     std::optional<inputs::Endpoint> flow;
     unsigned jobs = 1;
     std::optional<Rule> explain; // nothing else is done then

@@ -79,7 +79,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS libconfig-dev)
 set(CPACK_DEBIAN_QUARN_DESCRIPTION "Reads a capture of an MPEG transport stream and reports what is wrong in it:
 lost packets, changed tables, clocks and time stamps that are off. Each fault
 is a line for people and, on request, a line for scripts. quarn-check gives a
-verdict on captures, with places, times and programs, as text, JSON or JUnit.")
+verdict on captures, with places, times and programs, as text, JSON, JUnit or
+a page with plots.")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "The analyzer of quarn as a library that any program can feed packet by packet:
 headers, static libraries, an example.")
 include(CPack)

@@ -51,8 +51,9 @@ std::optional<Ticks> SureClock::distance(const Place& from, const Place& to) con
 
 void Gaps::came(Series& series, const GapRow& row, std::vector<std::uint16_t> programs,
                 const Place& place) {
-    const Ticks distance = clock_.distance(series.last, place).value_or(0);
-    if (recorder_ != nullptr)
+    const std::optional<Ticks> known = clock_.distance(series.last, place);
+    const Ticks distance = known.value_or(0);
+    if (recorder_ != nullptr && known)
         recorder_->table(row, place, distance);
     if (distance > row.limit) {
         gap(series, row, std::move(programs), place);

@@ -42,6 +42,11 @@ class Json {
     Json& member(std::string_view name, const T& v) {
         return key(name).value(v);
     }
+    /// A word, null where it is empty.
+    Json& word_or_null(std::string_view name, std::string_view word) {
+        key(name);
+        return word.empty() ? null() : value(word);
+    }
     /// An array of values.
     template <class List>
     Json& list(std::string_view name, const List& values) {

@@ -10,34 +10,10 @@ namespace quarn {
 
 namespace {
 
-/// Text for attributes and content; XML 1.0 has no way to write most control characters, so they
-/// go as \xHH.
-std::string escaped(std::string_view text) {
-    std::string out;
-    for (const char c : printable(text)) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
-/// U+FFFE and U+FFFF, valid in UTF-8, are no characters of XML.
+/// Text for attributes and content. XML 1.0 has no way to write most control characters, so they go
+/// as \xHH; U+FFFE and U+FFFF, valid in UTF-8, are no characters of it.
 std::string xml(std::string_view text) {
-    std::string out = escaped(text);
+    std::string out = escaped(printable(text));
     for (const std::string_view wrong : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"})
         for (std::size_t at = 0; (at = out.find(wrong, at)) != std::string::npos;)
             out.replace(at, wrong.size(), wrong == "\xEF\xBF\xBE" ? "\\uFFFE" : "\\uFFFF");

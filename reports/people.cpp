@@ -16,21 +16,6 @@ namespace {
 /// Of more pids with the same fault only so many have a line of their own.
 constexpr std::size_t most_lines = 8;
 
-/// "45.2 ms", "7.2 s", "12 min 5 s", "24 h 0 min": rounded as the figures of findings are.
-std::string length_text(Ticks ticks) {
-    const auto whole = [&](Ticks unit) { return (ticks + unit / 2) / unit; };
-    const Ticks tenths = whole(ticks_per_second / 10);
-    const Ticks seconds = whole(ticks_per_second);
-    const Ticks minutes = whole(60 * ticks_per_second);
-    if (ticks < ticks_per_second)
-        return duration_text(static_cast<double>(ticks) / ticks_per_ms);
-    if (tenths < 600)
-        return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
-    if (seconds < 3600)
-        return std::to_string(seconds / 60) + " min " + std::to_string(seconds % 60) + " s";
-    return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
-}
-
 std::string_view colour(const Colours& c, Verdict verdict) {
     switch (verdict) {
     case Verdict::healthy:
@@ -97,30 +82,9 @@ void head(std::string& out, const InputFacts& input, const Options& options, con
           const Colours& c) {
     coloured(out, colour(c, s.verdict), c, word(s.verdict));
     out += ": " + printable(input.name) + "\n";
-    std::string facts =
-        std::to_string(input.packet_size) + "-byte packets, " + count_text(s.packets, "packet");
-    if (!input.flow.empty())
-        facts = input.flow + ", " + facts;
-    if (s.duration)
-        facts += ", " + length_text(*s.duration);
-    if (s.bitrate)
-        facts += ", " + rate_text(*s.bitrate);
-    facts += "; " + clock_text(s.clock);
-    if (options.profile != Profile::dvb)
-        facts += "; profile " + std::string(word(options.profile));
-    wrap(out, facts, 2);
-    if (s.program_missing && options.program)
-        wrap(out, "There is no program " + std::to_string(*options.program) + " in it.", 2);
-    else if (s.verdict == Verdict::insufficient)
-        wrap(out,
-             "Nothing is known to be wrong, but not all could be judged: " + id_list(s.why) +
-                 " (below).",
-             2);
-    if (s.segment_hint && options.profile != Profile::segment)
-        wrap(out,
-             "One PAT only, at the start: if this is a segment of HLS or the like, "
-             "--profile segment fits better.",
-             2);
+    wrap(out, facts_text(input, options, s), 2);
+    for (const std::string& remark : remarks(options, s))
+        wrap(out, remark, 2);
 }
 
 void stream_line(std::string& out, const StreamSummary& s, const Colours& c) {
@@ -306,6 +270,34 @@ void one_line(std::string& out, std::string_view colour, const Colours& c, std::
 
 Colours Colours::terminal() {
     return {"\033[1;32m", "\033[1;31m", "\033[1;33m", "\033[1m", "\033[0m"};
+}
+
+std::string facts_text(const InputFacts& input, const Options& options, const Summary& s) {
+    std::string facts =
+        std::to_string(input.packet_size) + "-byte packets, " + count_text(s.packets, "packet");
+    if (!input.flow.empty())
+        facts = input.flow + ", " + facts;
+    if (s.duration)
+        facts += ", " + length_text(*s.duration);
+    if (s.bitrate)
+        facts += ", " + rate_text(*s.bitrate);
+    facts += "; " + clock_text(s.clock);
+    if (options.profile != Profile::dvb)
+        facts += "; profile " + std::string(word(options.profile));
+    return facts;
+}
+
+std::vector<std::string> remarks(const Options& options, const Summary& s) {
+    std::vector<std::string> all;
+    if (s.program_missing && options.program)
+        all.push_back("There is no program " + std::to_string(*options.program) + " in it.");
+    else if (s.verdict == Verdict::insufficient)
+        all.push_back("Nothing is known to be wrong, but not all could be judged: " +
+                      id_list(s.why) + " (below).");
+    if (s.segment_hint && options.profile != Profile::segment)
+        all.emplace_back("One PAT only, at the start: if this is a segment of HLS or the like, "
+                         "--profile segment fits better.");
+    return all;
 }
 
 void people_report(std::string& out, const InputFacts& input, const Options& options,

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "groups.h"
 #include "measure/measure.h"
@@ -23,6 +24,11 @@ struct InputFacts {
     int packet_size = 188;
     std::string flow; // "239.1.1.1:5000, RTP"; empty for other inputs than captures of a network
 };
+
+/// "188-byte packets, 3247 packets, 7.8 s, ...; clock from the PCR of pid 256, variable rate"
+std::string facts_text(const InputFacts& input, const Options& options, const Summary& summary);
+/// Sentences on the verdict as a whole that users need to know before they read on.
+std::vector<std::string> remarks(const Options& options, const Summary& summary);
 
 /// The report on one input, lines of at most 80 columns where names allow it, ends in an empty
 /// line.

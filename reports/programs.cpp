@@ -8,11 +8,7 @@ namespace {
 void stream(Json& json, const StreamSummary& s) {
     json.open('{');
     json.member("pid", s.pid).member("kind", word(s.kind)).member("codec", word(s.codec));
-    json.key("language");
-    if (s.language.empty())
-        json.null();
-    else
-        json.value(s.language);
+    json.word_or_null("language", s.language);
     json.member("packets", s.packets).member("bitrate_bps", s.bitrate);
     json.member("lost", s.lost).member("scrambled", s.scrambled);
     json.close('}');

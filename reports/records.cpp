@@ -91,15 +91,6 @@ unsigned members_of(Rule rule) {
     return 0;
 }
 
-/// A word, null where it is empty.
-void word_or_null(Json& json, std::string_view key, std::string_view word) {
-    json.key(key);
-    if (word.empty())
-        json.null();
-    else
-        json.value(word);
-}
-
 void time(Json& json, std::string_view key, std::optional<Ticks> ticks) {
     json.key(key);
     if (ticks && *ticks != no_time)
@@ -186,7 +177,7 @@ void rule(Json& json, const RuleSummary& r) {
     json.open('{');
     json.member("rule", info(r.rule).id).member("severity", word(info(r.rule).severity));
     json.member("judged", word(r.judged));
-    word_or_null(json, "why", r.why);
+    json.word_or_null("why", r.why);
     json.list("pids", r.pids);
     json.member("count", r.count).member("consequences", r.consequences);
     optional_place(json, "first", r.first);
@@ -230,7 +221,7 @@ std::uint64_t Records::finding(std::string& out, const Finding& f, const Extras&
     begin(out, "finding");
     Json json(out);
     json.member("rule", info(f.rule).id).member("name", info(f.rule).name);
-    word_or_null(json, "kind", word(f.kind));
+    json.word_or_null("kind", word(f.kind));
     json.member("severity", word(f.severity)).member("shape", word(f.shape));
     json.member("state", word(f.state)).member("raised_seq", extras.raised_seq);
     json.member("open", f.open).list("programs", f.programs).member("pid", f.pid);

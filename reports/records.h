@@ -30,6 +30,8 @@ class Records {
     /// Returns the `seq` of the record.
     std::uint64_t finding(std::string& out, const Finding& finding, const Extras& extras = {});
     void summary(std::string& out, const Summary& summary);
+    /// Counts a record that is not written.
+    void skip() { ++seq_; }
     /// An input that cannot be read; `kind` is one of the schema's words.
     void error(std::string& out, std::string_view kind, std::string_view text);
 

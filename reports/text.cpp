@@ -99,6 +99,29 @@ std::string printable(std::string_view text) {
     return cleaned(text, true);
 }
 
+std::string escaped(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        default:
+            out += c;
+        }
+    }
+    return out;
+}
+
 std::size_t columns(std::string_view text) {
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
         return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
@@ -135,6 +158,20 @@ std::string duration_text(double ms) {
     if (size >= 0.001)
         return number_text(ms * 1000, decimals_of(size * 1000), "us");
     return number_text(ms * 1e6, 0, "ns");
+}
+
+std::string length_text(Ticks ticks) {
+    const auto whole = [&](Ticks unit) { return (ticks + unit / 2) / unit; };
+    const Ticks tenths = whole(ticks_per_second / 10);
+    const Ticks seconds = whole(ticks_per_second);
+    const Ticks minutes = whole(60 * ticks_per_second);
+    if (ticks < ticks_per_second)
+        return duration_text(static_cast<double>(ticks) / ticks_per_ms);
+    if (tenths < 600)
+        return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
+    if (seconds < 3600)
+        return std::to_string(seconds / 60) + " min " + std::to_string(seconds % 60) + " s";
+    return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
 }
 
 std::string rate_text(std::uint64_t bits_per_second) {

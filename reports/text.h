@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "measure/finding.h"
+
 namespace quarn {
 
 /// Length of the valid UTF-8 sequence that `text` begins with; 0 if it begins with none.
@@ -17,6 +19,9 @@ std::string valid_utf8(std::string_view text);
 /// \xHH): one line, safe for terminals and XML.
 std::string printable(std::string_view text);
 
+/// Text as it stands in attributes and content of XML and HTML.
+std::string escaped(std::string_view text);
+
 /// Columns that UTF-8 text takes, one a character.
 std::size_t columns(std::string_view text);
 
@@ -26,6 +31,8 @@ void wrap(std::string& out, std::string_view text, std::size_t indent, std::size
 
 /// "320 ms", "12.3 s", "0.7 us".
 std::string duration_text(double ms);
+/// "45.2 ms", "7.2 s", "12 min 5 s", "24 h 0 min": rounded as the figures of findings are.
+std::string length_text(Ticks ticks);
 /// "618 kbit/s", "12.5 Mbit/s".
 std::string rate_text(std::uint64_t bits_per_second);
 /// "3 packets", "1 packet".

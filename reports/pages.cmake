@@ -1,4 +1,4 @@
-# Writes pages.h: the pages of doc/findings.md, one a heading, for quarn-check --explain.
+# Writes pages.h: the pages of doc/findings.md, one a heading.
 set(source ${CMAKE_SOURCE_DIR}/doc/findings.md)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
 file(READ ${source} text)
@@ -9,10 +9,10 @@ file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/pages.new
 
 #include <string_view>
 
-namespace quarn::check {
+namespace quarn {
 
 inline constexpr std::string_view pages[] = {R\"~(${text})~\"};
 
-} // namespace quarn::check
+} // namespace quarn
 ")
 configure_file(${CMAKE_CURRENT_BINARY_DIR}/pages.new ${CMAKE_CURRENT_BINARY_DIR}/pages.h COPYONLY)
