@@ -17,8 +17,16 @@ constexpr std::size_t shortest_passphrase = 10; // what SRT takes
 constexpr std::size_t longest_passphrase = 79;
 constexpr unsigned longest_latency_ms = 60'000;
 
+bool is_control(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
+/// In quotation marks, and on one line whatever it holds.
 std::string quoted(std::string_view text) {
-    return "\"" + std::string(text) + "\"";
+    std::string out = "\"";
+    for (const char c : text)
+        out += is_control(c) ? '?' : c;
+    return out + "\"";
 }
 
 /// What is wrong with a URL; thrown and caught in this file alone.
@@ -73,7 +81,8 @@ void set_source(InputUrl& url, const std::string& value) {
 }
 
 void set_interface(InputUrl& url, const std::string& value) {
-    if (value.empty() || value.size() >= IFNAMSIZ || value.find('/') != std::string::npos)
+    if (value.empty() || value.size() >= IFNAMSIZ || value.find('/') != std::string::npos ||
+        std::ranges::any_of(value, is_control))
         throw Wrong{"interface=" + quoted(value) + " is not the name of an interface, like eth0"};
     url.interface_name = value;
 }
@@ -264,6 +273,8 @@ bool has_scheme(std::string_view text) {
 }
 
 void take_url(InputUrl& url, std::string_view text) {
+    if (std::ranges::any_of(text, is_control))
+        throw Wrong{"a line break or another control character: write it as %0A"};
     const auto end = text.find("://");
     const auto* const scheme = std::ranges::find(scheme_names, text.substr(0, end));
     if (scheme == std::end(scheme_names))

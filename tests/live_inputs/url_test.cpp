@@ -79,6 +79,8 @@ TEST(Url, is_understood_or_says_what_is_wrong) {
         {"file://a?loop=yes", "loop=\"yes\": loop is true or false"},
         {"file://a%2", "a % must be followed by two hexadecimal digits (% itself is %25)"},
         {"file://a%00", "a % must be followed by two hexadecimal digits (% itself is %25)"},
+        {"file://a\nb", "a line break or another control character: write it as %0A"},
+        {"srt://h:1?mode=%0A", "mode=\"?\": mode is caller or listener"},
         {"file://", "no file is named: file:///PATH"},
         {"srt://h:1?mode=rendezvous", "mode=\"rendezvous\": mode is caller or listener"},
         {"srt://h:1?latency=1s", "latency=\"1s\": latency is in milliseconds, 0 to 60000"},
