@@ -15,6 +15,7 @@ constexpr int most_messages = 128;            // a turn
 constexpr std::size_t largest_message = 1500; // live mode has at most 1456 bytes
 constexpr std::int32_t sequence_mask = 0x7FFFFFFF;
 constexpr std::int64_t undecrypted_interval = 60 * ns_per_s;
+constexpr std::int64_t refused_interval = 10 * ns_per_s;
 /// The first version whose handshake settles encryption.
 constexpr int least_version = 0x010300;
 
@@ -217,13 +218,27 @@ void SrtReceiver::accept() {
     const std::string name = peer ? to_string(*peer) : "a caller";
     if (const auto wrong = secrecy_of(taken, !url_.passphrase.empty()); !wrong.empty()) {
         srt_close(taken);
-        tell(state_, name + " was refused: " + wrong);
+        ++refused_;
+        why_refused_ = name + " was refused: " + wrong;
+        tell_refused();
         return;
     }
     socket_ = taken;
     busy_ = true;
     poller_->watch(socket_, *this);
     connected(name);
+}
+
+/// One caller as he comes, many as a number now and then.
+void SrtReceiver::tell_refused() {
+    const std::int64_t now_ns = moment().monotonic_ns;
+    if (refused_ == 0 || now_ns < refused_told_ns_ + refused_interval)
+        return;
+    const std::string others =
+        refused_ == 1 ? std::string() : " (and " + std::to_string(refused_ - 1) + " before)";
+    tell(state_, why_refused_ + others);
+    refused_ = 0;
+    refused_told_ns_ = now_ns;
 }
 
 void SrtReceiver::connected(const std::string& with) {
@@ -255,7 +270,7 @@ void SrtReceiver::failed(const std::string& why) {
 bool SrtReceiver::read(const Turn& turn) {
     if (!connected_ && caller())
         look_at_call();
-    else if (!connected_)
+    else if (!connected_ && retry_.due(moment().monotonic_ns)) // no sooner than a second later
         accept();
     return connected_ && receive(turn);
 }
@@ -336,6 +351,7 @@ void SrtReceiver::tick(const Turn& turn) {
     read(turn);
     if (connected_)
         look_at_statistics();
+    tell_refused();
     const std::int64_t time = std::max(last_ns_, connected_ ? emptied_ns_ : turn.now.monotonic_ns);
     last_ns_ = time;
     stream_.expire(ticks_of(time));

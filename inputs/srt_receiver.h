@@ -42,6 +42,7 @@ class SrtReceiver : public Receiver {
     void call_address(const Endpoint& to);
     void look_at_call();
     void accept();
+    void tell_refused();
     void connected(const std::string& with);
     void failed(const std::string& why);
     bool receive(const Turn& turn);
@@ -61,6 +62,9 @@ class SrtReceiver : public Receiver {
     std::atomic<bool> busy_ = false; // a caller is connected; read by a thread of libsrt
     std::optional<Resolver> resolver_;
     Retry retry_;
+    std::uint64_t refused_ = 0; // callers, not yet told
+    std::string why_refused_;   // the last of them
+    std::int64_t refused_told_ns_ = -60 * ns_per_s;
     InputState state_ = InputState::waiting;
     std::string told_;
 

@@ -223,9 +223,9 @@ bool UdpReceiver::open_again() {
 
 void UdpReceiver::connect() {
     trouble_ = socket_->join();
+    if (trouble_.empty() && !poller_->watch(socket_->fd(), *this))
+        trouble_ = "the system has no room to wait for more inputs: fs.epoll.max_user_watches";
     joined_ = trouble_.empty();
-    if (joined_)
-        poller_->watch(socket_->fd(), *this);
 }
 
 void UdpReceiver::gone(const std::string& why, std::int64_t now_ns) {

@@ -34,7 +34,9 @@ void Watcher::raw(std::span<const std::uint8_t> datagram, const Arrival& when) {
     note([&] {
         if (when.ticks < last_)
             seen_.wrong += " a datagram from before the last packet;";
-        seen_.raw.emplace_back(datagram.begin(), datagram.end());
+        // A flood is counted on, but not kept.
+        const bool kept = (bytes_ += datagram.size()) < std::size_t{64} << 20;
+        seen_.raw.emplace_back(datagram.begin(), kept ? datagram.end() : datagram.begin());
     });
 }
 

@@ -69,6 +69,7 @@ class Watcher : public Consumer {
     std::mutex mutex_;
     std::condition_variable changed_;
     Seen seen_;
+    std::size_t bytes_ = 0;
     inputs::Ticks last_ = inputs::no_time;
 };
 
