@@ -7,8 +7,9 @@
 namespace quarn {
 
 namespace {
-constexpr Ticks look_ahead = 600 * ticks_per_ms; // until what broke in an interval is known
-constexpr Ticks silence = ticks_per_second;      // without a PCR: another pid, or estimates
+constexpr Ticks look_ahead = 600 * ticks_per_ms;   // until what broke in an interval is known
+constexpr Ticks silence = ticks_per_second;        // without a PCR: another pid, or estimates
+constexpr Ticks silence_live = 500 * ticks_per_ms; // the same, until there are estimates
 constexpr Ticks bridge_step = 100 * ticks_per_ms;
 constexpr Ticks arrival_step = 10 * ticks_per_ms;
 constexpr std::uint64_t blind = 10'000;        // packets instead of a second where there is no rate
@@ -16,6 +17,12 @@ constexpr std::uint64_t longest_hold = 20'000; // packets
 constexpr std::uint64_t longest_wait = 500'000; // packets: a second of 750 Mbit/s
 constexpr std::size_t points_to_choose = 41;
 constexpr std::size_t segments_kept = 1024;
+constexpr std::size_t segments_kept_live = 512;
+constexpr std::size_t notes_kept_live = 4096; // of what broke
+// Live: what is not known by then is decided without.
+constexpr Ticks longest_look = 700 * ticks_per_ms;
+constexpr Ticks longest_hold_live = ticks_per_second;
+constexpr Ticks bridge_at_most = 60 * ticks_per_second; // the drift of two clocks grows
 constexpr Ticks clear_jump = 30 * ticks_per_ms;
 constexpr Ticks flagged_jump = ticks_per_ms;
 constexpr Ticks longest_loss = 3 * ticks_per_second;
@@ -28,8 +35,8 @@ auto in_range(const T& d, std::uint64_t from, std::uint64_t to) {
 }
 } // namespace
 
-StreamClock::StreamClock(std::uint64_t bitrate, Ticks pcr_limit)
-    : bitrate_(bitrate), pcr_limit_(pcr_limit) {}
+StreamClock::StreamClock(std::uint64_t bitrate, Ticks pcr_limit, bool live)
+    : bitrate_(bitrate), pcr_limit_(pcr_limit), live_(live), rate_(live) {}
 
 // ---------------------------------------------------------------- which pid
 
@@ -117,7 +124,7 @@ void StreamClock::pcr(const PcrPoint& pcr) {
     Candidate& candidate = candidates_[pcr.pid];
     ++candidate.count;
     if (source_ == ClockSummary::Source::none) {
-        candidate.points.push_back({pcr, false, false});
+        candidate.points.push_back({pcr});
         if (candidate.points.size() > longest_hold / 10)
             candidate.points.pop_front();
         choose(pcr.at, false);
@@ -126,7 +133,9 @@ void StreamClock::pcr(const PcrPoint& pcr) {
     if (candidate.points.empty() ||
         pcr.at.index - candidate.points.back().pcr.at.index > packets_in(silence) / 2)
         candidate.since = pcr.at.index;
-    candidate.points.assign(1, {pcr, false, false});
+    candidate.points.assign(1, {pcr});
+    if (live_ && source_ == ClockSummary::Source::arrival && candidate.count >= 2)
+        leave_arrival(pcr.pid);
     if (pcr.pid == pid_ && source_ == ClockSummary::Source::pcr)
         add_point(pcr);
 }
@@ -137,8 +146,20 @@ void StreamClock::add_point(const PcrPoint& pcr) {
         if (!i.disturbed && i.distance > 0 && i.distance < 2 * ticks_per_second)
             rate_.add(i.packets, i.packets - i.added, i.distance);
     }
-    points_.push_back({pcr, false, moving_});
-    moving_ = false;
+    points_.push_back({pcr, false, moving_ && !afresh_, afresh_});
+    moving_ = afresh_ = false;
+    last_pcr_arrival_ = pcr.arrival;
+}
+
+// Live: there were no PCRs, but now they have begun.
+void StreamClock::leave_arrival(std::uint16_t pid) {
+    if (announced_choice(true) != pid && programs_ && programs_->complete())
+        return;
+    source_ = ClockSummary::Source::pcr;
+    pid_ = pid;
+    announced_ = programs_ && programs_->is_pcr_pid(pid);
+    afresh_ = true;
+    rate_.anew();
 }
 
 // ---------------------------------------------------------------- where PCRs are missing
@@ -147,7 +168,11 @@ void StreamClock::tick(const At& at, Ticks arrival, Ticks frames) {
     if (source_ == ClockSummary::Source::none) {
         early_.emplace_back(at, arrival);
         choose(at, false);
-        if (source_ == ClockSummary::Source::none && at.index >= blind)
+        if (first_arrival_ == no_time)
+            first_arrival_ = arrival;
+        const bool late = live_ && first_arrival_ != no_time && now_arrival_ != no_time &&
+                          now_arrival_ - first_arrival_ >= silence;
+        if (source_ == ClockSummary::Source::none && (at.index >= blind || late))
             do_without_pcrs();
         else if (source_ != ClockSummary::Source::none)
             early_.clear();
@@ -156,7 +181,7 @@ void StreamClock::tick(const At& at, Ticks arrival, Ticks frames) {
     if (source_ == ClockSummary::Source::pcr)
         replace_or_bridge(at, arrival, frames);
     else
-        steady_source(at, arrival);
+        steady_source(at, arrival, arrival_step);
 }
 
 // No pid has PCRs: arrival tells the time, else the bit rate that was given, else nothing.
@@ -167,7 +192,7 @@ void StreamClock::do_without_pcrs() {
         source_ = ClockSummary::Source::bitrate;
     for (const auto& [at, arrival] : early_)
         if (source_ != ClockSummary::Source::none)
-            steady_source(at, arrival);
+            steady_source(at, arrival, arrival_step);
     early_.clear();
 }
 
@@ -180,9 +205,13 @@ void StreamClock::replace_or_bridge(const At& at, Ticks arrival, Ticks frames) {
         frames = 0; // there is better
     if (!last.bridge)
         bridged_time_ = 0;
-    if (!last.bridge && since < std::min(packets_in(silence), 2 * longest_wait) && frames < silence)
+    const std::optional<Ticks> without = since_last_pcr(arrival);
+    if (!last.bridge && without ? *without < silence_live
+                                : !last.bridge && frames < silence &&
+                                      since < std::min(packets_in(silence), 2 * longest_wait))
         return;
-    for (const Program& p : programs_ ? programs_->programs : std::vector<Program>{}) {
+    const bool may_move = programs_ && (!without || *without >= silence);
+    for (const Program& p : may_move ? programs_->programs : std::vector<Program>{}) {
         const auto c = candidates_.find(p.pcr_pid);
         if (p.pcr_pid == pid_ || c == candidates_.end() || c->second.points.empty())
             continue;
@@ -196,7 +225,44 @@ void StreamClock::replace_or_bridge(const At& at, Ticks arrival, Ticks frames) {
     }
     if (frames > 0 && frames - bridged_time_ >= bridge_step)
         bridge(at, arrival, frames - bridged_time_);
-    else if (frames == 0 && since >= packets_in(bridge_step))
+    else if (without ? arrival - last.pcr.arrival >= bridge_step
+                     : frames == 0 && since >= packets_in(bridge_step))
+        bridge(at, arrival, std::nullopt);
+}
+
+// By arrival, for live inputs.
+std::optional<Ticks> StreamClock::since_last_pcr(Ticks arrival) const {
+    if (!live_ || arrival == no_time || last_pcr_arrival_ == no_time ||
+        points_.back().pcr.arrival == no_time)
+        return std::nullopt;
+    return arrival - last_pcr_arrival_;
+}
+
+void StreamClock::pause(const At& last, Ticks arrival) {
+    tick(last, arrival, 0);
+    if (points_.empty() || held_ || last.index <= points_.back().pcr.at.index)
+        return;
+    if (source_ == ClockSummary::Source::pcr)
+        bridge(last, arrival, std::nullopt);
+    else
+        steady_source(last, arrival, 0);
+}
+
+void StreamClock::anew(const At& at, Ticks arrival, bool standing) {
+    if (source_ == ClockSummary::Source::none) {
+        candidates_.clear();
+        early_.clear();
+        return;
+    }
+    disturbances_.push_back(
+        {null_pid, at.index - std::min<std::uint64_t>(at.index, 1), at.index, 1});
+    afresh_ = source_ == ClockSummary::Source::pcr;
+    last_pcr_arrival_ = arrival;
+    if (points_.empty() || at.index <= points_.back().pcr.at.index)
+        return;
+    if (standing)
+        bridge(at, arrival, 0);
+    else if (rate_.known())
         bridge(at, arrival, std::nullopt);
 }
 
@@ -219,7 +285,8 @@ void StreamClock::bridge(const At& at, Ticks arrival, std::optional<Ticks> value
     points_.push_back(next);
 }
 
-void StreamClock::steady_source(const At& at, Ticks arrival) {
+// `least`: of what is worth a point.
+void StreamClock::steady_source(const At& at, Ticks arrival, Ticks least) {
     const bool arrives = source_ == ClockSummary::Source::arrival;
     if (arrives && arrival == no_time)
         return;
@@ -238,7 +305,7 @@ void StreamClock::steady_source(const At& at, Ticks arrival) {
     }
     const Point& last = points_.back();
     const Ticks step = arrives ? arrival - last.pcr.arrival : by_rate(at.index - last.pcr.at.index);
-    if (step < arrival_step)
+    if (step < least)
         return;
     rate_.add(at.index - last.pcr.at.index, at.index - last.pcr.at.index, step);
     bridge(at, arrival, step);
@@ -363,8 +430,15 @@ void StreamClock::forget_before(std::uint64_t index) {
         added_.pop_front();
     while (!nulls_.empty() && nulls_.front().second < old)
         nulls_.pop_front();
-    while (segments_.size() > segments_kept)
+    while (segments_.size() > (live_ ? segments_kept_live : segments_kept))
         segments_.pop_front();
+    const auto shorten = [&](auto& notes) {
+        while (live_ && notes.size() > notes_kept_live)
+            notes.pop_front();
+    };
+    shorten(disturbances_);
+    shorten(added_);
+    shorten(nulls_);
 }
 
 // ---------------------------------------------------------------- intervals
@@ -400,7 +474,8 @@ bool StreamClock::ready(const At& last, bool at_end) {
         return false;
     if (held_) {
         const bool enough = points_.size() >= points_to_choose ||
-                            last.index - points_.front().pcr.at.index > longest_hold;
+                            last.index - points_.front().pcr.at.index > longest_hold ||
+                            has_waited(points_.front().pcr, longest_hold_live);
         if (!enough && !at_end)
             return false;
         held_ = false;
@@ -409,7 +484,13 @@ bool StreamClock::ready(const At& last, bool at_end) {
     }
     if (points_.size() < 2)
         return false;
-    return at_end || passed(points_[1].pcr.at.index, last, look_ahead);
+    return at_end || passed(points_[1].pcr.at.index, last, look_ahead) ||
+           has_waited(points_[1].pcr, longest_look);
+}
+
+bool StreamClock::has_waited(const PcrPoint& point, Ticks time) const {
+    return live_ && now_arrival_ != no_time && point.arrival != no_time &&
+           now_arrival_ - point.arrival >= time;
 }
 
 ClockInterval StreamClock::measure(const PcrPoint& from, const PcrPoint& to) const {
@@ -436,7 +517,10 @@ std::optional<ClockInterval> StreamClock::next(const At& last, bool at_end) {
         segments_.push_back({0, from.pcr.at.index, 0, now_, 0, tpp, !rate_.constant()});
         last_real_time_ = now_;
     }
-    const bool whole = bridged_ && !to.bridge && !to.moved; // a PCR again, behind estimates
+    // A PCR again, behind estimates.
+    const bool too_long = live_ && bridged_ && now_ - last_real_time_ > bridge_at_most;
+    const bool anew = !to.bridge && (to.anew || (too_long && !to.moved));
+    const bool whole = bridged_ && !to.bridge && !to.moved && !anew;
     ClockInterval i = measure(whole ? last_real_ : from.pcr, to.pcr);
     i.constant = rate_.constant();
     const double tpp = rate_.ticks_per_packet();
@@ -449,11 +533,22 @@ std::optional<ClockInterval> StreamClock::next(const At& last, bool at_end) {
         i.stretch = Stretch::bridged;
     else if (to.moved)
         i.stretch = Stretch::moved;
+    else if (anew)
+        begin_anew(i);
     else
         decide(i);
     keep(i, from, to);
     points_.pop_front();
     return i;
+}
+
+// The two values need not have to do with each other.
+void StreamClock::begin_anew(ClockInterval& i) const {
+    i.stretch = Stretch::anew;
+    i.disturbed = true;
+    i.error = 0;
+    const bool arrived = i.from.arrival != no_time && i.to.arrival != no_time;
+    i.distance = arrived ? i.to.arrival - i.from.arrival : 0;
 }
 
 void StreamClock::decide(ClockInterval& i) const {

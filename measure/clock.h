@@ -41,6 +41,7 @@ enum class Stretch : std::uint8_t {
     flagged, // the clock jumped, flagged
     moved,   // another pid's clock from here on
     bridged, // its end is no PCR but an estimate or an arrival
+    anew,    // nothing is known of what was before its end
 };
 
 struct ClockInterval {
@@ -62,7 +63,8 @@ struct ClockInterval {
 
 class StreamClock {
   public:
-    StreamClock(std::uint64_t bitrate, Ticks pcr_limit);
+    /// `live`: nothing waits for longer than it may by the host's clock.
+    StreamClock(std::uint64_t bitrate, Ticks pcr_limit, bool live);
 
     // First look, in the order of packets.
     void pcr(const PcrPoint& point);
@@ -79,6 +81,13 @@ class StreamClock {
     /// To be called now and then (some hundred packets) with the last packet so far, its arrival,
     /// and the time of the frames of its program that began since the last PCR, where known.
     void tick(const At& at, Ticks arrival, Ticks frames);
+
+    /// Live: the arrival clock has come so far.
+    void arrived(Ticks now) { now_arrival_ = now; }
+    /// Live: nothing has come for a while; the time goes on up to the last packet.
+    void pause(const At& last, Ticks arrival);
+    /// Nothing is known of what was before this packet; `standing`: the time stood still as well.
+    void anew(const At& at, Ticks arrival, bool standing);
 
     /// Nothing comes behind that packet: the time goes on up to it.
     void finish(const At& last, Ticks arrival, Ticks frames);
@@ -114,6 +123,7 @@ class StreamClock {
         PcrPoint pcr;
         bool bridge = false; // no PCR: an estimate, an arrival
         bool moved = false;  // the first of another pid
+        bool anew = false;   // nothing is known of what was before
     };
     struct Segment {
         std::uint64_t from = 0;
@@ -144,8 +154,12 @@ class StreamClock {
     void replace_or_bridge(const At& at, Ticks arrival, Ticks frames);
     void bridge(const At& at, Ticks arrival, std::optional<Ticks> value_step);
     void do_without_pcrs();
-    void steady_source(const At& at, Ticks arrival);
+    void steady_source(const At& at, Ticks arrival, Ticks least);
+    void leave_arrival(std::uint16_t pid);
+    std::optional<Ticks> since_last_pcr(Ticks arrival) const;
     bool ready(const At& last, bool at_end);
+    bool has_waited(const PcrPoint& point, Ticks time) const;
+    void begin_anew(ClockInterval& interval) const;
     ClockInterval measure(const PcrPoint& from, const PcrPoint& to) const;
     void decide(ClockInterval& interval) const;
     void decide_constant(ClockInterval& interval) const;
@@ -166,6 +180,11 @@ class StreamClock {
     bool announced_ = false; // by a PMT
     bool held_ = true;       // the first intervals wait for the rate
     bool moving_ = false;    // the next point of pid_ begins the clock of another pid
+    bool afresh_ = false;    // what was before the next point of pid_ is not known
+    bool live_ = false;
+    Ticks now_arrival_ = no_time;
+    Ticks first_arrival_ = no_time;    // of the first look
+    Ticks last_pcr_arrival_ = no_time; // of the last PCR of pid_
     ProgramsPtr programs_;
     std::map<std::uint16_t, Candidate> candidates_;
     std::deque<Point> points_; // the first begins the next interval

@@ -137,6 +137,8 @@ class PidCounter {
     bool holds() const { return held_ != nullptr; }
     /// All that is held has the counter of the packet before: it may be frozen.
     bool stands() const { return held_ && same_counter(held_->packets) == held_->packets.size(); }
+    /// The run of packets with one counter that goes on, if one does.
+    const FrozenRun* frozen() const { return frozen_ ? &frozen_run_ : nullptr; }
     /// The first packet that is held. Only while holds().
     const At& held_since() const;
     /// The next packet sets the counter without judgement.

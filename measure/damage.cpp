@@ -39,12 +39,25 @@ void Damage::transport_error(std::uint16_t pid, const Place& place) {
 }
 
 void Damage::close(std::uint16_t pid, const Run& run) {
+    output_.finding(make(pid, run));
+}
+
+Finding Damage::make(std::uint16_t pid, const Run& run) const {
     Finding f = make(Rule::transport_error, Kind::none, pid);
     f.shape = Shape::interval;
     f.begin = run.first;
     f.end = run.last;
     f.count = run.count;
-    output_.finding(std::move(f));
+    f.id = run.interval;
+    return f;
+}
+
+void Damage::look(const Place&) {
+    for (auto& [pid, run] : runs_) {
+        if (run.interval == 0)
+            run.interval = output_.new_id();
+        output_.going_on(make(pid, run));
+    }
 }
 
 void Damage::sync_byte(const Place& place) { // its pid may be damaged as well
@@ -130,7 +143,7 @@ void Damage::copies(const CopyFault& fault, const Place& place) {
     output_.finding(std::move(f));
 }
 
-void Damage::frozen(const FrozenRun& run, const Place& begin, const Place& end) {
+void Damage::frozen(const FrozenRun& run, const Place& begin, const Place& end, bool going_on) {
     Finding f = make(Rule::continuity_count_error, Kind::frozen, run.pid);
     f.shape = Shape::interval;
     f.begin = begin;
@@ -138,6 +151,16 @@ void Damage::frozen(const FrozenRun& run, const Place& begin, const Place& end) 
     f.detail.expected = static_cast<int>((run.counter + 1) & 15);
     f.detail.got = static_cast<int>(run.counter);
     f.detail.packets = run.packets;
+    if (going_on) {
+        std::uint64_t& id = frozen_[run.pid];
+        id = id == 0 ? output_.new_id() : id;
+        f.id = id;
+        return output_.going_on(std::move(f));
+    }
+    if (const auto known = frozen_.find(run.pid); known != frozen_.end()) {
+        f.id = known->second;
+        frozen_.erase(known);
+    }
     output_.finding(std::move(f));
 }
 

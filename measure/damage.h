@@ -27,8 +27,11 @@ class Damage {
     void datagrams(const DatagramEvent& event, const Place& place);
     void order(const OrderFault& fault, const Place& begin, const Place& end);
     void copies(const CopyFault& fault, const Place& place);
-    void frozen(const FrozenRun& run, const Place& begin, const Place& end);
+    /// `going_on`: it has not ended (live).
+    void frozen(const FrozenRun& run, const Place& begin, const Place& end, bool going_on);
     void advance(const Place& now);
+    /// Live: what goes on. Called now and then.
+    void look(const Place& now);
     void finish();
 
   private:
@@ -36,6 +39,7 @@ class Damage {
         Place first;
         Place last;
         std::uint64_t count = 0;
+        std::uint64_t interval = 0; // live: Finding::id
     };
     struct Swap {
         OrderFault fault;
@@ -43,13 +47,15 @@ class Damage {
         Place end;
     };
     void close(std::uint16_t pid, const Run& run);
+    Finding make(std::uint16_t pid, const Run& run) const;
     void close_swaps();
     Finding make(Rule rule, Kind kind, std::optional<std::uint16_t> pid) const;
 
     Output& output_;
     ProgramsPtr programs_;
     std::map<std::uint16_t, Run> runs_;
-    std::vector<Swap> swaps_; // that overlap
+    std::vector<Swap> swaps_;                       // that overlap
+    std::map<std::uint16_t, std::uint64_t> frozen_; // live: Finding::id by pid
 };
 
 } // namespace quarn

@@ -21,6 +21,14 @@ bool is_behind(const Place& place, const Place& from, const Place& to) {
 } // namespace
 
 void Excuses::add(Cause cause, std::uint16_t id, const Place& from, const Place& to) {
+    const bool lasts = cause == Cause::stop || cause == Cause::outage;
+    const auto known = std::find_if(entries_.rbegin(), entries_.rend(), [&](const Entry& e) {
+        return lasts && e.cause == cause && e.id == id && e.from.packet == from.packet;
+    });
+    if (known != entries_.rend()) { // it goes on
+        known->to = to;
+        return;
+    }
     if (entries_.size() == most)
         entries_.pop_front();
     entries_.push_back({cause, id, from, to});

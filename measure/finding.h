@@ -82,7 +82,8 @@ struct Finding {
     Severity severity = Severity::error;
     Shape shape = Shape::point;
     State state = State::event;
-    bool open = false; // the interval had not ended when the input did
+    std::uint64_t id = 0; // live: of an interval, the same in raise and clear; else 0
+    bool open = false;    // the interval had not ended when the input did (live: nor in a raise)
     Sure sure = Sure::exact;
     std::vector<std::uint16_t> programs; // numbers of the programs it concerns
     std::optional<std::uint16_t> pid;

@@ -1,7 +1,8 @@
 #include "findings.h"
 
 #include <algorithm>
-#include <cmath>
+#include <iterator>
+#include <tuple>
 
 namespace quarn {
 
@@ -10,9 +11,11 @@ constexpr Ticks hold = 800 * ticks_per_ms;    // until what explains a finding i
 constexpr std::uint64_t hold_packets = 8'000; // the same without a clock
 constexpr Ticks near = 600 * ticks_per_ms;    // a loss and the pictures that it took
 constexpr double small_step = 500;            // ms, of a clock that a few packets took along
-constexpr Ticks quiet = ticks_per_second;     // ends a flood
-constexpr std::uint64_t quiet_packets = 10'000;
-constexpr unsigned single = 3; // findings of a flood that stay as they are
+// Live: until an interval is told that goes on. A stream that stopped is known after a second, and
+// explains that its PCRs are missing.
+constexpr Ticks hold_raise = 1'000 * ticks_per_ms;
+constexpr std::size_t begun_max = 1024;
+constexpr std::size_t waiting_max = 4096;
 constexpr std::size_t causes_kept = 256;
 
 using What = Cause::What;
@@ -58,37 +61,25 @@ bool beside(const Cause& c, const Finding& f) {
 
 } // namespace
 
-std::optional<double> magnitude(const Finding& f) {
-    const Detail& d = f.detail;
-    const auto size = [](double x) { return std::abs(x); };
-    if (d.interval_ms)
-        return *d.interval_ms;
-    if (d.step_ms)
-        return size(*d.step_ms);
-    if (d.error_ns)
-        return size(*d.error_ns);
-    if (d.late_ms)
-        return *d.late_ms;
-    if (d.away_ms)
-        return *d.away_ms;
-    if (d.lost)
-        return static_cast<double>(*d.lost);
-    if (d.packets)
-        return static_cast<double>(*d.packets);
-    if (d.bytes)
-        return static_cast<double>(*d.bytes);
-    return std::nullopt;
-}
-
-Findings::Findings(const Options& options, Sink& sink) : options_(options), sink_(sink) {}
+Findings::Findings(const Options& options, Sink& sink)
+    : options_(options), floods_(options.live, sink) {}
 
 void Findings::finding(Finding&& finding) {
     if (finding.rule == Rule::continuity_count_error && finding.kind == Kind::loss)
         cause({What::lost, finding.pid, 0, 0, finding.begin.time, 0});
     if (finding.rule == Rule::stamp_order)
         cause({What::out_of_order, finding.pid, 0, 0, finding.begin.time, 0});
-    if (wanted(finding))
-        waiting_.push_back({std::move(finding), now_});
+    if (finding.rule == Rule::continuity_count_error)
+        lost_packets_ += static_cast<std::uint64_t>(finding.detail.lost.value_or(0));
+    if (!wanted(finding))
+        return;
+    if (finding.id != 0 && raised(finding.id)) {
+        note(finding, finding.count - std::min(floods_.counted(finding.id), finding.count));
+        floods_.clear(finding);
+        return;
+    }
+    begun_.erase(finding.id);
+    waiting_.push_back({std::move(finding), now_});
 }
 
 void Findings::consequence(Rule rule) {
@@ -96,6 +87,14 @@ void Findings::consequence(Rule rule) {
 }
 
 void Findings::cause(const Cause& cause) {
+    const bool lasts = cause.what == What::stopped || cause.what == What::outage;
+    const auto known = std::find_if(causes_.rbegin(), causes_.rend(), [&](const Cause& c) {
+        return lasts && c.what == cause.what && c.pid == cause.pid && c.from == cause.from;
+    });
+    if (known != causes_.rend()) { // it goes on
+        *known = cause;
+        return;
+    }
     causes_.push_back(cause);
     if (causes_.size() > causes_kept)
         causes_.pop_front();
@@ -136,29 +135,31 @@ bool Findings::follows(const Finding& f) const {
     return false;
 }
 
-bool Findings::apart(const Place& from, const Place& to, Ticks time, std::uint64_t packets) {
-    if (from.time != no_time && to.time != no_time)
-        return to.time - from.time >= time;
-    return to.packet >= from.packet + packets;
+bool Findings::by_place(const Waiting& a, const Waiting& b) {
+    return std::tie(a.finding.begin.packet, a.finding.rule, a.finding.pid) <
+           std::tie(b.finding.begin.packet, b.finding.rule, b.finding.pid);
 }
 
 void Findings::advance(const Place& now) {
     now_ = now;
+    if (options_.live) {
+        release_live(now);
+        raise_due(now);
+        floods_.advance(now);
+        return;
+    }
     while (!waiting_.empty() && apart(waiting_.front().decided, now, hold, hold_packets)) {
         // What was decided together goes on in the order of its places.
         auto end = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& w) {
             return w.decided.packet != waiting_.front().decided.packet;
         });
-        std::stable_sort(waiting_.begin(), end, [](const Waiting& a, const Waiting& b) {
-            return std::tie(a.finding.begin.packet, a.finding.rule, a.finding.pid) <
-                   std::tie(b.finding.begin.packet, b.finding.rule, b.finding.pid);
-        });
+        std::stable_sort(waiting_.begin(), end, by_place);
         for (auto n = end - waiting_.begin(); n > 0; --n) {
             release(waiting_.front().finding);
             waiting_.pop_front();
         }
     }
-    close_floods(now, false);
+    floods_.advance(now);
 }
 
 void Findings::finish() {
@@ -169,74 +170,103 @@ void Findings::finish() {
     for (Waiting& w : waiting_)
         release(w.finding);
     waiting_.clear();
-    close_floods(now_, true);
+    floods_.finish();
 }
 
 void Findings::release(Finding& f) {
-    Row& row = rows_[index(f.rule)];
     if (follows(f)) {
-        ++row.consequences;
+        ++rows_[index(f.rule)].consequences;
         return;
     }
     if (recorder_ != nullptr && f.rule == Rule::continuity_count_error && f.kind == Kind::loss)
         recorder_->loss(f);
-    row.count += f.count;
+    note(f, f.count);
+    floods_.event(f);
+}
+
+// Counts events of a finding that is no consequence.
+void Findings::note(const Finding& f, std::uint64_t events) {
+    Row& row = rows_[index(f.rule)];
+    row.count += events;
+    counts_.at(f.rule, f.severity) += events;
     if (!row.first)
         row.first = f.begin;
     row.last = f.end;
     if (const auto m = magnitude(f))
         row.worst = std::max(row.worst.value_or(0), *m);
     row.severity = std::max(row.severity.value_or(Severity::info), f.severity);
-    thin(f);
 }
 
-void Findings::thin(Finding& f) {
-    Flood& flood = floods_[{f.rule, f.kind, f.pid}];
-    if (flood.run > 0 && apart(flood.last, f.begin, quiet, quiet_packets)) {
-        if (flood.held)
-            hand_on(*flood.held);
-        flood = {};
-    }
-    ++flood.run;
-    flood.last = f.end;
-    if (flood.run <= single) {
-        hand_on(f);
+// ---------------------------------------------------------------- live
+
+void Findings::going_on(Finding&& f) {
+    if (!wanted(f) || raised(f.id))
         return;
+    const auto begun = begun_.find(f.id);
+    if (begun != begun_.end())
+        begun->second.finding = std::move(f);
+    else if (begun_.size() < begun_max)
+        begun_.emplace(f.id, Begun{std::move(f), now_});
+}
+
+bool Findings::raise_is_due(const Finding& f, const Place& now) {
+    const double limit = f.detail.limit_ms.value_or(0) * static_cast<double>(ticks_per_ms);
+    return apart(f.begin, now, static_cast<Ticks>(limit) + hold_raise, 0);
+}
+
+void Findings::raise_due(const Place& now) {
+    for (auto entry = begun_.begin(); entry != begun_.end();) {
+        Finding& f = entry->second.finding;
+        const bool due = f.begin.time != no_time
+                             ? raise_is_due(f, now)
+                             : apart(entry->second.since, now, hold_raise, hold_packets);
+        const bool told = due && !follows(f);
+        if (told)
+            begin(f);
+        entry = told ? begun_.erase(entry) : std::next(entry);
     }
-    const auto size = magnitude(f);
-    if (!flood.held) {
-        flood.held = f;
-        flood.held->shape = Shape::interval;
-        flood.held->detail.worst = size;
+}
+
+void Findings::raise(Finding&& f) {
+    if (wanted(f) && !raised(f.id))
+        begin(f);
+}
+
+void Findings::begin(Finding& f) {
+    f.shape = Shape::interval;
+    f.open = true;
+    note(f, f.count);
+    floods_.raise(f);
+}
+
+// Behind the place that it is about, for whatever was decided late has waited already.
+bool Findings::is_due(const Waiting& w, const Place& now) const {
+    const Finding& f = w.finding;
+    const bool timed = f.end.time != no_time;
+    return apart(timed ? f.end : w.decided, now, hold, hold_packets) ||
+           (timed && f.id != 0 && raise_is_due(f, now));
+}
+
+void Findings::release_live(const Place& now) {
+    const auto due = [&](const Waiting& w) { return is_due(w, now); };
+    while (waiting_.size() > waiting_max) {
+        release(waiting_.front().finding);
+        waiting_.pop_front();
+    }
+    if (std::none_of(waiting_.begin(), waiting_.end(), due))
         return;
-    }
-    Finding& held = *flood.held;
-    held.end = f.end;
-    held.count += f.count;
-    held.open = f.open;
-    held.severity = std::max(held.severity, f.severity);
-    held.sure = std::max(held.sure, f.sure);
-    if (size)
-        held.detail.worst = std::max(held.detail.worst.value_or(0), *size);
-    if (held.detail.lost && f.detail.lost)
-        *held.detail.lost += *f.detail.lost;
-}
-
-void Findings::close_floods(const Place& now, bool all) {
-    for (auto i = floods_.begin(); i != floods_.end();) {
-        if (!all &&
-            !apart(i->second.last, now, quiet + 2 * hold, quiet_packets + 2 * hold_packets)) {
-            ++i;
-            continue;
-        }
-        if (i->second.held)
-            hand_on(*i->second.held);
-        i = floods_.erase(i);
+    const auto end = std::stable_partition(waiting_.begin(), waiting_.end(), due);
+    std::stable_sort(waiting_.begin(), end, by_place);
+    for (auto n = end - waiting_.begin(); n > 0; --n) {
+        release(waiting_.front().finding);
+        waiting_.pop_front();
     }
 }
 
-void Findings::hand_on(const Finding& f) {
-    sink_.finding(f);
+void Findings::count(Counters& counters) const {
+    counters.lost_packets = lost_packets_;
+    counters.findings = counts_;
+    counters.open = floods_.open();
 }
 
 void Findings::summarise(RuleSummary& row) const {

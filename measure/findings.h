@@ -7,17 +7,14 @@
 #include <deque>
 #include <map>
 #include <optional>
-#include <tuple>
-#include <vector>
 
+#include "counters.h"
+#include "floods.h"
 #include "output.h"
 #include "recorder.h"
 #include "summary.h"
 
 namespace quarn {
-
-/// The figure of a finding that says how bad it is, in the unit of its rule's own key.
-std::optional<double> magnitude(const Finding& finding);
 
 /// Something that explains other findings where it was.
 struct Cause {
@@ -45,6 +42,11 @@ class Findings final : public Output {
     void record(Recorder& recorder) { recorder_ = &recorder; }
     void finding(Finding&& finding) override;
     void consequence(Rule rule) override;
+    std::uint64_t new_id() override { return options_.live ? floods_.new_id() : 0; }
+    void going_on(Finding&& finding) override;
+    void raise(Finding&& finding) override;
+    bool raised(std::uint64_t id) const override { return floods_.raised(id); }
+    void withdraw(std::uint64_t id) override { begun_.erase(id); }
     void cause(const Cause& cause);
     /// The clock has come so far: hands on what waited long enough.
     void advance(const Place& now);
@@ -53,6 +55,7 @@ class Findings final : public Output {
     std::uint64_t count(Rule rule) const { return rows_[index(rule)].count; }
     /// Count, places and worst of a rule so far.
     void summarise(RuleSummary& row) const;
+    void count(Counters& counters) const;
     /// The worst severity of what was handed on for that rule.
     std::optional<Severity> worst_severity(Rule rule) const { return rows_[index(rule)].severity; }
 
@@ -70,27 +73,31 @@ class Findings final : public Output {
         Finding finding;
         Place decided;
     };
-    using Key = std::tuple<Rule, Kind, std::optional<std::uint16_t>>;
-    struct Flood {
-        unsigned run = 0; // findings with less than a second between
-        Place last;
-        std::optional<Finding> held;
+    /// An interval that goes on and was not told yet.
+    struct Begun {
+        Finding finding;
+        Place since; // it is looked at from here on
     };
 
+    static bool by_place(const Waiting& a, const Waiting& b);
     bool wanted(const Finding& finding) const;
     bool follows(const Finding& finding) const;
     void release(Finding& finding);
-    void thin(Finding& finding);
-    void hand_on(const Finding& finding);
-    static bool apart(const Place& from, const Place& to, Ticks time, std::uint64_t packets);
-    void close_floods(const Place& now, bool all);
+    void release_live(const Place& now);
+    bool is_due(const Waiting& waiting, const Place& now) const;
+    static bool raise_is_due(const Finding& finding, const Place& now);
+    void raise_due(const Place& now);
+    void begin(Finding& finding);
+    void note(const Finding& finding, std::uint64_t events);
 
     const Options& options_;
-    Sink& sink_;
     Recorder* recorder_ = nullptr;
     std::deque<Waiting> waiting_;
     std::deque<Cause> causes_;
-    std::map<Key, Flood> floods_;
+    std::map<std::uint64_t, Begun> begun_; // by id
+    Floods floods_;
+    FindingCounts counts_;
+    std::uint64_t lost_packets_ = 0;
     std::array<Row, rule_count> rows_{};
     Place now_;
 };

@@ -15,8 +15,9 @@ constexpr std::uint64_t far_copy = 14;               // packets
 constexpr std::uint64_t null_run_of_note = 20;
 } // namespace
 
-FirstLook::FirstLook(StreamClock& clock, ContinuitySink& breaks)
-    : clock_(clock), breaks_(breaks), tables_(*this), pes_(*this), slots_(pid_count, 0) {
+FirstLook::FirstLook(StreamClock& clock, ContinuitySink& breaks, bool live)
+    : clock_(clock), breaks_(breaks), tables_(*this), pes_(*this), slots_(pid_count, 0),
+      live_(live) {
     pids_.emplace_back(); // slot 0 stands for none
 }
 
@@ -239,7 +240,7 @@ Ticks FirstLook::frames_since_pcr() const {
 void FirstLook::not_null(const At& at) {
     if (null_run_ > null_run_of_note) {
         clock_.nulls(nulls_since_.index, at.index);
-        push(at, NullsItem{nulls_since_, false});
+        push(at, NullsItem{nulls_since_});
     }
     null_run_ = 0;
 }
@@ -247,10 +248,41 @@ void FirstLook::not_null(const At& at) {
 void FirstLook::look_at_clock(const At& at, Ticks arrival) {
     next_look_ = at.index + std::max(look_at_least, clock_.packets_in(look_every));
     clock_.tick(at, arrival, frames_since_pcr());
+    if (live_)
+        tell_what_goes_on(at);
     close_spans(at);
     settle_old(at);
     if (counting_ && at.index - counted_.index >= pids_.size())
         tell_counts(at, false);
+}
+
+void FirstLook::tell_what_goes_on(const At& at) {
+    if (null_run_ > null_run_of_note)
+        push(at, NullsItem{nulls_since_, false, true});
+    for (const std::uint16_t pid : active_)
+        if (const FrozenRun* run = pids_[slots_[pid]].counter.frozen())
+            push(at, FrozenItem{*run});
+}
+
+void FirstLook::pause() {
+    settle_all();
+    close_spans(last_);
+    clock_.pause(last_, last_arrival_);
+}
+
+void FirstLook::anew(const At& at, Ticks arrival, bool standing) {
+    if (null_run_ > 0)
+        not_null(last_);
+    for (std::uint32_t pid = 0; pid < pid_count; ++pid)
+        if (slots_[pid] != 0)
+            pids_[slots_[pid]].counter.forget(static_cast<std::uint16_t>(pid), *this);
+    tables_.disturbed(null_pid);
+    pes_.disturbed();
+    close_spans(last_);
+    for (auto& [pid, starts] : starts_)
+        starts.value = -1;
+    clock_.anew(at, arrival, standing);
+    push(at, AnewItem{first_ ? at : last_});
 }
 
 void FirstLook::close_spans(const At& at) {
@@ -294,6 +326,15 @@ void FirstLook::settle_old(const At& at) {
         state.holding = state.counter.holds();
         return !state.holding;
     });
+}
+
+void FirstLook::settle_all() {
+    for (const std::uint16_t pid : holding_) {
+        Pid& state = pids_[slots_[pid]];
+        state.counter.settle(pid, true, *this);
+        state.holding = false;
+    }
+    holding_.clear();
 }
 
 void FirstLook::new_programs(const ProgramsPtr& programs, const At& at) {

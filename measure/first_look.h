@@ -40,6 +40,16 @@ struct PcrItem {
 struct NullsItem {
     At from;
     bool open = false;
+    bool going_on = false; // live: there may be more
+};
+/// Live: a run of packets with one counter goes on.
+struct FrozenItem {
+    FrozenRun run;
+};
+/// Nothing is known of what was between that packet and the item's: the host has dropped it, or
+/// nothing came for a while.
+struct AnewItem {
+    At before;
 };
 /// A counter broke: packets may be missing between that one and the item's.
 struct BrokenItem {
@@ -79,14 +89,14 @@ struct Item {
     std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesItem, ScramblingEvent,
                  SpansItem, PcrItem, NullsItem, BrokenItem, DamagedItem, SyncByteItem, SyncLossItem,
                  TruncatedItem, ScrambledTableItem, OrderFault, CopyFault, FrozenRun, DatagramEvent,
-                 CountsItem>
+                 CountsItem, FrozenItem, AnewItem>
         body;
 };
 
 class FirstLook final : EventSink, ContinuitySink {
   public:
     /// `breaks` is told of breaks as soon as they are decided; both must outlive this.
-    FirstLook(StreamClock& clock, ContinuitySink& breaks);
+    FirstLook(StreamClock& clock, ContinuitySink& breaks, bool live);
 
     /// From now on the packets of each pid are told now and then.
     void count() { counting_ = true; }
@@ -96,6 +106,13 @@ class FirstLook final : EventSink, ContinuitySink {
     void sync_loss(const SyncLoss& loss, std::uint64_t index);
     void datagrams(const DatagramEvent& event, const At& at);
     void truncated(const At& at, std::int64_t bytes);
+    /// Nothing is known of what was before that packet, which comes next; `standing`: time stood
+    /// still meanwhile.
+    void anew(const At& at, Ticks arrival, bool standing);
+    /// Live: looks at what goes on, and at the clock, where no packet gave reason to.
+    void look() { look_at_clock(last_, last_arrival_); }
+    /// Live: nothing has come for a while. What waits for more packets is decided.
+    void pause();
     /// Nothing comes behind the last packet.
     void finish();
 
@@ -145,7 +162,12 @@ class FirstLook final : EventSink, ContinuitySink {
             clock_.out_of_order(fault.at.index, fault.end.index);
         put(fault.at, fault);
     }
-    void frozen(const FrozenRun& run) override { put(run.begin, run); }
+    void frozen(const FrozenRun& run) override {
+        if (live_) // behind what was said while it went on
+            push(last_, FrozenRun(run));
+        else
+            put(run.begin, run);
+    }
     bool repeats(std::uint16_t pid) const override { return tables_.wants(pid); }
     void added(const At& at, unsigned packets) override { clock_.added(at, packets); }
 
@@ -177,6 +199,8 @@ class FirstLook final : EventSink, ContinuitySink {
     void close_spans(const At& at);
     void tell_counts(const At& at, bool at_end);
     void settle_old(const At& at);
+    void settle_all();
+    void tell_what_goes_on(const At& at);
     void new_programs(const ProgramsPtr& programs, const At& at);
 
     StreamClock& clock_;
@@ -199,6 +223,7 @@ class FirstLook final : EventSink, ContinuitySink {
     bool counting_ = false;
     At counted_; // the first packet that tell_counts() has not told
     bool first_ = true;
+    bool live_ = false;
     std::optional<SyncLoss> garbled_; // until the packet behind it
     At garbled_at_;
 };

@@ -12,13 +12,14 @@ namespace {
 
 // Losses, stops and outages are known this long behind their packets.
 constexpr Ticks settle = ticks_per_second;
+constexpr Ticks settle_live = 100 * ticks_per_ms;
 constexpr std::uint64_t settle_packets = 10'000; // without a clock
 constexpr std::size_t pending_max = 4096;
 constexpr std::size_t excuses_max = 1024;
 
-bool settled(const Place& place, const Place& now) {
+bool settled(const Place& place, const Place& now, Ticks by) {
     if (place.time != no_time && now.time != no_time)
-        return now.time - place.time >= settle;
+        return now.time - place.time >= by;
     return now.packet >= place.packet + settle_packets;
 }
 
@@ -65,8 +66,9 @@ void Gaps::came(Series& series, const GapRow& row, std::vector<std::uint16_t> pr
 }
 
 void Gaps::good(Series& series, const Place& place) {
+    const std::uint64_t interval = std::exchange(series.interval, 0);
     if (!std::exchange(series.in_run, false))
-        return;
+        return output_.withdraw(interval);
     Pending end;
     end.what = Pending::What::end_of_run;
     end.series = series.id;
@@ -78,7 +80,27 @@ void Gaps::gap(Series& series, const GapRow& row, std::vector<std::uint16_t> pro
                const Place& to, bool open) {
     if (series.id == 0)
         series.id = new_id();
+    if (series.interval == 0)
+        series.interval = output_.new_id();
+    if (!runs_.contains(series.id))
+        output_.withdraw(series.interval); // what becomes of it is decided when all is known
     series.in_run = true;
+    push(make(series, row, std::move(programs), to, open));
+}
+
+void Gaps::going_on(Series& series, const GapRow& row, std::vector<std::uint16_t> programs,
+                    const Place& now) {
+    if (series.interval == 0)
+        series.interval = output_.new_id();
+    if (output_.raised(series.interval) || runs_.contains(series.id))
+        return;
+    Pending p = make(series, row, std::move(programs), now, true);
+    if (!excused(p))
+        output_.going_on(std::move(p.finding));
+}
+
+Gaps::Pending Gaps::make(const Series& series, const GapRow& row,
+                         std::vector<std::uint16_t> programs, const Place& to, bool open) const {
     Pending p;
     p.what = Pending::What::gap;
     p.series = series.id;
@@ -100,7 +122,8 @@ void Gaps::gap(Series& series, const GapRow& row, std::vector<std::uint16_t> pro
     f.detail.interval_ms = milliseconds(p.length);
     f.detail.limit_ms = milliseconds(row.limit);
     f.detail.table_id = row.table_id;
-    push(std::move(p));
+    f.id = series.interval;
+    return p;
 }
 
 void Gaps::other(Finding&& finding) {
@@ -133,6 +156,13 @@ void Gaps::unreadable(std::uint16_t pid, const Place& from, const Place& to) {
 }
 
 void Gaps::add(const Excuse& excuse) {
+    // A silence that goes on.
+    if (excuse.what == Excuse::What::silence && !excuses_.empty() &&
+        excuses_.back().what == excuse.what && excuses_.back().pid == excuse.pid &&
+        excuses_.back().from.packet == excuse.from.packet) {
+        excuses_.back().to = excuse.to;
+        return;
+    }
     excuses_.push_back(excuse);
     if (excuses_.size() > excuses_max)
         excuses_.pop_front();
@@ -148,7 +178,8 @@ void Gaps::push(Pending&& pending) {
 }
 
 void Gaps::advance(const Place& now) {
-    while (!pending_.empty() && settled(pending_.front().until, now)) {
+    while (!pending_.empty() &&
+           settled(pending_.front().until, now, live_ ? settle_live : settle)) {
         Pending first = std::move(pending_.front());
         pending_.pop_front();
         decide(std::move(first));
@@ -179,11 +210,15 @@ void Gaps::decide(Pending&& pending) {
 }
 
 void Gaps::decide_gap(Pending&& pending) {
-    if (excused(pending))
+    const std::uint64_t id = pending.finding.id;
+    if (excused(pending) && !output_.raised(id))
         return output_.consequence(pending.finding.rule);
     const auto [run, first] = runs_.try_emplace(pending.series, pending.finding);
-    if (first)
+    if (first) {
+        if (id != 0 && !pending.finding.open && !output_.raised(id))
+            output_.going_on(std::move(pending.finding)); // for there may be more of them
         return;
+    }
     Finding& f = run->second;
     ++f.count;
     f.end = pending.finding.end;

@@ -39,8 +39,9 @@ class SureClock {
 struct Series {
     std::uint32_t id = 0; // told apart by it; 0: none yet
     Place last;
-    Ticks usual = 0;     // the longest distance that was no gap
-    bool in_run = false; // the last distance was a gap
+    Ticks usual = 0;            // the longest distance that was no gap
+    bool in_run = false;        // the last distance was a gap
+    std::uint64_t interval = 0; // live: Finding::id of the gap, or run of gaps, that goes on
 };
 
 /// What is the same about all gaps of a series.
@@ -55,7 +56,8 @@ struct GapRow {
 /// other are one finding. Findings come about a second after their end.
 class Gaps {
   public:
-    explicit Gaps(Output& output) : output_(output) {}
+    /// `live`: what is decided waits a little less.
+    Gaps(Output& output, bool live) : output_(output), live_(live) {}
 
     /// Told of the distances of all series.
     void record(Recorder& recorder) { recorder_ = &recorder; }
@@ -70,6 +72,9 @@ class Gaps {
     /// A gap from series.last to here; `open`: it has not ended.
     void gap(Series& series, const GapRow& row, std::vector<std::uint16_t> programs,
              const Place& to, bool open = false);
+    /// Live: a gap from series.last to here that has not ended.
+    void going_on(Series& series, const GapRow& row, std::vector<std::uint16_t> programs,
+                  const Place& now);
     /// A point or an interval of another kind.
     void other(Finding&& finding);
     /// The same, but a consequence where its pid was damaged there. With a length and a limit:
@@ -84,6 +89,7 @@ class Gaps {
     void unreadable(std::uint16_t pid, const Place& from, const Place& to);
 
     void advance(const Place& now);
+    Output& output() { return output_; }
     /// Decides all that is pending.
     void finish();
 
@@ -107,6 +113,8 @@ class Gaps {
     };
 
     void add(const Excuse& excuse);
+    Pending make(const Series& series, const GapRow& row, std::vector<std::uint16_t> programs,
+                 const Place& to, bool open) const;
     void push(Pending&& pending);
     void decide(Pending&& pending);
     void decide_gap(Pending&& pending);
@@ -115,6 +123,7 @@ class Gaps {
     void end_run(std::uint32_t series);
 
     Output& output_;
+    const bool live_;
     Recorder* recorder_ = nullptr;
     SureClock clock_;
     std::deque<Pending> pending_;

@@ -7,6 +7,8 @@ namespace quarn {
 
 namespace {
 constexpr Ticks wait = 600 * ticks_per_ms;
+constexpr Ticks wait_for_silent = 1200 * ticks_per_ms; // a PES packet may end that late
+constexpr Ticks wait_for_silent_live = 1000 * ticks_per_ms;
 constexpr Ticks kept = 4 * ticks_per_second;
 constexpr Ticks rate_over = ticks_per_second;
 constexpr Ticks before_jump = 200 * ticks_per_ms;
@@ -32,7 +34,7 @@ std::int64_t nearest(std::int64_t d, double to, std::int64_t least) {
 }
 } // namespace
 
-Losses::Losses(Output& output) : output_(output) {}
+Losses::Losses(Output& output, bool live) : output_(output), live_(live) {}
 
 void Losses::programs(const ProgramsPtr& programs) {
     programs_ = programs;
@@ -167,9 +169,20 @@ void Losses::clock_jumped(std::uint16_t pid, const Place& from, const Place& to,
 }
 
 void Losses::outage(const Place& from, const Place& to) {
+    if (!outages_.empty() && outages_.back().first.packet == from.packet) // it went on
+        outages_.pop_back();
     outages_.emplace_back(from, to);
     if (outages_.size() > 16)
         outages_.pop_front();
+}
+
+void Losses::anew(const Place& at) {
+    for (auto& [pid, t] : traffic_) {
+        t.stamp.reset();
+        t.packets_since = 0;
+        t.start = at.packet - 1;
+        t.start_time = no_time;
+    }
 }
 
 bool Losses::touches(const Break& b, const ClockInterval& i) const {
@@ -222,7 +235,7 @@ std::optional<std::int64_t> Losses::missing(const std::vector<Break*>& cluster,
         if (!mine)
             continue;
         if (!i.constant || i.stretch == Stretch::jump || i.stretch == Stretch::flagged ||
-            i.stretch == Stretch::moved)
+            i.stretch == Stretch::moved || i.stretch == Stretch::anew)
             return std::nullopt;
         const auto n = whole_packets(i.error, rate.ticks_per_packet());
         if (!n || *n < 0)
@@ -533,7 +546,8 @@ void Losses::silent_losses(const StreamClock& clock, const Place& now, bool at_e
     for (const ClockInterval& i : intervals_) {
         if (i.to.at.index <= silent_from_)
             continue;
-        if (!at_end && i.end_time + wait * 2 > now.time && first == nullptr)
+        if (!at_end && i.end_time + (live_ ? wait_for_silent_live : wait_for_silent) > now.time &&
+            first == nullptr)
             return;
         const auto n = whole_packets(i.error, tpp);
         const bool candidate =

@@ -22,7 +22,8 @@ namespace quarn {
 
 class Losses {
   public:
-    explicit Losses(Output& output);
+    /// `live`: what is missing without a break is looked for with less patience.
+    Losses(Output& output, bool live);
 
     void programs(const ProgramsPtr& programs);
     void counter_break(const CounterBreak& fault);
@@ -37,6 +38,8 @@ class Losses {
              bool constant_rate);
     void clock_jumped(std::uint16_t pid, const Place& from, const Place& to, bool main);
     void outage(const Place& from, const Place& to);
+    /// Nothing is known of what was before that place.
+    void anew(const Place& at);
     /// The share of null packets in the multiplex so far.
     void null_share(double share) { null_share_ = share; }
 
@@ -105,6 +108,7 @@ class Losses {
     bool touches(const Break& b, const ClockInterval& i) const;
 
     Output& output_;
+    const bool live_;
     ProgramsPtr programs_;
     std::deque<Break> breaks_;
     std::deque<ClockInterval> intervals_;

@@ -1,6 +1,7 @@
 // Everything that a host of the measurement library needs.
 #pragma once
 
+#include "counters.h"
 #include "finding.h"
 #include "options.h"
 #include "rules.h"

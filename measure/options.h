@@ -62,7 +62,8 @@ struct Options {
     Profile profile = Profile::dvb;
     Limits limits;             // start from limits_of(profile)
     std::uint64_t bitrate = 0; // bits a second, the clock where there is no other; 0: none
-    bool dvb = false;          // judge all rows on SI tables, also those never seen
+    bool live = false; // intervals are told when they begin, and the host calls Stream::tick()
+    bool dvb = false;  // judge all rows on SI tables, also those never seen
     std::optional<std::uint16_t> program; // findings and verdict of this program only
     std::set<Rule> ignore;                // neither found nor judged
     std::set<Rule> require;               // insufficient where not judged `yes`

@@ -13,6 +13,7 @@ constexpr Ticks jump_variable =
     200 * ticks_per_ms;                       // between PCRs of a varying rate places are guesses
 constexpr std::size_t lost_kept = 32;         // stretches
 constexpr std::uint32_t enough_to_judge = 20; // PCRs, for 2.4
+constexpr std::uint32_t fade_at = 10'000;     // PCRs: live, older ones weigh half
 
 /// What is left of an error without whole packets: lost ones, and PCRs that changed places with
 /// others.
@@ -91,6 +92,7 @@ void PcrRules::programs(const ProgramsPtr& programs, const Place& place) {
     programs_ = programs;
     for (auto& [pid, state] : states_)
         if (state.announced && !programs->is_pcr_pid(pid)) {
+            gap_is_told(pid, state, place, false);
             State fresh; // what comes back begins anew, but what was judged was judged
             fresh.ever = state.ever;
             fresh.count = state.count;
@@ -110,16 +112,8 @@ void PcrRules::programs(const ProgramsPtr& programs, const Place& place) {
     settled_ = settled_ || programs->complete();
 }
 
-void PcrRules::gap(std::uint16_t pid, State& state, const Place& from, const Place& to,
-                   Ticks distance, bool lost) {
-    if (recorder_ != nullptr && state.last)
-        recorder_->pcr_interval(pid, to, distance);
-    if (distance <= options_.limits.pcr_gap || options_.profile == Profile::segment)
-        return;
-    if (lost) {
-        output_.consequence(Rule::pcr_repetition_error);
-        return;
-    }
+Finding PcrRules::make_gap(std::uint16_t pid, const State& state, const Place& from,
+                           const Place& to, Ticks distance) const {
     Finding f = make(Rule::pcr_repetition_error, Kind::none, pid);
     if (!state.announced)
         f.severity = Severity::info;
@@ -128,6 +122,70 @@ void PcrRules::gap(std::uint16_t pid, State& state, const Place& from, const Pla
     f.end = to;
     f.detail.interval_ms = ms(distance);
     f.detail.limit_ms = ms(options_.limits.pcr_gap);
+    return f;
+}
+
+// Live: ends a gap that the host was told of, where what ends it is no distance of two PCRs.
+bool PcrRules::gap_is_told(std::uint16_t pid, State& state, const Place& to, bool open) {
+    const std::uint64_t id = std::exchange(state.interval, 0);
+    if (!output_.raised(id)) {
+        output_.withdraw(id);
+        return false;
+    }
+    Finding f = make_gap(pid, state, state.last_place, to, to.time - state.last_place.time);
+    f.open = open;
+    f.id = id;
+    output_.finding(std::move(f));
+    return true;
+}
+
+void PcrRules::look(const Place& now, std::optional<std::uint16_t> clock) {
+    if (options_.profile == Profile::segment)
+        return;
+    for (auto& [pid, state] : states_) {
+        const Ticks since = now.time - state.last_place.time;
+        const bool follows = pid == clock && pid != own_; // the clock comes to it only now
+        if (!state.announced || !state.last || since <= options_.limits.pcr_gap || follows)
+            continue;
+        if (state.interval == 0)
+            state.interval = output_.new_id();
+        Finding f = make_gap(pid, state, state.last_place, now, since);
+        f.id = state.interval;
+        output_.going_on(std::move(f));
+    }
+}
+
+void PcrRules::anew(const Place& before, const Place& at) {
+    for (auto& [pid, state] : states_) {
+        gap_is_told(pid, state, before, true);
+        state.last.reset();
+        state.since = at;
+        state.accuracy.clear();
+    }
+}
+
+void PcrRules::note_distance(const State& state, Ticks distance) {
+    if (state.ever && distance > 0)
+        intervals_.add(static_cast<double>(distance) / static_cast<double>(ticks_per_second));
+}
+
+void PcrRules::gap(std::uint16_t pid, State& state, const Place& from, const Place& to,
+                   Ticks distance, bool lost) {
+    if (recorder_ != nullptr && state.last)
+        recorder_->pcr_interval(pid, to, distance);
+    const bool raised = output_.raised(state.interval);
+    if (distance <= options_.limits.pcr_gap || options_.profile == Profile::segment) {
+        if (raised)
+            gap_is_told(pid, state, to, false);
+        return;
+    }
+    if (lost && !raised) {
+        output_.withdraw(std::exchange(state.interval, 0));
+        output_.consequence(Rule::pcr_repetition_error);
+        return;
+    }
+    Finding f = make_gap(pid, state, from, to, distance);
+    f.id = std::exchange(state.interval, 0);
     jumps_.pcr_gap(pid, from, to);
     output_.finding(std::move(f));
     if (options_.profile == Profile::tr101290)
@@ -144,6 +202,8 @@ void PcrRules::plain_gap_as_jump(std::uint16_t pid, const Place& to, Ticks dista
 
 void PcrRules::jump(std::uint16_t pid, const Place& from, const Place& to, Ticks step, bool flagged,
                     bool main) {
+    if (const auto state = states_.find(pid); state != states_.end())
+        gap_is_told(pid, state->second, to, false);
     jumps_.clock_jumped(pid, from, to, flagged, main);
     Finding f = flagged ? make(Rule::clock_jump, Kind::flagged, pid)
                         : make(Rule::pcr_discontinuity_indicator_error,
@@ -174,7 +234,18 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
                    double ticks_per_packet) {
     if (i.stretch == Stretch::bridged)
         return;
+    own_ = i.to.pid;
     State& state = states_[i.to.pid];
+    if (i.stretch == Stretch::anew) {
+        gap_is_told(i.to.pid, state, to, false);
+        first(i.to.pid, state, to);
+        state.accuracy.clear();
+        state.accuracy.add(to, 0, 0);
+        state.last = i.to;
+        state.last_place = to;
+        ++state.count;
+        return;
+    }
     if (!state.last && state.ever && state.since.packet > from.packet &&
         i.stretch != Stretch::moved) {
         if (i.stretch == Stretch::jump || i.stretch == Stretch::flagged)
@@ -206,6 +277,7 @@ void PcrRules::own(const ClockInterval& i, const Place& from, const Place& to,
     } else if (i.stretch == Stretch::jump || i.stretch == Stretch::flagged) {
         jump(i.to.pid, from, to, i.step, i.stretch == Stretch::flagged, true);
     } else {
+        note_distance(state, i.distance);
         gap(i.to.pid, state, from, to, i.distance, i.stretch == Stretch::lost);
     }
     const bool usable = i.constant &&
@@ -235,12 +307,14 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
         const bool constant = clock.rate().constant();
         const Ticks lost = (disturbed ? ticks_per_second / 5 : 0) + lost_time(from, point.at.index);
         const bool jumps = std::abs(off) > (constant ? jump_constant : jump_variable) + lost;
-        if (jumps && state.announced)
+        if (jumps && state.announced) {
             jump(point.pid, state.last_place, place, off, point.flagged, false);
-        else if (!jumps)
+        } else if (!jumps) {
+            note_distance(state, distance);
             gap(point.pid, state, state.last_place, place,
                 constant ? distance : std::min(distance, place.time - state.last_place.time),
                 disturbed && distance < 3 * ticks_per_second);
+        }
         const auto main = clock.pid() ? states_.find(*clock.pid()) : states_.end();
         const bool exact =
             main == states_.end() ||
@@ -279,6 +353,10 @@ void PcrRules::accuracy(std::uint16_t pid, State& state, const Place& place, dou
         recorder_->pcr_error(pid, result->place, result->error_ns);
     const bool bad = std::abs(result->error_ns) > options_.limits.pcr_accuracy_ns;
     ++(bad ? state.inaccurate : state.accurate);
+    if (options_.live && state.accurate + state.inaccurate >= fade_at) {
+        state.accurate /= 2;
+        state.inaccurate /= 2;
+    }
     if (!bad)
         return;
     const std::uint32_t all = state.accurate + state.inaccurate;
@@ -315,8 +393,10 @@ void PcrRules::finish(const Place& end, const Place& sure, double ticks_per_pack
         state.undecided = end.estimated && since <= options_.limits.pcr_gap &&
                           end.time - state.last_place.time > 10 * options_.limits.pcr_gap;
         if (since <= options_.limits.pcr_gap ||
-            by_packets <= static_cast<double>(options_.limits.pcr_gap))
+            by_packets <= static_cast<double>(options_.limits.pcr_gap)) {
+            gap_is_told(pid, state, end, true);
             continue;
+        }
         Finding f = make(Rule::pcr_repetition_error, Kind::none, pid);
         f.shape = Shape::interval;
         f.open = true;
@@ -324,6 +404,7 @@ void PcrRules::finish(const Place& end, const Place& sure, double ticks_per_pack
         f.end = end;
         f.detail.interval_ms = ms(since);
         f.detail.limit_ms = ms(options_.limits.pcr_gap);
+        f.id = std::exchange(state.interval, 0);
         output_.finding(std::move(f));
     }
 }

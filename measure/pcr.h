@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "clock.h"
+#include "counters.h"
 #include "output.h"
 #include "programs.h"
 #include "recorder.h"
@@ -68,6 +69,11 @@ class PcrRules {
     /// A PCR of another pid. `lost`: the time that packets missing since the one before account for
     /// at most.
     void other(const PcrPoint& point, const Place& place, const StreamClock& clock);
+    /// Live: PCRs that are missing; `clock`: the pid that the stream clock follows.
+    void look(const Place& now, std::optional<std::uint16_t> clock);
+    /// Nothing is known of what was between the two places.
+    void anew(const Place& before, const Place& at);
+    void count(PcrIntervals& intervals) const { intervals = intervals_; }
     /// `sure`: the last place whose time is no estimate.
     void finish(const Place& end, const Place& sure, double ticks_per_packet);
     void judge(Judgement& judgement, bool has_clock) const;
@@ -90,8 +96,13 @@ class PcrRules {
         std::uint32_t accurate = 0; // PCRs that were held against the limit of 2.4
         std::uint32_t inaccurate = 0;
         std::vector<PcrAccuracy::Result> early; // until it is clear that the rate is exact enough
+        std::uint64_t interval = 0;             // live: Finding::id of a gap that goes on
     };
 
+    Finding make_gap(std::uint16_t pid, const State& state, const Place& from, const Place& to,
+                     Ticks distance) const;
+    bool gap_is_told(std::uint16_t pid, State& state, const Place& to, bool open);
+    void note_distance(const State& state, Ticks distance);
     void gap(std::uint16_t pid, State& state, const Place& from, const Place& to, Ticks distance,
              bool lost);
     void jump(std::uint16_t pid, const Place& from, const Place& to, Ticks step, bool flagged,
@@ -116,9 +127,11 @@ class PcrRules {
     Recorder* recorder_ = nullptr;
     ProgramsPtr programs_;
     Place start_;
-    bool settled_ = false; // all tables have been in force once
+    bool settled_ = false;             // all tables have been in force once
+    std::optional<std::uint16_t> own_; // of the last interval of the stream clock
     std::map<std::uint16_t, State> states_;
     std::deque<LostTime> lost_;
+    PcrIntervals intervals_;
 };
 
 } // namespace quarn

@@ -1,12 +1,15 @@
 #include "presence.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace quarn {
 
 namespace {
 constexpr double far_over_record = 2.5;
 constexpr std::size_t outages_kept = 16;
+// Live: a pid's longest silence counts for ten to twenty minutes.
+constexpr Ticks records_last = 600 * ticks_per_second;
 
 double ms(Ticks t) {
     return static_cast<double>(t) / ticks_per_ms;
@@ -68,39 +71,158 @@ void Presence::leave(State& state, const Place& place) {
     if (!state.first)
         never(state, place, false, place);
     else
-        without_pcr(state, place);
+        without_pcr(state, place, true);
+    if (output_.raised(state.interval)) // a stop of what is not wanted any more
+        end(state, make_stopped(state, place, between(state.last, place)));
+    nothing(state);
 }
 
-void Presence::never(const State& state, const Place& to, bool open, const Place& end) {
-    Ticks waited = between(state.since, to);
+// ---------------------------------------------------------------- what goes on, and its end
+
+void Presence::goes_on(State& state, Finding&& f) {
+    if (state.interval == 0)
+        state.interval = output_.new_id();
+    f.id = state.interval;
+    output_.going_on(std::move(f));
+}
+
+void Presence::end(State& state, Finding&& f) {
+    f.id = std::exchange(state.interval, 0);
+    output_.finding(std::move(f));
+}
+
+void Presence::nothing(State& state) {
+    output_.withdraw(std::exchange(state.interval, 0));
+}
+
+Ticks Presence::never_for(const State& state, const Place& to) const {
+    const Ticks waited = between(state.since, to);
     if (state.since.estimated && to.time != no_time) // no estimate makes it longer
-        waited = std::min(waited, to.time - sure_from_);
-    if (waited <= options_.limits.pid_never)
-        return;
-    if (dark(state.since, to) * 2 > waited) {
-        output_.consequence(Rule::pid_error);
-        return;
-    }
+        return std::min(waited, to.time - sure_from_);
+    return waited;
+}
+
+Finding Presence::make_never(const State& state, const Place& end, Ticks waited) const {
     Finding f = make(Kind::never, state);
-    f.open = open;
     f.begin = state.since;
     f.end = end;
     f.detail.interval_ms = ms(waited);
     f.detail.limit_ms = ms(options_.limits.pid_never);
-    output_.finding(std::move(f));
+    return f;
+}
+
+void Presence::never(State& state, const Place& to, bool open, const Place& place) {
+    const Ticks waited = never_for(state, to);
+    if (waited <= options_.limits.pid_never)
+        return nothing(state);
+    if (dark(state.since, to) * 2 > waited && !output_.raised(state.interval)) {
+        output_.consequence(Rule::pid_error);
+        return nothing(state);
+    }
+    Finding f = make_never(state, place, waited);
+    f.open = open;
+    end(state, std::move(f));
 }
 
 // A PCR pid that carries packets and never a PCR. One whose PCRs end has a gap of PCRs instead.
-void Presence::without_pcr(const State& state, const Place& to) {
-    if (!state.is_pcr || state.pcrs > 0 || !state.first ||
-        between(*state.first, state.last) <= options_.limits.pid_no_pcr)
-        return;
+bool Presence::lacks_pcrs(const State& state) const {
+    return state.is_pcr && state.pcrs == 0 && state.first &&
+           between(*state.first, state.last) > options_.limits.pid_no_pcr;
+}
+
+Finding Presence::make_without_pcr(const State& state, const Place& end) const {
     Finding f = make(Kind::no_pcr, state);
-    f.open = true;
     f.begin = *state.first;
-    f.end = to;
-    f.detail.interval_ms = ms(between(*state.first, to));
+    f.end = end;
+    f.detail.interval_ms = ms(between(*state.first, end));
     f.detail.limit_ms = ms(options_.limits.pid_no_pcr);
+    return f;
+}
+
+void Presence::without_pcr(State& state, const Place& to, bool open) {
+    if (!lacks_pcrs(state))
+        return;
+    Finding f = make_without_pcr(state, to);
+    f.open = open;
+    f.id = std::exchange(state.no_pcr, 0);
+    output_.finding(std::move(f));
+}
+
+void Presence::look(const Place& now) {
+    age_records(now);
+    for (auto& [pid, state] : states_) {
+        if (lacks_pcrs(state)) {
+            if (state.no_pcr == 0)
+                state.no_pcr = output_.new_id();
+            Finding f = make_without_pcr(state, now);
+            f.id = state.no_pcr;
+            output_.going_on(std::move(f));
+        }
+        if (!state.first) {
+            const Ticks waited = never_for(state, now);
+            if (waited > options_.limits.pid_never && dark(state.since, now) * 2 <= waited)
+                goes_on(state, make_never(state, now, waited));
+            continue;
+        }
+        const Ticks gap = between(state.last, now);
+        if (!has_stopped(state, gap) || dark(state.last, now) * 2 > gap)
+            continue;
+        silences_.stopped(pid, state.last, now);
+        goes_on(state, make_stopped(state, now, gap));
+    }
+}
+
+void Presence::age_records(const Place& now) {
+    if (records_from_ == no_time)
+        records_from_ = now.time;
+    if (now.time - records_from_ < records_last)
+        return;
+    records_from_ = now.time;
+    for (auto& [pid, state] : states_)
+        state.record_before = std::exchange(state.record, 0);
+}
+
+void Presence::anew(const Place& before, const Place& at) {
+    for (auto& [pid, state] : states_) {
+        if (state.first)
+            silent(state, before, true, Sure::exact, before);
+        else
+            never(state, before, true, before);
+        state.since = at;
+        if (state.first)
+            state.last = at;
+    }
+    if (outage_ != 0 && output_.raised(outage_)) {
+        const Outage& o = outages_.back();
+        Finding f = make_off_air(o.from, before, between(o.from, before));
+        f.id = outage_;
+        f.open = true;
+        output_.finding(std::move(f));
+    }
+    output_.withdraw(std::exchange(outage_, 0));
+}
+
+void Presence::away(const Place& last, Ticks time, std::int64_t utc_us) {
+    if (away_ == 0) {
+        away_ = output_.new_id();
+        away_from_ = last;
+    }
+    away_utc_us_ = utc_us;
+    away_for_ = time;
+    Finding f = make_off_air(last, last, time);
+    f.end.utc_us = utc_us;
+    f.id = away_;
+    output_.raise(std::move(f));
+}
+
+void Presence::back(const Place& at) {
+    if (away_ == 0)
+        return;
+    // Up to the packet, not to the last look before it, where the input tells.
+    if (at.utc_us != no_time && away_from_.utc_us != no_time)
+        away_for_ = std::max(away_for_, (at.utc_us - away_from_.utc_us) * 27);
+    Finding f = make_off_air(away_from_, at, away_for_);
+    f.id = std::exchange(away_, 0);
     output_.finding(std::move(f));
 }
 
@@ -119,26 +241,37 @@ void Presence::span(const PidSpan& span) {
     state.packets += span.packets;
 }
 
-void Presence::silent(State& state, const Place& to, bool open, Sure sure, const Place& end) {
-    const Ticks gap = between(state.last, to);
-    if (!state.main() || gap <= options_.limits.pid_stopped ||
-        static_cast<double>(gap) <= far_over_record * static_cast<double>(state.record)) {
-        state.record = std::max(state.record, gap);
-        return;
-    }
-    if (dark(state.last, to) * 2 > gap) {
-        output_.consequence(Rule::pid_error);
-        return;
-    }
+bool Presence::has_stopped(const State& state, Ticks gap) const {
+    const Ticks record = std::max(state.record, state.record_before);
+    return state.main() && gap > options_.limits.pid_stopped &&
+           static_cast<double>(gap) > far_over_record * static_cast<double>(record);
+}
+
+Finding Presence::make_stopped(const State& state, const Place& end, Ticks gap) const {
     Finding f = make(Kind::stopped, state);
-    f.open = open;
-    f.sure = sure;
     f.begin = state.last;
     f.end = end;
     f.detail.interval_ms = ms(gap);
     f.detail.limit_ms = ms(options_.limits.pid_stopped);
+    return f;
+}
+
+void Presence::silent(State& state, const Place& to, bool open, Sure sure, const Place& place) {
+    const Ticks gap = between(state.last, to);
+    const bool raised = output_.raised(state.interval);
+    if (!raised && !has_stopped(state, gap)) {
+        state.record = std::max(state.record, gap);
+        return nothing(state);
+    }
+    if (!raised && dark(state.last, to) * 2 > gap) {
+        output_.consequence(Rule::pid_error);
+        return nothing(state);
+    }
+    Finding f = make_stopped(state, place, gap);
+    f.open = open;
+    f.sure = sure;
     silences_.stopped(state.stream.pid, state.last, to);
-    output_.finding(std::move(f));
+    end(state, std::move(f));
 }
 
 Ticks Presence::dark(const Place& from, const Place& to) const {
@@ -148,13 +281,50 @@ Ticks Presence::dark(const Place& from, const Place& to) const {
     return sum;
 }
 
-void Presence::pcr(std::uint16_t pid) {
+bool Presence::pcr(std::uint16_t pid) {
     const auto s = states_.find(pid);
-    if (s != states_.end())
-        ++s->second.pcrs;
+    if (s == states_.end())
+        return false;
+    State& state = s->second;
+    ++state.pcrs;
+    if (state.no_pcr == 0)
+        return false;
+    const std::uint64_t id = std::exchange(state.no_pcr, 0);
+    if (!output_.raised(id)) {
+        output_.withdraw(id);
+        return false;
+    }
+    Finding f = make_without_pcr(state, state.last);
+    f.id = id;
+    output_.finding(std::move(f));
+    return true;
 }
 
-void Presence::nulls(const Place& from, const Place& to, bool open) {
+Finding Presence::make_off_air(const Place& from, const Place& to, Ticks time) const {
+    Finding f;
+    f.rule = Rule::off_air;
+    f.severity = Severity::error;
+    f.shape = Shape::interval;
+    for (const Program& p : programs_ ? programs_->programs : std::vector<Program>{})
+        f.programs.push_back(p.number);
+    f.begin = from;
+    f.end = to;
+    f.detail.away_ms = ms(time);
+    return f;
+}
+
+// One that goes on was noted before.
+void Presence::note_outage(const Place& from, const Place& to) {
+    if (outage_ != 0 && !outages_.empty() && outages_.back().from.packet == from.packet)
+        outages_.back().to = to;
+    else
+        outages_.push_back({from, to});
+    if (outages_.size() > outages_kept)
+        outages_.erase(outages_.begin());
+    silences_.outage(from, to);
+}
+
+void Presence::nulls(const Place& from, const Place& to, bool open, bool going_on) {
     if (between(from, to) <= options_.limits.off_air || (open && to.estimated))
         return;
     const bool was_on_air = std::any_of(states_.begin(), states_.end(), [](const auto& s) {
@@ -162,20 +332,15 @@ void Presence::nulls(const Place& from, const Place& to, bool open) {
     });
     if (!was_on_air)
         return;
-    outages_.push_back({from, to});
-    if (outages_.size() > outages_kept)
-        outages_.erase(outages_.begin());
-    silences_.outage(from, to);
-    Finding f;
-    f.rule = Rule::off_air;
-    f.severity = Severity::error;
-    f.shape = Shape::interval;
+    note_outage(from, to);
+    if (outage_ == 0)
+        outage_ = output_.new_id();
+    Finding f = make_off_air(from, to, between(from, to));
     f.open = open;
-    for (const Program& p : programs_->programs)
-        f.programs.push_back(p.number);
-    f.begin = from;
-    f.end = to;
-    f.detail.away_ms = ms(between(from, to));
+    f.id = outage_;
+    if (going_on)
+        return output_.going_on(std::move(f));
+    outage_ = 0;
     output_.finding(std::move(f));
 }
 
@@ -185,7 +350,7 @@ void Presence::finish(const Place& end, const Place& sure) {
             never(state, sure, true, end);
             continue;
         }
-        without_pcr(state, end);
+        without_pcr(state, end, true);
         const Ticks gap = between(state.last, end);
         if (between(state.last, sure) > options_.limits.pid_stopped || !end.estimated) {
             silent(state, end.estimated ? sure : end, true, Sure::exact, end);

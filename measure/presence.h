@@ -36,9 +36,18 @@ class Presence {
     void sure_from(const Place& place) { sure_from_ = place.time; }
     void programs(const ProgramsPtr& programs, const Place& place);
     void span(const PidSpan& span);
-    void pcr(std::uint16_t pid);
-    /// Only null packets from `from` on, until `to`.
-    void nulls(const Place& from, const Place& to, bool open);
+    /// Returns whether that ends a `no_pcr` that was told of.
+    bool pcr(std::uint16_t pid);
+    /// Only null packets from `from` on, until `to`; `going_on`: there may be more.
+    void nulls(const Place& from, const Place& to, bool open, bool going_on);
+    /// Live: what lasts. Called now and then, behind span().
+    void look(const Place& now);
+    /// Live: nothing has come for `time` since the last packet; said again at each look. Back: it
+    /// comes again.
+    void away(const Place& last, Ticks time, std::int64_t utc_us);
+    void back(const Place& at);
+    /// Nothing is known of what was between the two places.
+    void anew(const Place& before, const Place& at);
     /// `sure`: the last place whose time is no estimate.
     void finish(const Place& end, const Place& sure);
     void judge(Judgement& judgement, std::optional<Ticks> duration) const;
@@ -54,15 +63,30 @@ class Presence {
         Ticks record = 0; // its longest silence that was no fault
         std::uint64_t packets = 0;
         std::uint64_t pcrs = 0;
-        bool undecided = false; // an estimate at the end: neither stopped nor sure to go on
+        bool undecided = false;     // an estimate at the end: neither stopped nor sure to go on
+        std::uint64_t interval = 0; // live: Finding::id of what goes on
+        std::uint64_t no_pcr = 0;   // the same, of `no_pcr`
+        Ticks record_before = 0;    // live: of the minutes before
         bool main() const { return stream.is_av() || is_pcr; }
     };
 
     void arrived(State& state, const PidSpan& span);
     void silent(State& state, const Place& to, bool open, Sure sure, const Place& end);
-    void never(const State& state, const Place& to, bool open, const Place& end);
-    void without_pcr(const State& state, const Place& to);
+    void never(State& state, const Place& to, bool open, const Place& end);
+    void without_pcr(State& state, const Place& to, bool open);
     void leave(State& state, const Place& place);
+    Ticks never_for(const State& state, const Place& to) const;
+    bool has_stopped(const State& state, Ticks gap) const;
+    bool lacks_pcrs(const State& state) const;
+    Finding make_never(const State& state, const Place& end, Ticks waited) const;
+    Finding make_stopped(const State& state, const Place& end, Ticks gap) const;
+    Finding make_without_pcr(const State& state, const Place& end) const;
+    Finding make_off_air(const Place& from, const Place& to, Ticks time) const;
+    void goes_on(State& state, Finding&& finding);
+    void end(State& state, Finding&& finding);
+    void nothing(State& state);
+    void note_outage(const Place& from, const Place& to);
+    void age_records(const Place& now);
     Ticks dark(const Place& from, const Place& to) const;
     Finding make(Kind kind, const State& state) const;
 
@@ -78,6 +102,13 @@ class Presence {
     std::vector<Outage> outages_; // the latest ones
     Ticks sure_from_ = 0;
     bool ever_streams_ = false;
+    // Live:
+    std::uint64_t outage_ = 0; // Finding::id of that which goes on
+    std::uint64_t away_ = 0;   // the same, without any packet
+    Place away_from_;
+    std::int64_t away_utc_us_ = no_time;
+    Ticks away_for_ = 0;
+    Ticks records_from_ = no_time;
 };
 
 } // namespace quarn

@@ -15,8 +15,9 @@ constexpr std::uint32_t swing_decision = 100;
 constexpr double constant_from = 0.65;
 constexpr double variable_below = 0.55;
 constexpr double swinging_from = 0.35;
-constexpr double peak_fades = 1.005; // an interval
-constexpr double forget_at = 1e6;    // packets: older ones weigh half
+constexpr double peak_fades = 1.005;    // an interval
+constexpr double forget_at = 1e6;       // packets: older ones weigh half
+constexpr std::uint32_t fade_at = 4096; // intervals: the same, live
 } // namespace
 
 bool Rate::fits(const Interval& i, double tpp) const {
@@ -25,7 +26,7 @@ bool Rate::fits(const Interval& i, double tpp) const {
 }
 
 void Rate::refresh_median() {
-    const std::size_t n = std::min<std::size_t>(count_, window);
+    const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(count_, window));
     std::vector<double> each;
     std::vector<Ticks> distances;
     for (std::size_t i = 0; i < n; ++i) {
@@ -71,7 +72,7 @@ void Rate::add(std::uint64_t packets, std::uint64_t fewer, Ticks distance) {
     const Interval interval = {static_cast<double>(packets), static_cast<double>(fewer), distance};
     const double each = static_cast<double>(distance) / interval.packets;
     fewest_ = fewest_ == 0 ? each : std::min(fewest_ * peak_fades, each);
-    recent_[count_ % window] = interval;
+    recent_[static_cast<std::size_t>(count_ % window)] = interval;
     ++count_;
     if (!decided_) {
         ++seen_;
@@ -85,6 +86,22 @@ void Rate::add(std::uint64_t packets, std::uint64_t fewer, Ticks distance) {
         refresh_median();
     count(interval);
     decide();
+    if (live_)
+        fade();
+}
+
+// A rate that held for days must not take days to be left.
+void Rate::fade() {
+    const bool held =
+        constant_ && seen_ >= 10 * first_decision && fitting_ >= constant_from * seen_;
+    if (held && std::popcount(last_fits_) < 12)
+        return restart();
+    if (seen_ < fade_at)
+        return;
+    for (std::uint32_t* n : {&seen_, &fitting_, &small_, &crowded_})
+        *n /= 2;
+    swing_ /= 2;
+    swing_size_ /= 2;
 }
 
 // The intervals so far are held against their own median.
@@ -95,9 +112,9 @@ void Rate::decide_now() {
     decided_ = true;
     seen_ = fitting_ = small_ = crowded_ = 0;
     time_ = packets_ = swing_ = swing_size_ = 0;
-    const std::size_t n = std::min<std::size_t>(count_, window);
+    const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(count_, window));
     for (std::size_t i = 0; i < n; ++i)
-        count(recent_[(count_ - n + i) % window]);
+        count(recent_[static_cast<std::size_t>((count_ - n + i) % window)]);
     if (n < first_decision) // of so few, more than a rate that varies could do by chance
         constant_ = fitting_ >= 8 && fitting_ >= constant_from * seen_ && !crowded();
     else
@@ -123,7 +140,8 @@ void Rate::decide() {
 }
 
 void Rate::restart() {
-    median_ = time_ / packets_;
+    if (packets_ > 0)
+        median_ = time_ / packets_;
     constant_ = decided_ = false;
     count_ = 0;
     new_segment();

@@ -13,6 +13,9 @@ namespace quarn {
 /// fit.
 class Rate {
   public:
+    /// `live`: what is long ago counts for less, for the rate may change on some day.
+    explicit Rate(bool live = false) : live_(live) {}
+
     /// An undisturbed interval: `packets` counted, `fewer` without copies that a network may have
     /// added.
     void add(std::uint64_t packets, std::uint64_t fewer, Ticks distance);
@@ -31,6 +34,8 @@ class Rate {
     double fewest_ticks_per_packet() const { return fewest_; }
     /// The usual distance of two PCRs.
     Ticks usual_distance() const { return usual_; }
+    /// Another clock from here on: nothing is decided, and the usual figures stay.
+    void anew() { restart(); }
     /// Decides with what there is, for nothing more comes.
     void decide_now();
 
@@ -48,9 +53,11 @@ class Rate {
     /// No constant rate has that: single packets with a PCR each, and many between some of them.
     bool crowded() const { return crowded_ * 20 > seen_; }
     void restart();
+    void fade();
 
+    bool live_ = false;
     std::array<Interval, window> recent_{};
-    std::uint32_t count_ = 0; // of all intervals so far
+    std::uint64_t count_ = 0; // of all intervals so far
     bool constant_ = false;
     bool decided_ = false;
     double median_ = 0;

@@ -38,7 +38,7 @@ Finding make_finding(Rule rule, Kind kind, std::uint16_t pid, std::optional<int>
 class Repetition::Impl {
   public:
     Impl(const Options& options, Output& output, bool live)
-        : options_(options), live_(live), gaps_(output), si_(options, gaps_) {}
+        : options_(options), output_(output), gaps_(output, live), si_(options, gaps_) {}
 
     void start(const Place& first);
     void section(const SectionEvent& section, const Place& begin, const Place& end);
@@ -46,6 +46,8 @@ class Repetition::Impl {
     void seen(std::uint16_t pid);
     void scrambled(std::uint16_t pid, const Place& place);
     void advance(const Place& now);
+    void look(const Place& now);
+    void anew(const Place& before, const Place& at);
     void finish(const Place& end);
     void judge(Judgement& judgement) const;
 
@@ -58,7 +60,8 @@ class Repetition::Impl {
         Place announced;
         bool packets = false; // any came
         bool told_absent = false;
-        std::bitset<256> ids; // table ids that were seen with a right CRC
+        std::vector<std::uint64_t> absent; // live: Finding::id by program, in order
+        std::bitset<256> ids;              // table ids that were seen with a right CRC
     };
 
     // A wrong CRC, and a table id that else does not come there.
@@ -76,6 +79,12 @@ class Repetition::Impl {
                bool open);
     void tell_absent(std::uint16_t pid, Watch& watch, const ProgramsPtr& programs,
                      const Place& place, bool open);
+    void goes_on_absent(std::uint16_t pid, Watch& watch, const Place& now);
+    void came(std::uint16_t pid, Watch& watch, const Place& place);
+    std::vector<Finding> make_absent(std::uint16_t pid, const Watch& watch,
+                                     const ProgramsPtr& programs, const Place& place) const;
+    Finding make_absent_pat(const Place& place) const;
+    void end_pat(const Place& place);
     void end_scrambled(std::uint16_t pid);
     GapRow pat_row() const {
         return {Rule::pat_error_2, options_.limits.pat, table_pid::pat, table_id::pat};
@@ -85,15 +94,17 @@ class Repetition::Impl {
     }
 
     const Options& options_;
-    const bool live_;
+    Output& output_;
     Gaps gaps_;
     SiRepetition si_;
     ProgramsPtr programs_ = std::make_shared<Programs>();
     Place start_;
+    Place now_;
     std::bitset<pid_count> early_; // pids with packets before the first PAT
     bool started_ = false;
     Series pat_;
     bool pat_seen_ = false;
+    std::uint64_t pat_absent_ = 0; // live: Finding::id
     bool crc_seen_ = false;
     bool programs_seen_ = false;
     std::optional<std::uint16_t> transport_stream_;
@@ -176,7 +187,13 @@ void Repetition::Impl::distance_ends(Series& series, const GapRow& row, const Pl
 }
 
 void Repetition::Impl::pat_section(const SectionEvent& section, const Place& end) {
-    pat_seen_ = true;
+    if (!std::exchange(pat_seen_, true) && output_.raised(pat_absent_)) {
+        Finding f = make_absent_pat(end);
+        f.id = pat_absent_;
+        output_.finding(std::move(f));
+        pat_.last = end;
+    }
+    output_.withdraw(std::exchange(pat_absent_, 0));
     distance_ends(pat_, pat_row(), end);
     if (!section.crc_right || !section.current)
         return;
@@ -186,7 +203,7 @@ void Repetition::Impl::pat_section(const SectionEvent& section, const Place& end
 }
 
 void Repetition::Impl::pmt_section(Watch& watch, const SectionEvent& section, const Place& end) {
-    watch.packets = true;
+    came(section.pid, watch, end);
     if (section.crc_right)
         watch.ids.set(section.table_id);
     if (section.table_id == table_id::pmt || may_be_pmt(watch, section))
@@ -220,9 +237,17 @@ void Repetition::Impl::programs(const ProgramsPtr& programs, const Place& place)
 
 void Repetition::Impl::seen(std::uint16_t pid) {
     if (const auto watch = pmts_.find(pid); watch != pmts_.end())
-        watch->second.packets = true;
+        came(pid, watch->second, now_);
     else if (!programs_seen_)
         early_[pid] = true;
+}
+
+// A packet of a pid of PMTs.
+void Repetition::Impl::came(std::uint16_t pid, Watch& watch, const Place& place) {
+    if (std::exchange(watch.packets, true) || watch.absent.empty())
+        return;
+    tell_absent(pid, watch, programs_, place, false);
+    watch.series.last = place;
 }
 
 void Repetition::Impl::scrambled(std::uint16_t pid, const Place& place) {
@@ -258,6 +283,19 @@ void Repetition::Impl::tell_absent(std::uint16_t pid, Watch& watch, const Progra
                                    const Place& place, bool open) {
     if (std::exchange(watch.told_absent, true))
         return;
+    const std::vector<std::uint64_t> ids = std::exchange(watch.absent, {});
+    std::size_t i = 0;
+    for (Finding& f : make_absent(pid, watch, programs, place)) {
+        f.open = open;
+        f.id = i < ids.size() ? ids[i++] : 0;
+        gaps_.other(std::move(f));
+    }
+}
+
+std::vector<Finding> Repetition::Impl::make_absent(std::uint16_t pid, const Watch& watch,
+                                                   const ProgramsPtr& programs,
+                                                   const Place& place) const {
+    std::vector<Finding> all;
     const Ticks length = gaps_.clock().distance(watch.announced, place).value_or(0);
     for (const Program& program : programs->programs) {
         if (program.pmt_pid != pid)
@@ -265,11 +303,21 @@ void Repetition::Impl::tell_absent(std::uint16_t pid, Watch& watch, const Progra
         Finding f = make_finding(Rule::pmt_error_2, Kind::absent, pid, table_id::pmt,
                                  watch.announced, place);
         f.shape = Shape::interval;
-        f.open = open;
         f.programs = {program.number};
         f.detail.interval_ms = milliseconds(length);
         f.detail.limit_ms = milliseconds(options_.limits.pmt);
-        gaps_.other(std::move(f));
+        all.push_back(std::move(f));
+    }
+    return all;
+}
+
+void Repetition::Impl::goes_on_absent(std::uint16_t pid, Watch& watch, const Place& now) {
+    std::vector<Finding> all = make_absent(pid, watch, programs_, now);
+    while (watch.absent.size() < all.size())
+        watch.absent.push_back(output_.new_id());
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        all[i].id = watch.absent[i];
+        output_.going_on(std::move(all[i]));
     }
 }
 
@@ -293,32 +341,86 @@ void Repetition::Impl::advance(const Place& now) {
         if (quiet && *quiet > scrambled_quiet)
             end_scrambled(pid);
     }
-    if (live_)
-        for (auto& [pid, watch] : pmts_)
-            if (!watch.packets &&
-                gaps_.clock().distance(watch.announced, now).value_or(0) > absent_live)
-                tell_absent(pid, watch, programs_, now, true);
+    now_ = now;
     gaps_.advance(now);
+}
+
+void Repetition::Impl::look(const Place& now) {
+    const auto since = [&](const Place& from) {
+        return gaps_.clock().distance(from, now).value_or(0);
+    };
+    if (pat_seen_ && judges_repetition() && since(pat_.last) > options_.limits.pat)
+        gaps_.going_on(pat_, pat_row(), {}, now);
+    if (!pat_seen_ && since(pat_.last) > absent_live) {
+        if (pat_absent_ == 0)
+            pat_absent_ = output_.new_id();
+        Finding f = make_absent_pat(now);
+        f.id = pat_absent_;
+        output_.going_on(std::move(f));
+    }
+    for (auto& [pid, watch] : pmts_) {
+        if (!watch.packets && since(watch.announced) > absent_live)
+            goes_on_absent(pid, watch, now);
+        else if (watch.packets && judges_repetition() &&
+                 since(watch.series.last) > options_.limits.pmt)
+            gaps_.going_on(watch.series, pmt_row(pid), programs_->programs_of(pid), now);
+    }
+    for (auto& [pid, run] : scrambled_) {
+        if (run.id == 0)
+            run.id = output_.new_id();
+        if (judges_repetition())
+            output_.going_on(Finding(run));
+    }
+    si_.look(now);
+}
+
+void Repetition::Impl::anew(const Place& before, const Place& at) {
+    while (!scrambled_.empty())
+        end_scrambled(scrambled_.begin()->first);
+    end_pat(before);
+    gaps_.good(pat_, before);
+    pat_.last = at;
+    for (auto& [pid, watch] : pmts_) {
+        close(pid, watch, programs_, before, true);
+        watch.series.last = watch.announced = at;
+        watch.told_absent = false;
+    }
+    si_.anew(before, at);
+}
+
+Finding Repetition::Impl::make_absent_pat(const Place& place) const {
+    Finding f = make_finding(Rule::pat_error_2, Kind::absent, table_pid::pat, table_id::pat,
+                             pat_.last, place);
+    f.shape = Shape::interval;
+    f.detail.interval_ms = milliseconds(gaps_.clock().distance(pat_.last, place).value_or(0));
+    f.detail.limit_ms = milliseconds(options_.limits.pat);
+    return f;
+}
+
+// The PAT has not come for so long, or never.
+void Repetition::Impl::end_pat(const Place& place) {
+    const Ticks since = gaps_.clock().distance(pat_.last, place).value_or(0);
+    const std::uint64_t id = std::exchange(pat_absent_, 0);
+    if (since <= options_.limits.pat)
+        return;
+    if (pat_seen_ && judges_repetition())
+        gaps_.gap(pat_, pat_row(), {}, place, true);
+    if (pat_seen_)
+        return;
+    Finding f = make_absent_pat(place);
+    f.open = true;
+    f.id = id;
+    if (output_.raised(id))
+        output_.finding(std::move(f));
+    else
+        gaps_.excusable(std::move(f), since, options_.limits.pat);
 }
 
 void Repetition::Impl::finish(const Place& end) {
     gaps_.clock().see(end);
     while (!scrambled_.empty())
         end_scrambled(scrambled_.begin()->first);
-    const Ticks since_pat = gaps_.clock().distance(pat_.last, end).value_or(0);
-    if (since_pat > options_.limits.pat) {
-        if (pat_seen_ && judges_repetition())
-            gaps_.gap(pat_, pat_row(), {}, end, true);
-        if (!pat_seen_) {
-            Finding f = make_finding(Rule::pat_error_2, Kind::absent, table_pid::pat, table_id::pat,
-                                     pat_.last, end);
-            f.shape = Shape::interval;
-            f.open = true;
-            f.detail.interval_ms = milliseconds(since_pat);
-            f.detail.limit_ms = milliseconds(options_.limits.pat);
-            gaps_.excusable(std::move(f), since_pat, options_.limits.pat);
-        }
-    }
+    end_pat(end);
     for (auto& [pid, watch] : pmts_)
         close(pid, watch, programs_, end, true);
     si_.finish(end);
@@ -387,6 +489,15 @@ void Repetition::excuse(std::uint16_t pid, const Place& from, const Place& to) {
 }
 void Repetition::advance(const Place& now) {
     impl_->advance(now);
+}
+void Repetition::look(const Place& now) {
+    impl_->look(now);
+}
+void Repetition::wait(const Place& now) {
+    impl_->gaps().advance(now);
+}
+void Repetition::anew(const Place& before, const Place& at) {
+    impl_->anew(before, at);
 }
 void Repetition::finish(const Place& end) {
     impl_->finish(end);

@@ -19,7 +19,8 @@ class Recorder;
 /// what a gap follows from can still be told. Memory is bounded whatever the input. One thread.
 class Repetition {
   public:
-    /// Both must outlive it. `live`: a PMT that does not come is found after 10 s, not at the end.
+    /// Both must outlive it. `live`: a PAT or PMT that does not come is found after 10 s, not at
+    /// the end.
     Repetition(const Options& options, Output& output, bool live = false);
     ~Repetition();
     void record(Recorder& recorder);
@@ -43,6 +44,12 @@ class Repetition {
     void excuse(std::uint16_t pid, const Place& from, const Place& to);
     /// The clock has come so far; called at each of its steps.
     void advance(const Place& now);
+    /// Live: what does not come. Called now and then.
+    void look(const Place& now);
+    /// Live: nothing comes, and so much time went by since the last packet; what waits is decided.
+    void wait(const Place& now);
+    /// Nothing is known of what was between the two places.
+    void anew(const Place& before, const Place& at);
     /// The input is over at its last packet: decides what is pending.
     void finish(const Place& end);
     /// Which of its rows were judged; behind finish().

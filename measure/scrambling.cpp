@@ -17,6 +17,7 @@ namespace quarn {
 namespace {
 
 constexpr std::size_t steps_max = 4096; // that wait for a CAT behind them
+constexpr std::size_t cats_max = 4096;
 
 } // namespace
 
@@ -29,6 +30,8 @@ class Scrambling::Impl {
     void section(const SectionEvent& section, const Place& end);
     void seen(std::uint16_t pid, const Place& first, const Place& last);
     void advance(const Place& now);
+    void look(const Place& now);
+    void anew(const Place& before, const Place& at);
     void finish(const Place& end);
     void judge(Judgement& judgement) const;
 
@@ -54,7 +57,8 @@ class Scrambling::Impl {
     bool cat_near(const Place& place) const;
     bool whole_window(const Place& place) const;
     void decide(const Stretch& stretch);
-    void end_run();
+    void end_run(bool open = false);
+    Finding make_run() const;
 
     const Options& options_;
     Output& output_;
@@ -66,7 +70,8 @@ class Scrambling::Impl {
     std::deque<Stretch> waiting_;
     // Scrambled packets without a CAT one behind the other.
     std::optional<Stretch> run_;
-    bool run_is_sure_ = false; // some of them a limit from both ends of the input
+    bool run_is_sure_ = false;   // some of them a limit from both ends of the input
+    std::uint64_t interval_ = 0; // live: its Finding::id
     std::optional<Place> start_;
     Place end_;
     bool ended_ = false;
@@ -127,6 +132,8 @@ void Scrambling::Impl::section(const SectionEvent& section, const Place& end) {
     section_seen_ = true;
     if (section.table_id == table_id::cat || !section.crc_right)
         cats_.push_back(end);
+    if (cats_.size() > cats_max)
+        cats_.pop_front();
 }
 
 void Scrambling::Impl::seen(std::uint16_t pid, const Place& first, const Place& last) {
@@ -218,11 +225,45 @@ void Scrambling::Impl::decide(const Stretch& stretch) {
         end_run();
 }
 
-void Scrambling::Impl::end_run() {
-    const Stretch run = std::move(*run_);
+void Scrambling::Impl::end_run(bool open) {
+    Finding f = make_run();
+    f.id = std::exchange(interval_, 0);
+    f.open = open;
     run_.reset();
-    if (!std::exchange(run_is_sure_, false))
+    if (std::exchange(run_is_sure_, false))
+        output_.finding(std::move(f));
+}
+
+void Scrambling::Impl::look(const Place& now) {
+    const Ticks still = run_ ? clock_.distance(run_->last, now).value_or(0) : 0;
+    if (waiting_.empty() && still > 2 * options_.limits.cat)
+        end_run();
+    if (!run_ || !run_is_sure_)
         return;
+    if (interval_ == 0)
+        interval_ = output_.new_id();
+    Finding f = make_run();
+    f.id = interval_;
+    output_.going_on(std::move(f));
+}
+
+// What was not seen may have had a CAT in it.
+void Scrambling::Impl::anew(const Place& before, const Place& at) {
+    clock_.see(before);
+    step_ends();
+    cats_.push_back(before);
+    while (!waiting_.empty()) {
+        decide(waiting_.front());
+        waiting_.pop_front();
+    }
+    if (run_)
+        end_run(true);
+    cats_.push_back(at);
+    start_ = at;
+}
+
+Finding Scrambling::Impl::make_run() const {
+    const Stretch& run = *run_;
     Finding f;
     f.rule = Rule::cat_error;
     f.kind = Kind::absent;
@@ -239,7 +280,7 @@ void Scrambling::Impl::end_run() {
         for (const std::uint16_t number : programs_->programs_of(pid))
             numbers.insert(number);
     f.programs = {numbers.begin(), numbers.end()};
-    output_.finding(std::move(f));
+    return f;
 }
 
 void Scrambling::Impl::finish(const Place& end) {
@@ -291,6 +332,12 @@ void Scrambling::seen(std::uint16_t pid, const Place& first, const Place& last) 
 }
 void Scrambling::advance(const Place& now) {
     impl_->advance(now);
+}
+void Scrambling::look(const Place& now) {
+    impl_->look(now);
+}
+void Scrambling::anew(const Place& before, const Place& at) {
+    impl_->anew(before, at);
 }
 void Scrambling::finish(const Place& end) {
     impl_->finish(end);

@@ -31,6 +31,10 @@ class Scrambling {
     void seen(std::uint16_t pid, const Place& first, const Place& last);
     /// The clock has come so far; called at each of its steps, behind seen().
     void advance(const Place& now);
+    /// Live: what goes on. Called now and then.
+    void look(const Place& now);
+    /// Nothing is known of what was between the two places.
+    void anew(const Place& before, const Place& at);
     /// The input is over at its last packet: decides what is pending.
     void finish(const Place& end);
     void judge(Judgement& judgement) const;

@@ -21,6 +21,9 @@ constexpr Rule rows[] = {Rule::nit_actual_error, Rule::nit_other_error, Rule::si
                          Rule::eit_other_error,  Rule::eit_pf_error,    Rule::rst_error,
                          Rule::tdt_error};
 
+constexpr Ticks look_every = 200 * ticks_per_ms;
+constexpr Ticks gone_after = 3600 * ticks_per_second;
+
 bool is_present_following(std::uint8_t id) {
     return id == table_id::eit_actual || id == table_id::eit_other;
 }
@@ -229,11 +232,76 @@ void SiRepetition::programs(const ProgramsPtr& programs, const Place& place) {
     }
 }
 
-void SiRepetition::forget(const Place& place) {
+// Live: tables that nothing obliges a stream to send, after an hour without: sub-tables of services
+// and networks that are no more.
+bool SiRepetition::is_gone(const Key& key, const Place& last, const Place& now) const {
+    const bool obliged =
+        std::find(std::begin(mandatory), std::end(mandatory), key.table_id) != std::end(mandatory);
+    return !obliged && gaps_.clock().distance(last, now).value_or(0) > gone_after;
+}
+
+void SiRepetition::look(const Place& now) {
+    if (next_look_ != no_time && now.time < next_look_)
+        return;
+    next_look_ = now.time + look_every;
+    const auto waits = [&](Series& series, const Key& key) {
+        const SiRow row = *si_row(key.table_id, options_.limits);
+        if (gaps_.clock().distance(series.last, now).value_or(0) > row.limit)
+            gaps_.going_on(series, gap_row(key, row.rule, row.limit), programs_of(key), now);
+    };
+    for (auto& [id, series] : awaited_)
+        waits(series, {id, 0, 0});
+    for (auto entry = tables_.begin(); entry != tables_.end();) {
+        auto& [key, table] = *entry;
+        bool gone = true;
+        for (Part& part : table.parts) {
+            waits(part.series, key);
+            gone = gone && is_gone(key, part.series.last, now);
+        }
+        if (gone)
+            close(key, table, now, false);
+        entry = gone ? tables_.erase(entry) : std::next(entry);
+    }
+    for (auto entry = present_following_.begin(); entry != present_following_.end();) {
+        auto& [key, both] = *entry;
+        look(key, both, now);
+        const bool gone = is_gone(key, both.any.last, now);
+        if (gone)
+            close(key, both, now, false);
+        entry = gone ? present_following_.erase(entry) : std::next(entry);
+    }
+    if (last_bytes_.size() >= series_max)
+        last_bytes_.clear();
+}
+
+void SiRepetition::look(const Key& key, PresentFollowing& both, const Place& now) {
+    const SiRow row = *si_row(key.table_id, options_.limits);
+    const Ticks away = gaps_.clock().distance(both.any.last, now).value_or(0);
+    if (away > row.limit)
+        gaps_.going_on(both.any, gap_row(key, row.rule, row.limit), programs_of(key), now);
+    for (Half& half : both.halves) {
+        const Ticks before = std::exchange(half.both_away, std::max(half.both_away, away));
+        if (half_is_gap(half, key, now))
+            gaps_.going_on(half.series, gap_row(key, Rule::eit_pf_error, half_limit(key)),
+                           programs_of(key), now);
+        half.both_away = before;
+    }
+}
+
+void SiRepetition::anew(const Place& before, const Place& at) {
+    for (auto& [id, series] : awaited_) {
+        const SiRow row = *si_row(id, options_.limits);
+        stays_away(series, {id, 0, 0}, row.rule, row.limit, before, true);
+        series.last = at;
+    }
+    forget(before, true);
+}
+
+void SiRepetition::forget(const Place& place, bool open) {
     for (auto& [key, table] : tables_)
-        close(key, table, place, false);
+        close(key, table, place, open);
     for (auto& [key, both] : present_following_)
-        close(key, both, place, false);
+        close(key, both, place, open);
     tables_.clear();
     present_following_.clear();
     actual_.clear();

@@ -32,7 +32,11 @@ class SiRepetition {
                  const Place& end);
     void programs(const ProgramsPtr& programs, const Place& place);
     /// Another transport stream: all begins anew.
-    void forget(const Place& place);
+    void forget(const Place& place) { forget(place, false); }
+    /// Nothing is known of what was between the two places.
+    void anew(const Place& before, const Place& at);
+    /// Live: what does not come.
+    void look(const Place& now);
     void finish(const Place& end);
     void judge(Judgement& judgement) const;
     /// Any table of service information was seen, or Options::dvb.
@@ -76,6 +80,9 @@ class SiRepetition {
     void came(Series& series, const Key& key, Rule rule, Ticks limit, const Place& place);
     void stays_away(Series& series, const Key& key, Rule rule, Ticks limit, const Place& place,
                     bool open);
+    void forget(const Place& place, bool open);
+    void look(const Key& key, PresentFollowing& both, const Place& now);
+    bool is_gone(const Key& key, const Place& last, const Place& now) const;
     bool half_is_gap(const Half& half, const Key& key, const Place& place) const;
     void close(const Key& key, Table& table, const Place& place, bool open);
     void close(const Key& key, PresentFollowing& both, const Place& place, bool open);
@@ -99,6 +106,7 @@ class SiRepetition {
     std::bitset<rule_count> seen_;
     std::bitset<rule_count> found_;
     bool armed_ = false;
+    Ticks next_look_ = no_time; // live
 };
 
 } // namespace quarn

@@ -13,7 +13,8 @@ using Cause = Excuses::Cause;
 
 constexpr Ticks ticks_per_stamp = 300; // 27 MHz in 90 kHz
 /// What follows from something else is known by then.
-constexpr Ticks wait_time = 1300 * ticks_per_ms;
+constexpr Ticks wait_file = 1300 * ticks_per_ms;
+constexpr Ticks wait_live = 1000 * ticks_per_ms;
 constexpr Ticks look_time = 100 * ticks_per_ms;
 /// A stretch of late stamps is over when none was late for so long.
 constexpr Ticks in_time = Excuses::quiet_time;
@@ -42,6 +43,10 @@ bool same_stream(const ElementaryStream& a, const ElementaryStream& b) {
 
 Stamps::Stamps(const Options& options, Output& out) : options_(options), out_(out) {}
 
+Ticks Stamps::wait_time() const {
+    return options_.live ? wait_live : wait_file;
+}
+
 // ---- what happens to the streams ----------------------------------------------------------------
 
 void Stamps::programs(ProgramsPtr programs, const Place& place) {
@@ -67,10 +72,13 @@ void Stamps::programs(ProgramsPtr programs, const Place& place) {
     }
     for (auto& [pid, stream] : streams_) { // those that are no longer named
         restart(stream);
+        leave_pts(stream, place, false);
         if (stream.late)
             close_late(stream, place, false);
     }
     streams_ = std::move(streams);
+    if (options_.live)
+        std::erase_if(records_, [&](const auto& entry) { return !streams_.contains(entry.first); });
     programs_ = std::move(programs);
 }
 
@@ -102,8 +110,10 @@ void Stamps::hold_off(std::uint16_t pid, const Place& place) {
 
 void Stamps::scrambled(std::uint16_t pid, const Place& place) {
     hold_off(pid, place);
-    if (const auto stream = streams_.find(pid); stream != streams_.end())
+    if (const auto stream = streams_.find(pid); stream != streams_.end()) {
+        leave_pts(stream->second, place, false);
         stream->second.last_pts.reset();
+    }
     if (const auto record = records_.find(pid); record != records_.end())
         record->second.scrambled = true;
 }
@@ -117,7 +127,7 @@ void Stamps::clock_jump(std::uint16_t program, const Place& place, bool flagged)
         bool was_late = stream.late.has_value();
         if (was_late && place.time != no_time &&
             std::abs(place.time - stream.late->begin.time) < Excuses::quiet_time) {
-            stream.late.reset(); // stamps of the new time base came before its clock
+            leave_late(stream); // stamps of the new time base came before its clock
             was_late = false;
         } else if (was_late) {
             close_late(stream, place, false);
@@ -199,13 +209,33 @@ void Stamps::distance(Stream& stream, const Place& place, bool open) {
     const std::optional<Ticks> gap = elapsed(*last, place);
     if (!gap || *gap <= options_.limits.pts)
         return;
-    Candidate c = candidate(Rule::pts_error, stream, *last, place);
-    c.finding.shape = Shape::interval;
-    c.finding.begin = *last;
+    Candidate c = make_distance(stream, *last, place, *gap);
     c.finding.open = open;
-    c.finding.detail.interval_ms = ms_of(*gap);
-    c.finding.detail.limit_ms = ms_of(options_.limits.pts);
+    c.finding.id = std::exchange(stream.pts_gap, 0);
+    out_.withdraw(c.finding.id); // what becomes of it is decided when all is known
     wait(std::move(c));
+}
+
+Stamps::Candidate Stamps::make_distance(const Stream& stream, const Place& last, const Place& place,
+                                        Ticks gap) const {
+    Candidate c = candidate(Rule::pts_error, stream, last, place);
+    c.finding.shape = Shape::interval;
+    c.finding.begin = last;
+    c.finding.detail.interval_ms = ms_of(gap);
+    c.finding.detail.limit_ms = ms_of(options_.limits.pts);
+    return c;
+}
+
+// Live: the next PTS is not held against the last one.
+void Stamps::leave_pts(Stream& stream, const Place& place, bool open) {
+    const std::uint64_t id = std::exchange(stream.pts_gap, 0);
+    if (!out_.raised(id) || !stream.last_pts)
+        return out_.withdraw(id);
+    const Ticks gap = elapsed(*stream.last_pts, place).value_or(0);
+    Finding f = make_distance(stream, *stream.last_pts, place, gap).finding;
+    f.open = open;
+    f.id = id;
+    out_.finding(std::move(f));
 }
 
 /// q.1: did it come before the decoder needs it?
@@ -238,17 +268,85 @@ void Stamps::late(Stream& stream, Ticks by, const Place& place) {
 }
 
 void Stamps::close_late(Stream& stream, const Place& end, bool open) {
-    const Late late = *std::exchange(stream.late, std::nullopt);
-    Candidate c = candidate(Rule::late_stamp, stream, late.begin, late.begin);
+    Candidate c = make_late(stream, end);
+    c.finding.open = open;
+    c.finding.id = stream.late->interval;
+    out_.withdraw(c.finding.id);
+    stream.late.reset();
+    if (!stream.entry.is_av())
+        records_[stream.entry.pid].told_late = true;
+    wait(std::move(c));
+}
+
+Stamps::Candidate Stamps::make_late(const Stream& stream, const Place& end) const {
+    Candidate c = candidate(Rule::late_stamp, stream, stream.late->begin, stream.late->begin);
     c.finding.shape = Shape::interval;
     c.finding.end = end;
-    c.finding.open = open;
-    c.finding.detail.late_ms = ms_of(late.worst);
-    if (!stream.entry.is_av()) {
+    c.finding.detail.late_ms = ms_of(stream.late->worst);
+    if (!stream.entry.is_av())
         c.finding.severity = Severity::info;
-        records_[stream.entry.pid].told_late = true;
+    return c;
+}
+
+// The stamps were in time by another clock.
+void Stamps::leave_late(Stream& stream) {
+    if (out_.raised(stream.late->interval)) {
+        Finding f = make_late(stream, stream.late->begin).finding;
+        f.id = stream.late->interval;
+        out_.finding(std::move(f));
+    } else {
+        out_.withdraw(stream.late->interval);
     }
-    wait(std::move(c));
+    stream.late.reset();
+}
+
+// ---- live: what goes on -------------------------------------------------------------------------
+
+void Stamps::goes_on(std::uint64_t& id, Candidate&& candidate) {
+    if (id == 0)
+        id = out_.new_id();
+    if (out_.raised(id) || follows(candidate))
+        return;
+    candidate.finding.id = id;
+    out_.going_on(std::move(candidate.finding));
+}
+
+void Stamps::look(const Place& now) {
+    for (auto& [pid, stream] : streams_) {
+        if (stream.late && !stream.late->good)
+            goes_on(stream.late->interval, make_late(stream, now));
+        const bool judged = stream.entry.is_av() && !stream.entry.still_picture &&
+                            options_.profile != Profile::segment;
+        if (!judged || !stream.last_pts)
+            continue;
+        const std::optional<Ticks> gap = elapsed(*stream.last_pts, now);
+        if (gap && *gap > options_.limits.pts)
+            goes_on(stream.pts_gap, make_distance(stream, *stream.last_pts, now, *gap));
+    }
+}
+
+void Stamps::wait(const Place& now) {
+    for (auto& [pid, stream] : streams_) {
+        const std::optional<AudioStep>& step = stream.audio.waiting();
+        if (step && now.time - step->to.time >= wait_time())
+            audio_fault(stream, stream.audio.flush());
+    }
+    while (!waiting_.empty() && waiting_.front().due <= now.time) {
+        decide(std::move(waiting_.front()));
+        waiting_.pop_front();
+    }
+}
+
+void Stamps::anew(const Place& before, const Place& at) {
+    for (auto& [pid, stream] : streams_) {
+        if (stream.last_pts && stream.entry.is_av())
+            distance(stream, before, true);
+        stream.last_pts.reset();
+        if (stream.late)
+            close_late(stream, stream.late->good.value_or(before), !stream.late->good);
+        stream.lead.reset();
+    }
+    hold_off(null_pid, at);
 }
 
 /// q.2 and q.3: the stamp against the last one.
@@ -337,7 +435,9 @@ void Stamps::wait(Candidate&& candidate) {
         decide(std::move(candidate));
         return;
     }
-    candidate.due = std::max(candidate.to.time, last_exact_->time) + wait_time;
+    const Ticks since =
+        options_.live ? candidate.to.time : std::max(candidate.to.time, last_exact_->time);
+    candidate.due = since + wait_time();
     waiting_.push_back(std::move(candidate));
     if (waiting_.size() > 64 + 16 * streams_.size()) {
         decide(std::move(waiting_.front()));
@@ -346,7 +446,7 @@ void Stamps::wait(Candidate&& candidate) {
 }
 
 void Stamps::decide(Candidate&& candidate) {
-    if (follows(candidate))
+    if (follows(candidate) && !out_.raised(candidate.finding.id))
         out_.consequence(candidate.finding.rule);
     else
         out_.finding(std::move(candidate.finding));
@@ -383,7 +483,7 @@ void Stamps::advance(const Place& now) {
         if (stream.late && stream.late->good && now.time - stream.late->good->time >= in_time)
             close_late(stream, *stream.late->good, false);
         const std::optional<AudioStep>& step = stream.audio.waiting();
-        if (step && now.time - step->to.time >= wait_time)
+        if (step && now.time - step->to.time >= wait_time())
             audio_fault(stream, stream.audio.flush());
     }
     while (!waiting_.empty() && waiting_.front().due <= now.time) {

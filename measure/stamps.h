@@ -51,6 +51,12 @@ class Stamps {
 
     /// Time went on to `now`: decides what has waited long enough. A few times a second will do.
     void advance(const Place& now);
+    /// Live: what goes on. Called now and then.
+    void look(const Place& now);
+    /// Live: nothing comes, and so much time went by since the last packet; what waits is decided.
+    void wait(const Place& now);
+    /// Nothing is known of what was between the two places.
+    void anew(const Place& before, const Place& at);
     /// The input ends: decides all.
     void finish(const Place& end);
     void judge(Judgement& judgement) const;
@@ -64,7 +70,8 @@ class Stamps {
     struct Late {
         Place begin;
         Ticks worst = 0;
-        std::optional<Place> good; // since then none was late
+        std::optional<Place> good;  // since then none was late
+        std::uint64_t interval = 0; // live: Finding::id
     };
     struct Stream {
         explicit Stream(double step_limit) : audio(step_limit) {}
@@ -72,6 +79,7 @@ class Stamps {
         ElementaryStream entry;
         std::vector<std::uint16_t> programs;
         std::optional<Place> last_pts; // 2.5
+        std::uint64_t pts_gap = 0;     // live: Finding::id of one that goes on
         // The last stamp, and where; not set where the next one is not to be held against it:
         std::optional<std::int64_t> stamp;
         Place stamp_place;
@@ -110,6 +118,13 @@ class Stamps {
                   Ticks clock);
     void late(Stream& stream, Ticks by, const Place& place);
     void close_late(Stream& stream, const Place& end, bool open);
+    Candidate make_distance(const Stream& stream, const Place& last, const Place& place,
+                            Ticks gap) const;
+    Candidate make_late(const Stream& stream, const Place& end) const;
+    void leave_pts(Stream& stream, const Place& place, bool open);
+    void leave_late(Stream& stream);
+    void goes_on(std::uint64_t& id, Candidate&& candidate);
+    Ticks wait_time() const;
     void steps(Stream& stream, Record& record, const PesEvent& event, const Place& place);
     bool order(Stream& stream, Record& record, const PesEvent& event, const Place& place,
                std::int64_t step);

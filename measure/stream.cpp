@@ -16,14 +16,21 @@ namespace {
 constexpr std::uint64_t wait_for_clock = 10'000; // packets
 constexpr std::size_t most_items =
     100'000; // that wait for the clock; more come from hostile input only
+constexpr std::size_t most_items_live = 20'000;
+// Live, by the arrival clock:
+constexpr Ticks step_every = 50 * ticks_per_ms;
+constexpr Ticks look_every = 100 * ticks_per_ms;
+constexpr Ticks pause_after = 500 * ticks_per_ms; // without a packet
+constexpr Ticks clock_lags = 700 * ticks_per_ms;  // times are known that long behind the packets
+constexpr Ticks away_after = 2 * ticks_per_second;
 } // namespace
 
 class Stream::Impl {
   public:
     Impl(const Options& options, Sink& sink)
         : options_(options), findings_(options_, sink),
-          clock_(options.bitrate, options.limits.pcr_gap), timed_(options_, findings_, clock_),
-          look_(clock_, timed_) {
+          clock_(options.bitrate, options.limits.pcr_gap, options.live),
+          timed_(options_, findings_, clock_), look_(clock_, timed_, options.live) {
         if (options_.series) {
             look_.count();
             timed_.record(recorder_);
@@ -31,6 +38,8 @@ class Stream::Impl {
     }
 
     void packet(const std::uint8_t* bytes, const PacketInfo& info) {
+        if (options_.live || anew_)
+            return live_packet(bytes, info);
         look_.packet(bytes, {index_, info.byte, info.utc_us}, info.arrival, info.sync_right);
         ++index_;
         if (index_ >= next_step_)
@@ -39,6 +48,11 @@ class Stream::Impl {
 
     void packets(const std::uint8_t* first, std::size_t count, std::size_t stride,
                  std::uint64_t byte) {
+        for (; (options_.live || anew_) && count > 0; --count) {
+            live_packet(first, {byte, no_time, no_time, true});
+            first += stride;
+            byte += stride;
+        }
         for (; count > 0; --count) {
             look_.packet(first, {index_, byte, no_time}, no_time, true);
             first += stride;
@@ -57,6 +71,9 @@ class Stream::Impl {
         look_.truncated({index_, byte, no_time}, bytes);
     }
 
+    void tick(Ticks now, std::int64_t utc_us);
+    void own_drops() { anew_ = true; }
+
     void end() {
         if (ended_)
             return;
@@ -69,11 +86,30 @@ class Stream::Impl {
 
     Summary summary() const;
     TimeSeries series() { return recorder_.take(clock_.place(look_.last())); }
+    Counters counters() const;
 
   private:
+    // A packet of a live input, or behind what the host has dropped.
+    void live_packet(const std::uint8_t* bytes, PacketInfo info) {
+        if (info.arrival == no_time && options_.live)
+            info.arrival = now_;
+        now_ = std::max(now_, info.arrival);
+        clock_.arrived(now_);
+        last_arrival_ = now_;
+        const At at = {index_, info.byte, info.utc_us};
+        if (anew_)
+            look_.anew(at, info.arrival, away_);
+        anew_ = away_ = false;
+        look_.packet(bytes, at, info.arrival, info.sync_right);
+        ++index_;
+        if (index_ >= next_step_ || now_ >= next_step_time_)
+            step();
+    }
+
     // Now and then the clock is asked for what it has decided.
     void step() {
         next_step_ = index_ + 64;
+        next_step_time_ = now_ == no_time ? INT64_MAX : now_ + step_every;
         const At& last = look_.last();
         while (const auto interval = clock_.next(last, false))
             timed_.interval(*interval, look_.queue(), look_.null_share());
@@ -87,8 +123,9 @@ class Stream::Impl {
     // A sender that notes more in a second than any stream does gets estimates for times.
     void shed() {
         auto& queue = look_.queue();
-        if (queue.size() > most_items)
-            timed_.untimed(queue, queue[most_items / 2].at);
+        const std::size_t most = options_.live ? most_items_live : most_items;
+        if (queue.size() > most)
+            timed_.untimed(queue, queue[most / 2].at);
     }
 
     void judge_packets(Answers& answers) const;
@@ -105,7 +142,39 @@ class Stream::Impl {
     std::uint64_t next_step_ = 64;
     std::uint64_t untimed_to_ = 0;
     bool ended_ = false;
+    bool anew_ = false; // nothing is known of what was before the next packet
+    // Live, arrival clock:
+    bool away_ = false; // nothing has come for a while
+    Ticks now_ = no_time;
+    Ticks last_arrival_ = no_time; // of a packet; before the first one of the first tick
+    Ticks next_look_ = no_time;
+    Ticks next_step_time_ = INT64_MAX;
 };
+
+void Stream::Impl::tick(Ticks now, std::int64_t utc_us) {
+    if (!options_.live || ended_)
+        return;
+    now_ = std::max(now_, now);
+    clock_.arrived(now_);
+    if (last_arrival_ == no_time)
+        last_arrival_ = now_;
+    const Ticks idle = now_ - last_arrival_;
+    if (index_ > 0 && !away_) {
+        if (idle >= pause_after) {
+            look_.pause();
+            timed_.pause(look_.last());
+        } else if (now_ >= next_look_)
+            look_.look();
+        next_look_ = now_ + look_every;
+        step();
+    }
+    if (index_ > 0 && idle > clock_lags)
+        timed_.wait(look_.last(), idle - clock_lags);
+    if (idle < away_after)
+        return;
+    away_ = anew_ = true;
+    timed_.away(look_.last(), idle, utc_us);
+}
 
 // The rows that need nothing but packets, and those that are not measured here.
 void Stream::Impl::judge_packets(Answers& answers) const {
@@ -192,6 +261,14 @@ Summary Stream::Impl::summary() const {
     return s;
 }
 
+Counters Stream::Impl::counters() const {
+    Counters c;
+    c.packets = index_;
+    findings_.count(c);
+    timed_.count(c);
+    return c;
+}
+
 Stream::Stream(const Options& options, Sink& sink) : impl_(std::make_unique<Impl>(options, sink)) {}
 Stream::~Stream() = default;
 Stream::Stream(Stream&&) noexcept = default;
@@ -213,6 +290,12 @@ void Stream::datagrams(const DatagramEvent& event) {
 void Stream::truncated(std::uint64_t byte, std::int64_t bytes) {
     impl_->truncated(byte, bytes);
 }
+void Stream::tick(Ticks now, std::int64_t utc_us) {
+    impl_->tick(now, utc_us);
+}
+void Stream::own_drops() {
+    impl_->own_drops();
+}
 void Stream::end() {
     impl_->end();
 }
@@ -221,6 +304,9 @@ Summary Stream::summary() const {
 }
 TimeSeries Stream::series() {
     return impl_->series();
+}
+Counters Stream::counters() const {
+    return impl_->counters();
 }
 
 } // namespace quarn

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "counters.h"
 #include "finding.h"
 #include "options.h"
 #include "summary.h"
@@ -48,6 +49,10 @@ struct DatagramEvent {
 /// Measures one transport stream. No globals: any number of streams in any number of threads, one
 /// thread a stream at a time. Memory is bounded whatever the input. Findings go to the sink as they
 /// are decided, about a second of stream time behind the packets; the sink must outlive the stream.
+///
+/// With Options::live a host also calls tick(), at least four times a second. Then what is decided
+/// by a packet or a moment is handed over within two seconds of arrival, intervals are raised and
+/// cleared, and an input from which nothing comes for two seconds is told of (q.9).
 class Stream {
   public:
     Stream(const Options& options, Sink& sink);
@@ -65,12 +70,20 @@ class Stream {
     void datagrams(const DatagramEvent& event);
     /// The input ends inside a packet, of which `bytes` bytes are there from offset `byte` on.
     void truncated(std::uint64_t byte, std::int64_t bytes);
+    /// Live: the arrival clock stands at `now` (27 MHz ticks of the same origin as
+    /// PacketInfo::arrival, never running backwards; packets without an arrival came now), UTC at
+    /// `utc_us` (microseconds since 1970-01-01, or no_time).
+    void tick(Ticks now, std::int64_t utc_us);
+    /// The host has dropped packets before the next one: what breaks there is no fault of the
+    /// stream. Counters, sections, stamps and clocks begin anew, and nothing is found or counted.
+    void own_drops();
     /// The input is over: decides what is pending. Nothing may be fed behind it.
     void end();
-    /// What was found so far; complete behind end().
+    /// What was found so far; complete behind end(). Takes some microseconds a program.
     Summary summary() const;
     /// With Options::series and behind end(): hands over what was recorded, once.
     TimeSeries series();
+    Counters counters() const;
 
   private:
     class Impl;

@@ -1,19 +1,22 @@
 #include "timed.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace quarn {
 
 namespace {
 constexpr Ticks long_loss = 300 * ticks_per_ms;
+constexpr Ticks look_every = 100 * ticks_per_ms;
+constexpr Ticks longest_doubt = ticks_per_second;
 } // namespace
 
 Timed::Timed(const Options& options, Findings& findings, const StreamClock& clock)
-    : findings_(findings), clock_(clock), programs_(std::make_shared<Programs>()),
-      damage_(findings), losses_(findings), pcrs_(options, findings, *this),
-      presence_(options, findings, *this), repetition_(options, findings),
-      scrambling_(options, findings), stamps_(options, findings), unreferenced_(options, findings) {
-}
+    : live_(options.live), findings_(findings), clock_(clock),
+      programs_(std::make_shared<Programs>()), damage_(findings), losses_(findings, options.live),
+      pcrs_(options, findings, *this), presence_(options, findings, *this),
+      repetition_(options, findings, options.live), scrambling_(options, findings),
+      stamps_(options, findings), unreferenced_(options, findings) {}
 
 void Timed::record(Recorder& recorder) {
     recorder_ = &recorder;
@@ -30,6 +33,8 @@ void Timed::interval(const ClockInterval& interval, std::deque<Item>& queue, dou
     if (!timed_)
         presence_.sure_from(place(interval.from.at));
     timed_ = true;
+    if (paused_)
+        end_pause(interval);
     lost_time(interval);
     pcrs_.lost(interval);
     // What came before the PCR at its end still belongs to the clock before it.
@@ -79,11 +84,106 @@ void Timed::advance(const Place& now) {
     scrambling_.advance(now);
     stamps_.advance(now);
     unreferenced_.advance(now);
+    if (live_ && now.time >= next_look_)
+        look(now);
     findings_.advance(now);
+}
+
+// Live: what goes on. Those first that explain others.
+void Timed::look(const Place& now) {
+    if (now.time == no_time)
+        return;
+    next_look_ = now.time + look_every;
+    presence_.look(now);
+    damage_.look(now);
+    pcrs_.look(now, clock_.pid());
+    repetition_.look(now);
+    scrambling_.look(now);
+    stamps_.look(now);
+    unreferenced_.look(now);
+}
+
+// Behind a pause of all packets: were they late, or lost? The next PCR tells, where one comes.
+void Timed::end_pause(const ClockInterval& interval) {
+    const bool told = interval.stretch != Stretch::bridged || !clock_.pid();
+    if (next_look_ == INT64_MAX && interval.to.at.index > pause_index_)
+        next_look_ = interval.end_time + longest_doubt;
+    if (!told && interval.end_time < next_look_)
+        return;
+    paused_ = false;
+    next_look_ = no_time;
+}
+
+void Timed::pause(const At& last) {
+    paused_ = true;
+    pause_index_ = last.index;
+    next_look_ = INT64_MAX;
+}
+
+void Timed::wait(const At& last, Ticks time) {
+    Place now = place(last);
+    if (now.time != no_time)
+        now.time += time;
+    losses_.advance(clock_, now, false);
+    damage_.advance(now);
+    repetition_.wait(now);
+    stamps_.wait(now);
+    findings_.advance(now);
+}
+
+void Timed::away(const At& last, Ticks time, std::int64_t utc_us) {
+    const Place before = started_ ? place(last) : Place{1, 0, no_time, utc_us, false};
+    if (!std::exchange(away_, true))
+        begin_anew(before, before);
+    presence_.away(before, time, utc_us);
+}
+
+// What was open is closed, and what comes is measured from `at` on.
+void Timed::begin_anew(const Place& before, const Place& at) {
+    presence_.anew(before, at);
+    pcrs_.anew(before, at);
+    repetition_.anew(before, at);
+    scrambling_.anew(before, at);
+    stamps_.anew(before, at);
+    unreferenced_.anew(before, at);
+    losses_.anew(at);
+}
+
+void Timed::take(const At& at, const AnewItem& item) {
+    const Place p = place(at);
+    begin_anew(place(item.before), p);
+    if (std::exchange(away_, false))
+        presence_.back(p);
+}
+
+void Timed::take(const At& at, const FrozenItem& item) {
+    (void)at;
+    damage_.frozen(item.run, place(item.run.begin), place(item.run.end), true);
+}
+
+void Timed::count(Counters& counters) const {
+    pcrs_.count(counters.pcr_intervals);
+    for (const Program& p : programs_->programs) {
+        if (counters.av_offset_s.size() == Counters::most_programs)
+            break;
+        std::optional<Ticks> sound;
+        std::optional<Ticks> picture;
+        for (const ElementaryStream& s : p.streams) {
+            if (!s.is_av())
+                continue;
+            auto& lead = s.kind == StreamKind::audio ? sound : picture;
+            lead = lead ? lead : stamps_.lead(s.pid);
+        }
+        if (sound && picture)
+            counters.av_offset_s.emplace_back(p.number, static_cast<double>(*sound - *picture) /
+                                                            ticks_per_second);
+    }
 }
 
 void Timed::finish(std::deque<Item>& queue, const At& last) {
     dispatch(queue, UINT64_MAX);
+    if (live_ && !paused_)
+        look(place(last));
     const Place end = place(last);
     findings_.advance(end);
     const Place sure =
@@ -157,6 +257,10 @@ void Timed::take(const At& at, const ProgramsEvent& event) {
 }
 
 void Timed::remember(const Programs& programs) {
+    if (live_) { // else it grows for as long as programs come and go
+        seen_ = programs;
+        return;
+    }
     for (const Program& p : programs.programs) {
         const auto old = std::find_if(seen_.programs.begin(), seen_.programs.end(),
                                       [&](const Program& x) { return x.number == p.number; });
@@ -219,13 +323,14 @@ void Timed::take(const At& at, const SpansItem& item) {
 
 void Timed::take(const At& at, const PcrItem& item) {
     const Place p = place(at);
-    presence_.pcr(item.point.pid);
+    if (presence_.pcr(item.point.pid)) // which said that they were missing
+        findings_.cause({Cause::What::stopped, item.point.pid, 0, p.packet, no_time, 0});
     if (item.point.pid != clock_.pid())
         pcrs_.other(item.point, p, clock_);
 }
 
 void Timed::take(const At& at, const NullsItem& item) {
-    presence_.nulls(place(item.from), place(at), item.open);
+    presence_.nulls(place(item.from), place(at), item.open, item.going_on);
 }
 
 void Timed::take(const At& at, const BrokenItem& item) {
@@ -280,7 +385,8 @@ void Timed::take(const At& at, const CopyFault& fault) {
 }
 
 void Timed::take(const At& at, const FrozenRun& run) {
-    damage_.frozen(run, place(at), place(run.end));
+    (void)at;
+    damage_.frozen(run, place(run.begin), place(run.end), false);
 }
 
 void Timed::take(const At& at, const DatagramEvent& event) {

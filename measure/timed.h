@@ -32,13 +32,22 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void interval(const ClockInterval& interval, std::deque<Item>& queue, double null_share);
     /// Without a clock: all items up to that packet.
     void untimed(std::deque<Item>& queue, const At& to);
+    /// Live: no packet has come since `last` for some time.
+    void pause(const At& last);
+    /// Live: nothing comes behind `last`, or has not for a while: what waits is decided as if that
+    /// time had gone by.
+    void wait(const At& last, Ticks time);
+    /// Live: nothing has come since `last`; told again at each look. `utc_us`: now.
+    void away(const At& last, Ticks time, std::int64_t utc_us);
     /// The input is over.
     void finish(std::deque<Item>& queue, const At& last);
     void judge(Answers& answers, std::optional<Ticks> duration) const;
 
     std::uint64_t lost(std::uint16_t pid) const { return losses_.lost(pid); }
     /// Every program and stream that ever was in force, the latest version of each.
+    /// Live inputs: those in force.
     const Programs& seen() const { return seen_; }
+    void count(Counters& counters) const;
     std::uint64_t pats() const { return pats_; }
     std::uint64_t first_pat() const { return first_pat_; }
 
@@ -60,6 +69,9 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void dispatch(std::deque<Item>& queue, std::uint64_t before);
     void lost_time(const ClockInterval& interval);
     void advance(const Place& now);
+    void look(const Place& now);
+    void end_pause(const ClockInterval& interval);
+    void begin_anew(const Place& before, const Place& at);
     Place place(const At& at) const { return clock_.place(at); }
 
     void take(const At& at, const SectionEvent& event);
@@ -81,8 +93,11 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void take(const At& at, const FrozenRun& run);
     void take(const At& at, const DatagramEvent& event);
     void take(const At& at, const CountsItem& item);
+    void take(const At& at, const FrozenItem& item);
+    void take(const At& at, const AnewItem& item);
     void remember(const Programs& programs);
 
+    const bool live_;
     Findings& findings_;
     const StreamClock& clock_;
     ProgramsPtr programs_;
@@ -98,6 +113,10 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     Recorder* recorder_ = nullptr;
     bool started_ = false;
     bool timed_ = false; // an interval of the clock was there
+    Ticks next_look_ = no_time;
+    bool paused_ = false;
+    std::uint64_t pause_index_ = 0; // the last packet before it
+    bool away_ = false;
     std::uint64_t pats_ = 0;
     std::uint64_t first_pat_ = 0;
 };

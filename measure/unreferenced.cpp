@@ -2,6 +2,7 @@
 #include "unreferenced.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace quarn {
@@ -49,8 +50,8 @@ void Unreferenced::programs(const ProgramsPtr& programs, const Place& place) {
     referenced_ = pids_of(*programs);
     std::erase_if(stays_, [&](const auto& entry) {
         const bool over = !complete_ || referenced_[entry.first];
-        if (over && too_long(entry.second))
-            tell(entry.first, entry.second, false);
+        if (over)
+            leave(entry.first, entry.second, false);
         return over;
     });
 }
@@ -63,9 +64,8 @@ void Unreferenced::seen(std::uint16_t pid, const Place& first, const Place& last
     const auto [entry, fresh] = stays_.try_emplace(pid, Stay{begin, last});
     Stay& stay = entry->second;
     if (!fresh && clock_.distance(stay.last, begin).value_or(0) > quiet) {
-        if (too_long(stay))
-            tell(pid, stay, false);
-        stay.first = begin;
+        leave(pid, stay, false);
+        stay = {begin, last, 0};
     }
     stay.last = last;
 }
@@ -82,7 +82,37 @@ bool Unreferenced::too_long(const Stay& stay) const {
     return clock_.distance(stay.first, stay.last).value_or(0) > options_.limits.unreferenced;
 }
 
-void Unreferenced::tell(std::uint16_t pid, const Stay& stay, bool open) {
+void Unreferenced::leave(std::uint16_t pid, const Stay& stay, bool open) {
+    if (too_long(stay) || output_.raised(stay.interval))
+        output_.finding(make(pid, stay, open));
+}
+
+void Unreferenced::look(const Place& now) {
+    for (auto entry = stays_.begin(); entry != stays_.end();) {
+        auto& [pid, stay] = *entry;
+        const bool over = clock_.distance(stay.last, now).value_or(0) > quiet;
+        if (over) {
+            leave(pid, stay, false);
+        } else if (too_long(stay)) {
+            if (stay.interval == 0)
+                stay.interval = output_.new_id();
+            output_.going_on(make(pid, stay, false));
+        }
+        entry = over ? stays_.erase(entry) : std::next(entry);
+    }
+}
+
+void Unreferenced::anew(const Place& before, const Place& at) {
+    clock_.see(before);
+    if (complete_)
+        end_judged(before);
+    for (auto& [pid, stay] : stays_)
+        leave(pid, stay, true);
+    stays_.clear();
+    since_ = at;
+}
+
+Finding Unreferenced::make(std::uint16_t pid, const Stay& stay, bool open) const {
     Finding f;
     f.rule = Rule::unreferenced_pid;
     f.severity = info(f.rule).severity;
@@ -91,7 +121,8 @@ void Unreferenced::tell(std::uint16_t pid, const Stay& stay, bool open) {
     f.pid = pid;
     f.begin = stay.first;
     f.end = stay.last;
-    output_.finding(std::move(f));
+    f.id = stay.interval;
+    return f;
 }
 
 void Unreferenced::finish(const Place& end) {
@@ -99,13 +130,13 @@ void Unreferenced::finish(const Place& end) {
     if (complete_)
         end_judged(end);
     for (auto& [pid, stay] : stays_) {
-        if (!too_long(stay))
+        if (!too_long(stay) && !output_.raised(stay.interval))
             continue;
         const bool open =
             clock_.distance(stay.last, end).value_or(0) <= options_.limits.unreferenced;
         if (open)
             stay.last = end;
-        tell(pid, stay, open);
+        leave(pid, stay, open);
     }
     stays_.clear();
 }

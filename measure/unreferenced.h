@@ -26,6 +26,10 @@ class Unreferenced {
     void seen(std::uint16_t pid, const Place& first, const Place& last);
     /// The clock has come so far; called at each of its steps, behind seen().
     void advance(const Place& now);
+    /// Live: what goes on, or has ended. Called now and then.
+    void look(const Place& now);
+    /// Nothing is known of what was between the two places.
+    void anew(const Place& before, const Place& at);
     /// The input is over at its last packet: decides what is pending.
     void finish(const Place& end);
     void judge(Judgement& judgement) const;
@@ -34,11 +38,13 @@ class Unreferenced {
     struct Stay {
         Place first;
         Place last;
+        std::uint64_t interval = 0; // live: Finding::id
     };
 
     void end_judged(const Place& place);
     bool too_long(const Stay& stay) const;
-    void tell(std::uint16_t pid, const Stay& stay, bool open);
+    void leave(std::uint16_t pid, const Stay& stay, bool open);
+    Finding make(std::uint16_t pid, const Stay& stay, bool open) const;
 
     const Options& options_;
     Output& output_;

@@ -233,7 +233,8 @@ void Multiplex::recount(unsigned pid, std::size_t from, int by, std::size_t most
 void Multiplex::fault(const std::string& words) {
     const auto w = split(words, ' ');
     const std::string& what = w.at(0);
-    const bool timed = what == "cut" || what == "resend" || what == "swap7" || what == "end";
+    const bool timed =
+        what == "away" || what == "cut" || what == "resend" || what == "swap7" || what == "end";
     const std::string pid = timed || w.size() < 2 ? "*" : w[1];
     const auto arg = [&](std::size_t i, double otherwise = 0) {
         i -= timed ? 1 : 0;
@@ -265,9 +266,14 @@ void Multiplex::fault(const std::string& words) {
             i = find(pid, ms, i + 1);
         }
     };
-    if (what == "drop" || what == "cut") {
+    if (what == "away") {
+        const auto to = static_cast<std::ptrdiff_t>(find("*", arg(3)));
+        sent_.erase(place, sent_.begin() + to);
+    } else if (what == "drop" || what == "cut" || what == "own") {
         for (std::size_t i = at, n = count(3); n > 0 && i < sent_.size(); --n, i = find(pid, ms))
             sent_.erase(sent_.begin() + static_cast<std::ptrdiff_t>(i));
+        if (what == "own")
+            sent_.at(at).own_drops = true;
         if (what == "cut")
             sent_.at(at).loss = SyncLoss{Kind::missing, at * packet_size, at * packet_size + 1,
                                          static_cast<std::int64_t>(arg(4))};
@@ -341,9 +347,11 @@ void Multiplex::feed(Stream& stream, std::size_t piece) const {
     for (std::size_t i = 0; i < sent_.size();) {
         if (sent_[i].loss)
             stream.sync_loss(*sent_[i].loss);
+        if (sent_[i].own_drops)
+            stream.own_drops();
         std::size_t n = 0; // packets that need no telling
         while (piece > 0 && arrivals_us_ == 0 && n < piece && i + n < sent_.size() &&
-               sent_[i + n].right && (n == 0 || !sent_[i + n].loss))
+               sent_[i + n].right && (n == 0 || (!sent_[i + n].loss && !sent_[i + n].own_drops)))
             ++n;
         PacketInfo info;
         info.byte = i * packet_size;
@@ -358,6 +366,32 @@ void Multiplex::feed(Stream& stream, std::size_t piece) const {
     }
     if (tail_ > 0)
         stream.truncated(bytes.size(), tail_);
+    stream.end();
+}
+
+void Multiplex::play(Stream& stream, double tick, const std::function<void(double)>& told) const {
+    const auto ticks = [](double ms) {
+        return static_cast<Ticks>(std::llround(ms * ticks_per_ms));
+    };
+    double next = tick;
+    double now = 0;
+    for (std::size_t i = 0; i < sent_.size(); ++i) {
+        now = std::max(now, sent_[i].ms);
+        for (; next < now; next += tick) {
+            told(next);
+            stream.tick(ticks(next), no_time);
+        }
+        told(now);
+        if (sent_[i].loss)
+            stream.sync_loss(*sent_[i].loss);
+        if (sent_[i].own_drops)
+            stream.own_drops();
+        const auto utc_us = static_cast<std::int64_t>(std::llround(now * 1000));
+        stream.packet(sent_[i].bytes.data(), {i * packet_size, ticks(now), utc_us, sent_[i].right});
+    }
+    if (tail_ > 0)
+        stream.truncated(sent_.size() * packet_size, tail_);
+    told(now);
     stream.end();
 }
 

@@ -22,9 +22,11 @@
 //   jump PID MS D     PCRs are D ms more         nudge PID MS D   one PCR is D ticks more
 //   shift PID MS D    stamps are D ms more       stop PID MS TO   null packets, or nothing, instead
 //   tei PID MS N, wrong PID MS N, scramble PID MS TO   N of them: error bit, sync byte; to a time
+//   away MS TO        nothing comes           own PID MS N    N of them are dropped by the host
 //   end MS, tail BYTES, arrive US, then STREAM   the end; times of arrival; a capture behind it
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,6 +41,7 @@ struct Sent {
     double ms = 0; // when, in the clean stream
     bool right = true;
     std::optional<SyncLoss> loss; // in front of it
+    bool own_drops = false;       // the same
 };
 
 class Multiplex {
@@ -48,6 +51,9 @@ class Multiplex {
     void fault(const std::string& words);
     /// Feeds all of it: pieces of so many packets; 0: packet by packet.
     void feed(Stream& stream, std::size_t piece) const;
+    /// The same as it comes to a live host: at the times of the clean stream, with a tick every so
+    /// many ms. `told` is called with the arrival clock (ms) before each call.
+    void play(Stream& stream, double tick, const std::function<void(double)>& told) const;
 
   private:
     struct Source;

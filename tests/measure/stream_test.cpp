@@ -1,10 +1,14 @@
 // Whole streams through the library: what is sent and done to it, what is found and said of it.
 //
 // A case of a file:  "== name", "stream" or "stream = NAME: words" (kept under that name), faults,
-// "with options", then what is expected: findings, the verdict and answers of rows.
+// "with options", then what is expected: findings, the verdict and answers of rows. The same is to
+// be found live, with the times of the clean stream as arrival; where arrival tells more than PCRs
+// do, "live" lines say what is found then ("live" alone: nothing).
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <map>
+#include <numeric>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -120,11 +124,86 @@ Options options_of(const std::string& words) {
     return o;
 }
 
+std::string sorted(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);)
+        lines.push_back(l + "\n");
+    std::sort(lines.begin(), lines.end());
+    return std::accumulate(lines.begin(), lines.end(), std::string());
+}
+
+// Puts raise and clear together, and sees to it that all comes in order and in time.
+struct LiveHost : Sink {
+    void finding(const Finding& f) override {
+        story += number(now) + " " + states[static_cast<int>(f.state)] + " " + line(f);
+        ASSERT_EQ(f.state == State::event, f.shape == Shape::point) << line(f);
+        ASSERT_EQ(f.id == 0, f.shape == Shape::point) << line(f);
+        const double moment = f.state == State::raise ? ms(f.begin) + f.detail.limit_ms.value_or(0)
+                                                      : std::max(ms(f.end), raised_at(f.id));
+        EXPECT_LE(f.begin.time == no_time ? 0 : now - moment, 2000 + allowed(f)) << line(f);
+        if (f.state == State::raise) {
+            EXPECT_TRUE(open.emplace(f.id, std::pair(f, now)).second) << line(f);
+            return;
+        }
+        events += f.count;
+        if (f.state == State::clear) {
+            const auto raised = open.find(f.id);
+            ASSERT_NE(raised, open.end()) << line(f);
+            EXPECT_EQ(raised->second.first.begin.packet, f.begin.packet) << line(f);
+            EXPECT_TRUE(raised->second.first.open);
+            open.erase(raised);
+        }
+        text += line(f);
+    }
+    void end(const Stream& stream) const {
+        EXPECT_TRUE(open.empty());
+        const Counters counters = stream.counters();
+        std::uint64_t counted = 0;
+        for (const RuleInfo& r : rule_table)
+            for (const Severity s : {Severity::info, Severity::warning, Severity::error}) {
+                counted += counters.findings.at(r.rule, s);
+                EXPECT_EQ(counters.open.at(r.rule, s), 0U) << r.id;
+            }
+        EXPECT_EQ(counted, events);
+    }
+    double raised_at(std::uint64_t id) const {
+        const auto raised = open.find(id);
+        return raised == open.end() ? 0 : raised->second.second;
+    }
+    static double ms(const Place& p) { return static_cast<double>(p.time) / ticks_per_ms; }
+    // What can only be said later.
+    static double allowed(const Finding& f) {
+        if (f.rule == Rule::off_air && f.state == State::raise)
+            return 2000; // without a packet
+        if (f.rule == Rule::unreferenced_pid)
+            return 5000; // without a packet
+        if (f.rule == Rule::pcr_accuracy_error)
+            return 2000; // ten PCRs, or twenty
+        if (f.kind == Kind::frozen)
+            return 1000; // the next packet of its pid
+        if (f.kind == Kind::absent || f.begin.packet == 1)
+            return 10'000;                // what never came yet may come as well
+        return f.detail.worst ? 1000 : 0; // quiet behind a flood
+    }
+
+    static constexpr const char* states[] = {"event", "raise", "clear"};
+
+    std::string text;                                         // what was found
+    std::string story;                                        // what was told, and when
+    std::map<std::uint64_t, std::pair<Finding, double>> open; // and when they were raised
+    std::uint64_t events = 0;
+    double now = 0;
+};
+
 struct Case {
     std::string name, stream, options, expected;
     std::vector<std::string> faults, rows;
 
-    std::string run(const Multiplex& multiplex, std::size_t piece) const {
+    std::optional<std::string> by_arrival; // what is found live where that is something else
+
+    // `rest`: what is said behind the findings.
+    std::string run(const Multiplex& multiplex, std::size_t piece, std::string& rest) const {
         struct Found : Sink {
             std::string text;
             void finding(const Finding& f) override { text += line(f); }
@@ -132,20 +211,33 @@ struct Case {
         Stream stream_of(options_of(options), found);
         multiplex.feed(stream_of, piece);
         const Summary s = stream_of.summary();
-        found.text += verdict(s);
+        rest = verdict(s);
         for (const std::string& id : rows)
-            found.text += row(s, id);
-        return found.text;
+            rest += row(s, id);
+        return found.text + rest;
+    }
+    // As a live host gets it, raise and clear put together.
+    std::string live(const Multiplex& multiplex, bool told = false) const {
+        LiveHost host;
+        Options o = options_of(options);
+        o.live = true;
+        Stream stream_of(o, host);
+        multiplex.play(stream_of, 250, [&](double now) { host.now = now; });
+        host.end(stream_of);
+        return told ? host.story : sorted(host.text);
     }
     void check() const {
         SCOPED_TRACE(name);
         Multiplex multiplex(stream);
         for (const std::string& f : faults)
             multiplex.fault(f);
-        const std::string found = run(multiplex, SIZE_MAX);
+        std::string rest;
+        const std::string found = run(multiplex, SIZE_MAX, rest);
         EXPECT_EQ(found, expected);
         for (const std::size_t piece : {std::size_t{0}, std::size_t{7}}) // however it is cut
-            EXPECT_EQ(run(multiplex, piece), found) << "pieces of " << piece;
+            EXPECT_EQ(run(multiplex, piece, rest), found) << "pieces of " << piece;
+        const std::string findings = found.substr(0, found.size() - rest.size());
+        EXPECT_EQ(live(multiplex), sorted(by_arrival.value_or(findings)));
     }
 };
 
@@ -170,6 +262,10 @@ std::vector<Case> read(const std::string& path) {
                 known == streams.end() ? rest : known->second + rest.substr(name.size());
         } else if (first == "do") {
             cases.back().faults.push_back(rest);
+        } else if (first == "live") {
+            std::string& lines =
+                cases.back().by_arrival.emplace(cases.back().by_arrival.value_or(""));
+            lines += rest.empty() ? "" : rest + "\n";
         } else if (first == "with") {
             cases.back().options = rest;
         } else {
@@ -179,6 +275,17 @@ std::vector<Case> read(const std::string& path) {
         }
     }
     return cases;
+}
+
+// What a live host is told, and when (ms of the arrival clock).
+TEST(LiveStreams, AreToldWhileTheyLast) {
+    for (const Case& c : read(MEASURE_CASES "/live.txt")) {
+        SCOPED_TRACE(c.name);
+        Multiplex multiplex(c.stream);
+        for (const std::string& f : c.faults)
+            multiplex.fault(f);
+        EXPECT_EQ(c.live(multiplex, true), c.expected);
+    }
 }
 
 class Streams : public testing::TestWithParam<const char*> {};
