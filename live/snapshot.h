@@ -2,48 +2,17 @@
 // A value: it is filled in the thread that owns the input and read in any other.
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "live/input_state.h"
+#include "measure/counters.h"
 #include "measure/finding.h"
 #include "measure/summary.h"
 
 namespace quarn::live {
-
-/// Events, or open findings, by rule and severity.
-class FindingCounts {
-  public:
-    std::uint64_t& at(Rule rule, Severity severity) {
-        return counts_[static_cast<std::size_t>(rule)][static_cast<std::size_t>(severity)];
-    }
-    std::uint64_t at(Rule rule, Severity severity) const {
-        return counts_[static_cast<std::size_t>(rule)][static_cast<std::size_t>(severity)];
-    }
-
-  private:
-    std::array<std::array<std::uint64_t, 3>, rule_count> counts_{};
-};
-
-/// Distances between PCRs.
-struct PcrIntervals {
-    /// Upper bounds of all buckets but the last, seconds; a distance on a bound belongs to it.
-    static constexpr std::array bounds{0.01, 0.02, 0.04, 0.06, 0.08, 0.1, 0.2, 0.5, 1.0};
-
-    std::array<std::uint64_t, bounds.size() + 1> counts{}; // not cumulative
-    double sum_s = 0;
-
-    void add(double seconds) {
-        const auto* bound = std::ranges::lower_bound(bounds, seconds);
-        ++counts[static_cast<std::size_t>(bound - bounds.begin())];
-        sum_s += seconds;
-    }
-};
 
 /// A finding that is open, or was decided within the last minute.
 struct CurrentFinding {
