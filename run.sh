@@ -6,9 +6,8 @@
 set -euo pipefail
 top=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 
-"$top/tools/install-packages" g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev \
-  nlohmann-json3-dev libmicrohttpd-dev prometheus-cpp-dev libsrt-openssl-dev \
-  libjs-dygraphs ||
+mapfile -t packages <"$top/tools/build-packages"
+"$top/tools/install-packages" "${packages[@]}" ||
   exit 125
 
 build() {

@@ -6,10 +6,10 @@ set -euo pipefail
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
 
 native() {
-  tools/install-packages g++ cmake make libbitstream-dev libconfig-dev libcli11-dev libpcap-dev \
-    nlohmann-json3-dev libmicrohttpd-dev prometheus-cpp-dev libsrt-openssl-dev libgtest-dev \
-    libgmock-dev iproute2 libbenchmark-dev libjs-dygraphs pkgconf busybox jq python3-jsonschema \
-    chromium chromium-driver
+  local packages
+  mapfile -t packages <tools/build-packages
+  tools/install-packages "${packages[@]}" libgtest-dev libgmock-dev libbenchmark-dev iproute2 \
+    pkgconf busybox jq python3-jsonschema chromium chromium-driver
   cmake --preset release -DQUARN_TESTS=ON -DQUARN_BENCH=ON
   cmake --build --preset release
   ctest --preset release
@@ -23,7 +23,7 @@ arm() {
   fi
   tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev libcli11-dev \
     nlohmann-json3-dev prometheus-cpp-dev libprometheus-cpp-core1.0:armhf libmicrohttpd-dev:armhf \
-    libsrt-openssl-dev:armhf libconfig-dev:armhf libpcap-dev:armhf libgtest-dev:armhf \
+    libsrt-openssl-dev:armhf libsystemd-dev:armhf libconfig-dev:armhf libpcap-dev:armhf libgtest-dev:armhf \
     libgmock-dev:armhf libstdc++6:armhf libjs-dygraphs jq python3-jsonschema chromium \
     chromium-driver
   cmake --preset arm
