@@ -1,11 +1,12 @@
 # Where things go, and the Debian packages: quarn (the program) and quarn-dev (what a host links).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS quarn quarn-check quarn-inject
+install(TARGETS quarn quarn-check quarn-inject quarn-live
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
-install(FILES doc/quarn.1 doc/quarn-check.1 doc/quarn-inject.1
+install(FILES doc/quarn.1 doc/quarn-check.1 doc/quarn-inject.1 doc/quarn-live.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
-install(FILES doc/quarn.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
+install(FILES doc/quarn.conf.5 doc/quarn-live.conf.5
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
 install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md
         doc/findings.md doc/metrics.md doc/recipes-check.md doc/tutorial-check.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
@@ -22,7 +23,7 @@ install(FILES deploy/prometheus.yml deploy/quarn-alerts.yml deploy/quarn-grafana
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quarn COMPONENT quarn)
 install(FILES deploy/quarn-live.conf deploy/quarn-live.logrotate deploy/quarn-live.sysctl
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT quarn)
-foreach(program quarn quarn-check quarn-inject)
+foreach(program quarn quarn-check quarn-inject quarn-live)
   install(FILES doc/${program}.bash-completion RENAME ${program} COMPONENT quarn
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
 endforeach()
@@ -31,7 +32,7 @@ set(lumbra liblumbra/include)
 install(FILES ${lumbra}/config.h ${lumbra}/log.h ${lumbra}/mpegts.h ${lumbra}/strops.h
               ${lumbra}/syswrap.h ${lumbra}/timeop.h zorbin/tsanalyze.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn COMPONENT dev)
-install(FILES measure/finding.h measure/measure.h measure/options.h measure/rules.h
+install(FILES measure/counters.h measure/finding.h measure/measure.h measure/options.h measure/rules.h
         measure/stream.h measure/summary.h measure/time_series.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn/measure COMPONENT dev)
 install(TARGETS lumbra tsanalyze measure EXPORT quarnTargets

@@ -2,6 +2,7 @@
 // A value: it is filled in the thread that owns the input and read in any other.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -9,7 +10,6 @@
 
 #include "live/input_state.h"
 #include "measure/counters.h"
-#include "measure/finding.h"
 #include "measure/summary.h"
 
 namespace quarn::live {

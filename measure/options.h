@@ -46,6 +46,8 @@ struct Limits {
     Ticks stamp_step = 40 * ticks_per_ms;           // q.2
     Ticks stamp_order = 10 * ticks_per_second;      // q.3
     Ticks off_air = 300 * ticks_per_ms;             // q.9
+
+    bool operator==(const Limits&) const = default;
 };
 
 /// The limits of a profile.
@@ -69,6 +71,8 @@ struct Options {
     std::set<Rule> require;               // insufficient where not judged `yes`
     Severity fail_on = Severity::error;   // the least severity that makes `failed`
     bool series = false;                  // keep what Stream::series() gives
+
+    bool operator==(const Options&) const = default;
 };
 
 } // namespace quarn

@@ -399,9 +399,15 @@ std::string programs_text(const Finding& finding, const ProgramNames& names) {
     return (finding.programs.size() == 1 ? "program " : "programs ") + list;
 }
 
+/// What is off air sends null packets, or nothing at all.
+static bool silent(const Finding& finding) {
+    return finding.rule == off_air && finding.end.packet <= finding.begin.packet + 1;
+}
+
 std::string sentence(const Finding& finding, const ProgramNames& names) {
     std::string out;
-    std::string_view text = words_of(finding.rule, finding.kind).text;
+    std::string_view text =
+        silent(finding) ? "No packet[ for {away}]." : words_of(finding.rule, finding.kind).text;
     const Telling telling{finding, names, text.find("{programs}") != std::string_view::npos};
     while (!text.empty()) {
         const std::size_t open = std::min(text.find('['), text.size());
@@ -417,8 +423,12 @@ std::string sentence(const Finding& finding, const ProgramNames& names) {
     // Of transport errors the count is the sentence.
     if (finding.rule != transport_error && finding.count > 1)
         out += repetition(finding);
-    if (finding.open)
-        out += " It lasts to the end.";
+    if (finding.state == State::raise)
+        out += " It goes on.";
+    else if (finding.open)
+        out += finding.state == State::clear
+                   ? " It had not ended when nothing more was known of it."
+                   : " It lasts to the end.";
     return out;
 }
 

@@ -177,7 +177,7 @@ std::optional<std::vector<Group>> Group::groups(const char* key) const {
     return all;
 }
 
-void Group::only(std::initializer_list<const char*> keys) const {
+void Group::only(const std::vector<const char*>& keys) const {
     for (int i = 0; i < config_setting_length(setting_); ++i) {
         const char* const name =
             config_setting_name(config_setting_get_elem(setting_, static_cast<unsigned>(i)));

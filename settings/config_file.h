@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,7 +37,7 @@ class Group {
     std::optional<std::vector<Group>> groups(const char* key) const;
 
     /// Refuses keys that are none of these, with what may have been meant.
-    void only(std::initializer_list<const char*> keys) const;
+    void only(const std::vector<const char*>& keys) const;
     /// Runs `take`, and names the key when it throws WrongValue.
     template <class F>
     auto taken(const char* key, F&& take) const {

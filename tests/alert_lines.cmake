@@ -10,18 +10,7 @@ add_executable(example_live_host ${CMAKE_SOURCE_DIR}/examples/live_host.cpp)
 target_include_directories(example_live_host PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/installed)
 target_link_libraries(example_live_host PRIVATE tsanalyze quarn_options)
 
-if(CMAKE_CROSSCOMPILING)
-  # Under user-mode emulation /proc/self/exe is the emulator: no process can be started.
-  file(GLOB sources CONFIGURE_DEPENDS alert_lines/*.cpp)
-  add_executable(alert_lines_tests ${sources})
-  target_link_libraries(alert_lines_tests PRIVATE live_analyzer tsmake GTest::gtest_main GTest::gmock
-                                                  quarn_options)
-  gtest_discover_tests(alert_lines_tests TEST_PREFIX alert_lines. DISCOVERY_TIMEOUT 60
-                       TEST_FILTER "Settings.*:Lines.HaveNames*"
-                       WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
-else()
-  quarn_tests(alert_lines live_analyzer tsmake)
-endif()
+quarn_tests(alert_lines live_analyzer tsmake)
 target_compile_definitions(alert_lines_tests PRIVATE
   QUARN="$<TARGET_FILE:quarn>" LIVE_HOST="$<TARGET_FILE:example_live_host>"
   SAMPLES="${CMAKE_SOURCE_DIR}/samples")

@@ -29,3 +29,10 @@ if(SYSTEMD_ANALYZE AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME live.units COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/live/units
     ${CMAKE_BINARY_DIR}/quarn-live.service ${CMAKE_BINARY_DIR}/quarn-live@.service)
 endif()
+
+# The whole program, as its users run it.
+add_test(NAME live.program
+  COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/live/run ${CMAKE_BINARY_DIR}
+          ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_BINARY_DIR}/live)
+set_tests_properties(live.program PROPERTIES TIMEOUT 400
+  ENVIRONMENT "QUARN_EMULATOR=${golden_emulator}")

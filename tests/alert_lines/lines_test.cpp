@@ -110,7 +110,6 @@ TEST(Lines, TellLostSyncAndGoOnAtTheNextPacket) {
     Bytes all = s.flat();
     all[std::size_t{9} * 188] = 0x48;
     Input input("sync");
-    input.analyzer->datagram({});
     input.feed(all);
     Bytes stray = s.data(256, 7).flat();
     stray.erase(stray.begin(), stray.begin() + 14 * 188 - 5);

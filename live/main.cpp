@@ -1,0 +1,144 @@
+// quarn-live: signals, the time, the exit status.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <iostream>
+#include <string>
+
+#include "analyzer_worker.h"
+#include "options.h"
+#include "service.h"
+#include "settings/words.h"
+#include "status.h"
+#include "tell.h"
+
+namespace quarn::live {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A standard stream that was closed must not become the first file that is opened.
+void fill_standard_streams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+            (void)::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
+/// The signals that are waited for, blocked in all threads.
+class Signals {
+  public:
+    Signals() {
+        sigset_t all;
+        ::sigemptyset(&all);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+            ::sigaddset(&all, signal);
+        ::sigprocmask(SIG_BLOCK, &all, nullptr);
+        ::signal(SIGPIPE, SIG_IGN);
+        fd_ = ::signalfd(-1, &all, SFD_CLOEXEC | SFD_NONBLOCK);
+        wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+    ~Signals() {
+        ::close(fd_);
+        ::close(wake_);
+    }
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
+
+    /// Ends the wait from another thread as SIGTERM does.
+    void end() const {
+        const std::uint64_t one = 1;
+        (void)!::write(wake_, &one, sizeof one);
+    }
+
+    /// The next signal, SIGTERM behind end(), 0 when `longest` has passed.
+    int wait(std::chrono::milliseconds longest) const {
+        pollfd fds[] = {{fd_, POLLIN, 0}, {wake_, POLLIN, 0}};
+        if (::poll(fds, 2, static_cast<int>(longest.count())) <= 0)
+            return 0;
+        if (fds[1].revents != 0)
+            return SIGTERM;
+        signalfd_siginfo info{};
+        return ::read(fd_, &info, sizeof info) == sizeof info ? static_cast<int>(info.ssi_signo)
+                                                              : 0;
+    }
+
+  private:
+    int fd_ = -1;
+    int wake_ = -1;
+};
+
+void reload(Service& service) {
+    ::sd_notify(0, "RELOADING=1");
+    try {
+        service.reload();
+        tell("configuration and logs were read and opened anew");
+    } catch (const std::runtime_error& error) {
+        tell(std::string(error.what()) + "; all goes on as it was");
+    }
+    ::sd_notify(0, "READY=1");
+}
+
+void watch(Service& service, const Signals& signals) {
+    constexpr std::chrono::milliseconds turn{200};
+    const Clock::time_point begin = Clock::now();
+    for (;;) {
+        const int signal = signals.wait(turn);
+        if (signal == SIGHUP)
+            reload(service);
+        else if (signal != 0)
+            return;
+        if (service.over())
+            return;
+        if (const auto length = service.settings().run_for;
+            length && Clock::now() >= begin + *length)
+            return;
+        if (service.healthy())
+            ::sd_notify(0, "WATCHDOG=1");
+    }
+}
+
+int run(const CommandLine& line) {
+    const Signals signals;
+    Service service(line, [&] { signals.end(); });
+    ::sd_notify(0, "READY=1");
+    watch(service, signals);
+    ::sd_notify(0, "STOPPING=1");
+    return status_in_order;
+}
+
+int main_of(int argc, char** argv) {
+    if (is_analyzer_worker(argc, argv)) // in a process that another quarn-live has started
+        return run_analyzer_worker();
+    fill_standard_streams();
+    const std::variant<CommandLine, int> parsed = parse_command_line(argc, argv);
+    if (const int* const status = std::get_if<int>(&parsed))
+        return *status;
+    const CommandLine& line = std::get<CommandLine>(parsed);
+    if (!line.check_config)
+        return run(line);
+    const std::size_t count = settings_of(line).inputs.size();
+    std::cout << "configuration is right; inputs: " << count << '\n';
+    return status_in_order;
+}
+
+} // namespace
+
+} // namespace quarn::live
+
+int main(int argc, char** argv) {
+    try {
+        return quarn::live::main_of(argc, argv);
+    } catch (const std::exception& error) {
+        quarn::live::tell(error.what());
+        return quarn::live::status_wrong;
+    }
+}

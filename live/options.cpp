@@ -1,0 +1,80 @@
+#include "options.h"
+
+#include <cstdio>
+#include <iostream>
+#include <sstream>
+
+#include "meta.h"
+#include "settings/command_line.h"
+#include "status.h"
+
+namespace quarn::live {
+
+namespace {
+
+using settings::with_value;
+
+void add_inputs(CLI::App& app, CommandLine& line) {
+    app.add_option("URL", line.urls,
+                   "What to watch: udp://, rtp://, srt://ADDRESS:PORT, file://PATH; \"-\" is "
+                   "standard input")
+        ->type_name("");
+    with_value(app, "-C,--config", "FILE", "Configuration file; see quarn-live.conf(5)",
+               [&](const std::string& text) { line.config = text; });
+    app.add_flag("--check-config", line.check_config,
+                 "Say whether configuration and URLs are right, and end");
+}
+
+void add_outputs(CLI::App& app, Settings& all) {
+    with_value(app, "--findings", "FILE",
+               "Append findings as JSON Lines; \"-\": to standard output",
+               [&](const std::string& text) { all.findings = text; });
+    with_value(app, "--exec", "COMMAND", "Run for each finding, its record on standard input",
+               [&](const std::string& text) { all.exec = text; });
+    with_value(app, "--syslog", "FACILITY", "Findings to syslog: user, local0 to local7",
+               [&](const std::string& text) { all.syslog = facility_of(text); });
+    with_value(app, "--http", "ADDRESS:PORT", "Serve metrics, state and a page there",
+               [&](const std::string& text) { all.http = server_of(text); });
+    with_value(app, "--for", "SECONDS", "End in order after so long", [&](const std::string& text) {
+        constexpr long longest = 1'000'000'000;
+        all.run_for = std::chrono::seconds(settings::number<long>(text, 0, longest));
+    });
+}
+
+int show(const CLI::App& app, const CLI::Success& shown) {
+    std::ostringstream text;
+    app.exit(shown, text, text);
+    std::cout << text.str() << std::flush;
+    if (std::cout)
+        return status_in_order;
+    std::cerr << "quarn-live: standard output cannot be written\n";
+    return status_wrong;
+}
+
+} // namespace
+
+std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
+    CommandLine line;
+    CLI::App app("Watches MPEG transport streams day and night, and says what goes wrong when it\n"
+                 "begins and when it is over.",
+                 "quarn-live");
+    app.get_formatter()->column_width(24);
+    app.footer("Exit status: 0 after an end in order, 3 for a wrong option or configuration or a\n"
+               "port that is taken.");
+    app.set_version_flag("--version",
+                         get_custom_app_info("quarn-live", "MPEG-TS channel monitor", nullptr));
+    add_inputs(app, line);
+    add_outputs(app, line.settings);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& shown) {
+        return show(app, shown);
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "quarn-live: " << settings::complaint(app, error, "URL")
+                  << "; see quarn-live --help\n";
+        return status_wrong;
+    }
+    return line;
+}
+
+} // namespace quarn::live

@@ -1,0 +1,68 @@
+// All that quarn-live does, put together: inputs, channels, outputs, the server.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "channel.h"
+#include "http.h"
+#include "loops.h"
+#include "outputs.h"
+#include "settings.h"
+
+namespace quarn::live {
+
+/// One thread at a time, but for healthy() and snapshots().
+class Service {
+  public:
+    /// Opens all inputs and outputs. `reader_gone`: see Outputs. Throws std::runtime_error (a port
+    /// that is taken, a file that cannot be opened).
+    Service(const CommandLine& line, std::function<void()> reader_gone);
+    /// Ends in order: what is pending is decided, summaries are written.
+    ~Service();
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    /// Opens logs again under their names, reads the configuration anew and goes on with it; inputs
+    /// that stay as they are lose nothing. Throws settings::WrongValue or std::runtime_error, and
+    /// all goes on as it was then.
+    void reload();
+
+    const Settings& settings() const { return settings_; }
+    /// All inputs are of the kind that comes to an end, and have.
+    bool over() const;
+    /// The threads that read inputs have all begun a turn lately.
+    bool healthy() const;
+    std::vector<Snapshot> snapshots() const;
+
+  private:
+    struct Watched {
+        Watched(const InputSettings& input, Outputs& outputs)
+            : settings(input), channel(input, outputs) {}
+        InputSettings settings;
+        Channel channel;
+        Loops::Handle handle{};
+    };
+    using Inputs = std::vector<std::shared_ptr<Watched>>;
+
+    std::shared_ptr<Watched> opened(const InputSettings& input);
+    Inputs open_new(const Settings& next);
+    void close_all(const Inputs& inputs);
+    std::unique_ptr<Http> server(const Settings& settings) const;
+    void use(const Settings& next, const Inputs& fresh);
+    std::shared_ptr<Watched> same(const InputSettings& input) const;
+    bool has_url(const InputSettings& input) const;
+
+    const CommandLine line_;
+    Settings settings_;
+    Outputs outputs_;
+    mutable std::mutex mutex_; // guards which inputs there are
+    Inputs inputs_;            // in the order of the settings
+    Loops loops_;              // ends before the channels that it calls
+    std::unique_ptr<Http> http_;
+};
+
+} // namespace quarn::live

@@ -1,0 +1,175 @@
+#include "settings.h"
+
+#include <set>
+#include <variant>
+
+#include "appcfg.h"
+#include "settings/config_file.h"
+
+namespace quarn::live {
+
+using settings::Group;
+using settings::in_quotes;
+using settings::WrongValue;
+
+namespace {
+
+constexpr int most_loops = 64;
+constexpr double longest_run_s = 1e9;
+
+/// Profile, limits and rules: of all inputs at the top of the file, of one in its group.
+void read_measuring(const Group& group, Options& measure) {
+    if (const auto name = group.text("profile")) {
+        measure.profile = group.taken("profile", [&] { return settings::profile_of(*name); });
+        measure.limits = limits_of(measure.profile);
+    }
+    if (const auto limits = group.texts("limits"))
+        for (const std::string& limit : *limits)
+            group.taken("limits", [&] { settings::set_limit_of(limit, measure.limits); });
+    if (const auto rules = group.texts("ignore")) {
+        measure.ignore.clear();
+        for (const std::string& ids : *rules)
+            group.taken("ignore", [&] { settings::add_rules(ids, measure.ignore); });
+    }
+    measure.dvb = group.flag("dvb").value_or(measure.dvb);
+}
+
+std::vector<const char*> with(std::vector<const char*> keys,
+                              std::initializer_list<const std::vector<const char*>*> others) {
+    for (const auto* const more : others)
+        keys.insert(keys.end(), more->begin(), more->end());
+    return keys;
+}
+
+void check_alerts(const Group& group, const AlertSettings& alerts) {
+    for (const char* const key : alert_path_keys)
+        if (group.text(key) && !alerts.lines)
+            throw group.wrong(key,
+                              "says where lines of the analyzer go, but alert_lines is not true");
+}
+
+inputs::InputUrl url_of(const std::string& text) {
+    std::variant<inputs::InputUrl, std::string> parsed = inputs::parse_url(text);
+    if (const std::string* const why = std::get_if<std::string>(&parsed))
+        throw WrongValue(*why);
+    return std::get<inputs::InputUrl>(std::move(parsed));
+}
+
+InputSettings read_input(const Group& group, const InputSettings& usual) {
+    group.only(with({"name", "url", "profile", "limits", "ignore", "dvb"},
+                    {&alert_keys, &alert_path_keys}));
+    InputSettings input;
+    const auto url = group.text("url");
+    if (!url)
+        throw group.wrong(nullptr, "has no url, such as \"udp://239.1.1.1:5000\"");
+    input.url = group.taken("url", [&] { return url_of(*url); });
+    input.name = group.text("name").value_or(input.url.without_secrets());
+    if (input.name.empty())
+        throw group.wrong("name", "is empty; leave it out, and the URL is the name");
+    input.measure = usual.measure;
+    read_measuring(group, input.measure);
+    input.alerts = usual.alerts;
+    input.alerts.analyzer.name = input.name;
+    read_alerts(group, input.alerts);
+    check_alerts(group, input.alerts);
+    return input;
+}
+
+void read_outputs(const Group& root, Settings& all) {
+    if (const auto http = root.text("http"))
+        all.http = root.taken("http", [&] { return server_of(*http); });
+    if (const auto file = root.text("findings"))
+        all.findings = *file;
+    if (const auto command = root.text("exec"))
+        all.exec = *command;
+    if (const auto name = root.text("syslog"))
+        all.syslog = root.taken("syslog", [&] { return facility_of(*name); });
+    if (const auto seconds = root.amount("for", 0, longest_run_s))
+        all.run_for = std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
+    if (const auto loops = root.number("loops", 1, most_loops))
+        all.loops = static_cast<unsigned>(*loops);
+}
+
+void read_file(const std::string& path, Settings& all, InputSettings& usual) {
+    const settings::ConfigFile file(path);
+    const Group root = file.root();
+    root.only(with({"inputs", "http", "findings", "exec", "syslog", "for", "loops", "profile",
+                    "limits", "ignore", "dvb"},
+                   {&alert_keys}));
+    read_outputs(root, all);
+    read_measuring(root, usual.measure);
+    read_alerts(root, usual.alerts);
+    if (const auto inputs = root.groups("inputs"))
+        for (const Group& input : *inputs)
+            all.inputs.push_back(read_input(input, usual));
+}
+
+template <class T>
+void prefer(std::optional<T>& value, const std::optional<T>& said) {
+    if (said)
+        value = said;
+}
+
+void check(const Settings& all) {
+    if (all.inputs.empty())
+        throw WrongValue("there is no input: name a URL such as udp://239.1.1.1:5000, or list "
+                         "inputs in a configuration file");
+    std::set<std::string> names, logs;
+    for (const InputSettings& input : all.inputs)
+        if (!names.insert(input.name).second)
+            throw WrongValue("two inputs are called " + in_quotes(input.name) +
+                             "; give each a name of its own");
+    for (const InputSettings& input : all.inputs)
+        for (const std::string& log :
+             {input.alerts.analyzer.alert_log, input.alerts.analyzer.text_log})
+            if (!log.empty() && !logs.insert(log).second)
+                throw WrongValue("two inputs have the log " + in_quotes(log) +
+                                 "; give each one of its own");
+}
+
+} // namespace
+
+bool InputSettings::operator==(const InputSettings& other) const {
+    return name == other.name && url.text == other.url.text && measure == other.measure &&
+           alerts == other.alerts;
+}
+
+int facility_of(const std::string& name) {
+    const int facility = str2fac(name.c_str());
+    if (facility < 0)
+        throw WrongValue(in_quotes(name) + " is none of user, local0 to local7");
+    return facility;
+}
+
+inputs::Endpoint server_of(const std::string& text) {
+    if (const auto endpoint = inputs::parse_endpoint(text))
+        return *endpoint;
+    throw WrongValue(in_quotes(text) +
+                     " is no address and port, such as 127.0.0.1:9400 or [::1]:9400");
+}
+
+Settings settings_of(const CommandLine& line) {
+    Settings all;
+    InputSettings usual;
+    usual.measure.live = true;
+    if (line.config)
+        read_file(*line.config, all, usual);
+    for (const std::string& text : line.urls) {
+        InputSettings input = usual;
+        input.url = url_of(text);
+        input.name = input.url.without_secrets();
+        input.alerts.analyzer.name = input.name;
+        all.inputs.push_back(std::move(input));
+    }
+    prefer(all.http, line.settings.http);
+    prefer(all.findings, line.settings.findings);
+    prefer(all.exec, line.settings.exec);
+    prefer(all.syslog, line.settings.syslog);
+    prefer(all.run_for, line.settings.run_for);
+    check(all);
+    if (!all.http && !all.findings && !all.exec && !all.syslog)
+        all.findings = "-";
+    return all;
+}
+
+} // namespace quarn::live

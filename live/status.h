@@ -1,0 +1,9 @@
+// Exit statuses of quarn-live.
+#pragma once
+
+namespace quarn::live {
+
+inline constexpr int status_in_order = 0;
+inline constexpr int status_wrong = 3; // option, configuration, a port that is taken
+
+} // namespace quarn::live
