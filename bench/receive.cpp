@@ -5,30 +5,25 @@
 //
 // Exit status 1 if anything is missing.
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <netinet/in.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "live/loops.h"
+#include "sender.h"
 
 namespace {
 
 using namespace quarn;
-using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t datagram_size = 7 * 188;
 constexpr unsigned first_port = 20'000;
 
 struct Plan {
@@ -59,55 +54,16 @@ class Count : public live::Consumer {
     std::uint64_t packets_seen = 0;
 };
 
-/// Sends to all ports at an even pace, and returns how many datagrams that were.
+/// Null packets to all ports.
 std::uint64_t send(const Plan& plan) {
-    std::array<std::uint8_t, datagram_size> datagram{};
+    std::vector<std::uint8_t> datagram(datagram_size);
     for (std::size_t i = 0; i < datagram.size(); i += 188) {
         datagram[i] = 0x47;
         datagram[i + 1] = 0x1F;
         datagram[i + 2] = 0xFF;
         datagram[i + 3] = 0x10;
     }
-    constexpr std::size_t most = 64;
-    iovec bytes{datagram.data(), datagram.size()};
-    std::array<mmsghdr, most> messages{};
-    for (mmsghdr& message : messages) {
-        message.msg_hdr.msg_iov = &bytes;
-        message.msg_hdr.msg_iovlen = 1;
-    }
-    std::vector<int> sockets;
-    for (unsigned i = 0; i < plan.inputs; ++i) {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(static_cast<std::uint16_t>(first_port + i));
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        sockets.push_back(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        if (connect(sockets.back(), reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)
-            return 0;
-    }
-    const double rate = plan.mbit_s * 1e6 / 8 / datagram_size; // datagrams a second and input
-    const auto begin = Clock::now();
-    const double seconds = plan.seconds;
-    std::vector<std::uint64_t> sent(plan.inputs);
-    for (double at = 0; at < seconds;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        at = std::chrono::duration<double>(Clock::now() - begin).count();
-        for (unsigned i = 0; i < plan.inputs; ++i) {
-            const auto due = static_cast<std::uint64_t>(rate * std::min(at, seconds));
-            while (sent[i] < due) {
-                const auto count = std::min<std::uint64_t>(due - sent[i], most);
-                const int done =
-                    sendmmsg(sockets[i], messages.data(), static_cast<unsigned>(count), 0);
-                if (done <= 0)
-                    break;
-                sent[i] += static_cast<std::uint64_t>(done);
-            }
-        }
-    }
-    std::uint64_t all = 0;
-    for (const std::uint64_t one : sent)
-        all += one;
-    return all;
+    return send_paced(datagram, {first_port, plan.inputs, plan.mbit_s * 1e6, double(plan.seconds)});
 }
 
 double cpu_seconds(int who) {
