@@ -9,6 +9,7 @@ install(FILES doc/quarn.conf.5 doc/quarn-live.conf.5
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
 install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md
         doc/findings.md doc/metrics.md doc/recipes-check.md doc/tutorial-check.md
+        doc/tutorial-live.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT quarn)
 install(FILES reports/quarn-findings-1.schema.json
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/quarn COMPONENT quarn)
