@@ -7,6 +7,7 @@
 #include <linux/sockios.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
+#include <utility>
 
 namespace quarn::inputs {
 namespace {
@@ -91,6 +92,7 @@ void UdpReceiver::take(const UdpBatch::Datagram& datagram, const Turn& turn,
                                           : "datagrams come");
         was_away_ = false;
     }
+    came_ = true;
     last_ns_ = datagram.stamp_ns == 0
                    ? std::max(latest_ns, last_ns_)
                    : turn.stamps.monotonic_ns(datagram.stamp_ns, last_ns_, latest_ns);
@@ -158,7 +160,9 @@ void UdpReceiver::look_after(std::int64_t now_ns) {
     if (now_ns - looked_ns_ < look_interval)
         return;
     looked_ns_ = now_ns;
-    if (const std::string now_wrong = trouble(); !now_wrong.empty()) {
+    const bool came = std::exchange(came_, false);
+    // Datagrams prove it wrong: a bridge without a port has no carrier, but senders of its own.
+    if (const std::string now_wrong = trouble(); !now_wrong.empty() && !(came && joined_)) {
         if (now_wrong != trouble_)
             gone(now_wrong, now_ns);
         retry_.soon(now_ns);
@@ -181,7 +185,7 @@ void UdpReceiver::look_after(std::int64_t now_ns) {
             return;
         }
     }
-    back(now_ns);
+    back(now_ns, came);
 }
 
 /// What is wrong with the interface that it depends on. Without it the kernel has forgotten what
@@ -235,11 +239,12 @@ void UdpReceiver::gone(const std::string& why, std::int64_t now_ns) {
     consumer_.state(state_, why);
 }
 
-void UdpReceiver::back(std::int64_t now_ns) {
+void UdpReceiver::back(std::int64_t now_ns, bool came) {
     retry_.back(now_ns);
-    was_away_ = true;
-    state_ = InputState::waiting;
-    consumer_.state(state_, listening() + "; it was away for " + retry_.gone_for(now_ns));
+    was_away_ = !came;
+    state_ = came ? InputState::up : InputState::waiting;
+    consumer_.state(state_, (came ? std::string("datagrams come again") : listening()) +
+                                "; it was away for " + retry_.gone_for(now_ns));
 }
 
 void UdpReceiver::tell_left_out(std::int64_t now_ns) {

@@ -40,7 +40,7 @@ class UdpReceiver : public Receiver {
     bool open_again();
     void connect();
     void gone(const std::string& why, std::int64_t now_ns);
-    void back(std::int64_t now_ns);
+    void back(std::int64_t now_ns, bool came);
     std::string listening() const;
     void tell_left_out(std::int64_t now_ns);
 
@@ -58,7 +58,8 @@ class UdpReceiver : public Receiver {
     std::int64_t last_ns_;    // the latest time that was told
     std::int64_t emptied_ns_; // nothing from before it waits in the socket
     std::uint32_t dropped_ = 0;
-    std::int64_t looked_ns_ = 0;
+    std::int64_t looked_ns_ = 0; // at the interface
+    bool came_ = false;          // a datagram since then
     std::uint64_t left_out_ = 0; // not yet told
     std::int64_t left_out_told_ns_ = 0;
 };
