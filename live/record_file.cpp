@@ -32,8 +32,11 @@ RecordFile::~RecordFile() {
 }
 
 void RecordFile::open() {
-    fd_ = path_ == "-" ? STDOUT_FILENO
-                       : ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    // A named pipe that nobody reads is an error and no reason to wait.
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK;
+    fd_ = path_ == "-" ? STDOUT_FILENO : ::open(path_.c_str(), flags, 0644);
+    if (fd_ > STDERR_FILENO)
+        ::fcntl(fd_, F_SETFL, flags & ~O_NONBLOCK);
     struct stat about {};
     regular_ = fd_ >= 0 && ::fstat(fd_, &about) == 0 && S_ISREG(about.st_mode);
 }
