@@ -3,10 +3,12 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -31,6 +33,17 @@ void fill_standard_streams() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
         if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF)
             (void)::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
+/// Hundreds of inputs, each with its logs and its analyzer, need more descriptors than a shell's
+/// usual 1024; what the system lets it have it may take.
+void take_descriptors() {
+    constexpr rlim_t enough = 65536;
+    rlimit descriptors{};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0 || descriptors.rlim_cur >= enough)
+        return;
+    descriptors.rlim_cur = std::min(descriptors.rlim_max, enough);
+    (void)::setrlimit(RLIMIT_NOFILE, &descriptors);
 }
 
 /// The signals that are waited for, blocked in all threads.
@@ -119,6 +132,7 @@ int main_of(int argc, char** argv) {
     if (is_analyzer_worker(argc, argv)) // in a process that another quarn-live has started
         return run_analyzer_worker();
     fill_standard_streams();
+    take_descriptors();
     const std::variant<CommandLine, int> parsed = parse_command_line(argc, argv);
     if (const int* const status = std::get_if<int>(&parsed))
         return *status;

@@ -36,3 +36,7 @@ add_test(NAME live.program
           ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_BINARY_DIR}/live)
 set_tests_properties(live.program PROPERTIES TIMEOUT 400
   ENVIRONMENT "QUARN_EMULATOR=${golden_emulator}")
+
+add_test(NAME live.example_configuration
+  COMMAND quarn-live --check-config
+          -C ${CMAKE_SOURCE_DIR}/deploy/quarn-live.conf)
