@@ -176,7 +176,7 @@ void Channel::finding(const Finding& finding) {
 }
 
 /// `always`: whether or not there are too many.
-void Channel::write(const Finding& finding, Extras extras, bool always) {
+void Channel::write(const Finding& finding, const Extras& extras, bool always) {
     if (!always && !quota_.take(last_.ticks)) {
         if (suppressed_seq_ == 0)
             suppressed(State::raise);

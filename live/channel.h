@@ -58,7 +58,7 @@ class Channel final : public inputs::Consumer, private Sink {
 
   private:
     void finding(const Finding& finding) override;
-    void write(const Finding& finding, Extras extras, bool always);
+    void write(const Finding& finding, const Extras& extras, bool always);
     void keep(const Finding& finding, const std::string& record);
     void suppressed(State state);
     void analyzer_ended(const AnalyzerEnd& end);

@@ -1,7 +1,6 @@
 // quarn-live: signals, the time, the exit status.
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -11,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <iostream>
 #include <string>
