@@ -49,7 +49,7 @@ auto fields(const tsan_config& c) {
 
 auto fields(const AnalyzerSettings& a) {
     return std::tie(a.name, a.alert_log, a.text_log, a.log_size, a.log_files, a.log_daily,
-                    a.log_time, a.syslog);
+                    a.log_time, a.syslog, a.datagrams);
 }
 
 } // namespace

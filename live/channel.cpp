@@ -223,6 +223,10 @@ void Channel::analyzer_ended(const AnalyzerEnd& end) {
     const bool said = end.reason == AnalyzerEnd::Reason::invariant; // by itself, in its own words
     tell(settings_.name + ": the analyzer has ended" + (said ? "" : ": " + end.text) +
          "; it is started again");
+    // What it gave up itself is found by measuring as well, or is trouble of this machine.
+    if (end.reason == AnalyzerEnd::Reason::lost_sync ||
+        end.reason == AnalyzerEnd::Reason::cannot_run)
+        return;
     Finding ended;
     ended.rule = Rule::analyzer_ended;
     ended.severity = Severity::warning;

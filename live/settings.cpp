@@ -55,6 +55,13 @@ inputs::InputUrl url_of(const std::string& text) {
     return std::get<inputs::InputUrl>(std::move(parsed));
 }
 
+/// What the analyzer must know of its input.
+void tell_analyzer(InputSettings& input) {
+    input.alerts.analyzer.name = input.name;
+    input.alerts.analyzer.datagrams =
+        input.url.datagrams() || input.url.scheme == inputs::InputUrl::Scheme::srt;
+}
+
 InputSettings read_input(const Group& group, const InputSettings& usual) {
     group.only(with({"name", "url", "profile", "limits", "ignore", "dvb"},
                     {&alert_keys, &alert_path_keys}));
@@ -69,7 +76,7 @@ InputSettings read_input(const Group& group, const InputSettings& usual) {
     input.measure = usual.measure;
     read_measuring(group, input.measure);
     input.alerts = usual.alerts;
-    input.alerts.analyzer.name = input.name;
+    tell_analyzer(input);
     read_alerts(group, input.alerts);
     check_alerts(group, input.alerts);
     return input;
@@ -158,7 +165,7 @@ Settings settings_of(const CommandLine& line) {
         InputSettings input = usual;
         input.url = url_of(text);
         input.name = input.url.without_secrets();
-        input.alerts.analyzer.name = input.name;
+        tell_analyzer(input);
         all.inputs.push_back(std::move(input));
     }
     prefer(all.http, line.settings.http);
