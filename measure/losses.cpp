@@ -278,11 +278,6 @@ void Losses::name(std::vector<Break*>& cluster, const StreamClock& clock) {
 
 void Losses::name_constant(std::vector<Break*>& cluster, std::int64_t missing,
                            const StreamClock& clock) {
-    if (missing == 0 && filled(cluster)) {
-        for (Break* b : cluster)
-            b->lost = b->fault.distance();
-        return;
-    }
     if (missing == 0) { // every slot of the multiplex is accounted for
         for (Break* b : cluster) {
             b->kind = Kind::reset;
@@ -320,22 +315,6 @@ void Losses::name_constant(std::vector<Break*>& cluster, std::int64_t missing,
         }
     }
     share_out(cluster, missing, clock);
-}
-
-// Several pids broke over one stretch that has null packets instead: what should have come was
-// taken away before the multiplexer filled it up.
-bool Losses::filled(const std::vector<Break*>& cluster) const {
-    std::uint64_t from = 0;
-    std::uint64_t to = UINT64_MAX;
-    for (const Break* b : cluster) {
-        from = std::max(from, b->fault.before.index);
-        to = std::min(to, b->fault.at.index);
-    }
-    const bool nulls =
-        std::any_of(intervals_.begin(), intervals_.end(), [&](const ClockInterval& i) {
-            return i.nulls && from < i.to.at.index && to > i.from.at.index;
-        });
-    return cluster.size() > 1 && from + 20 < to && nulls;
 }
 
 // More is missing than the counters say: sixteens of one of them, or null packets.

@@ -89,7 +89,6 @@ class Losses {
                        const StreamClock& clock);
     void name_variable(Break& b, const StreamClock& clock);
     std::optional<std::int64_t> missing(const std::vector<Break*>& cluster, const Rate& rate) const;
-    bool filled(const std::vector<Break*>& cluster) const;
     void share_out(std::vector<Break*>& cluster, std::int64_t missing, const StreamClock& clock);
     double due(std::uint16_t pid, const Place& from, const Place& to) const;
     bool follows(const Break& b, const StreamClock& clock);
