@@ -66,6 +66,7 @@ const Header headers[] = {
     {"reserved sampling rate", Codec::mp2, "ff fd ac 00", 576, 0},
     {"ADTS, shorter than its header", Codec::aac, "ff f1 50 80 00 df fc", 100, 0},
     {"ADTS, reserved sampling rate", Codec::aac, "ff f1 74 80 0c 9f fc", 100, 0},
+    {"LATM, reserved sampling rate", Codec::aac_latm, "56 e0 61 20 00 16 90", 100, 0},
     {"AC-3, reserved size", Codec::ac3, "0b 77 00 00 26 40", 128, 0},
     {"E-AC-3, two bytes long", Codec::eac3, "0b 77 00 00 30 80", 128, 0},
     {"DTS, no sampling rate", Codec::dts, "7f fe 80 01 fc 3c 1f f2 40", 512, 0},

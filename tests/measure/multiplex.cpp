@@ -315,11 +315,11 @@ void Multiplex::fault(const std::string& words) {
             if (Packet(s.bytes.data()).unit_start())
                 shift_stamps(s.bytes, arg(3));
         });
-    } else if (what == "stop") {
+    } else if (what == "stop" || what == "hide") {
         const double to = arg(3, HUGE_VAL);
         for (std::size_t i = at; i < sent_.size() && sent_[i].ms < to;) {
             const Packet p(sent_[i].bytes.data());
-            if (p.has_payload() && p.pid() != null_pid)
+            if (what == "stop" && p.has_payload() && p.pid() != null_pid)
                 recount(p.pid(), i + 1, -1);
             if (constant_)
                 sent_[i++].bytes = ts::make_packet({});

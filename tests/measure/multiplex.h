@@ -17,7 +17,7 @@
 //   again PID MS N    N copies of it             resend MS N      N packets of all once more
 //   swap PID MS       it and the next change     swap7 MS         two blocks of seven packets do
 //   count PID MS D [N]   the counters are D more freeze PID MS N  N of them have one counter
-//   mark PID MS N     their last byte counts up
+//   mark PID MS N     their last byte counts up  hide PID MS TO    as stop, but the counters go on
 //   flag PID MS       discontinuity_indicator    flagged PID MS   the same, in a packet of its own
 //   jump PID MS D     PCRs are D ms more         nudge PID MS D   one PCR is D ticks more
 //   shift PID MS D    stamps are D ms more       stop PID MS TO   null packets, or nothing, instead

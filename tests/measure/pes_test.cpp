@@ -85,6 +85,7 @@ std::vector<Header> headers() {
         {"second marker bit", flip(pts, 11, 1), "-1 -1"},
         {"third marker bit", flip(pts, 13, 1), "-1 -1"},
         {"DTS without its marker: neither", flip(both, 18, 1), "-1 -1"},
+        {"PTS of both without its marker: neither", flip(both, 13, 1), "-1 -1"},
         {"DTS alone", with(with(pts, 7, 0x40), 9, 0x11), "-1 -1"},
         {"header too short for its PTS", with(pts, 8, 4), "-1 -1"},
         {"header too short for its DTS", with(both, 8, 9), "-1 -1"},

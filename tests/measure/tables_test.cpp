@@ -143,6 +143,8 @@ TEST(Sections, Assembly) {
         {"disturbed behind", two(600), 4, "0-3:66 3-3:66"},
         {"a wrong byte", damaged(flipped(sized(600), 300)), -1, "0-3:66! 3-3:66"},
         {"of a TOT", ts::stream().section(20, flipped(tot, 4)), -1, "0-0:115!"},
+        {"stuffing, which has none", ts::stream().section(20, flipped(sized(30, 0x72), 20)), -1,
+         "0-0:114"},
         {"too short a length", damaged(flipped(sized(100), 2, 0x20)), -1, "0-0:66!"},
         {"too long a length", damaged(flipped(sized(600), 1, 0x01)), -1, "0-3:66! 3-3:66"},
         {"beyond all lengths", damaged(flipped(sized(600), 1, 0x0E)), -1, "0-3:66! 3-3:66"},
