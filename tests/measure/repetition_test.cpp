@@ -237,6 +237,7 @@ TEST(Repetition, Judged) {
     EXPECT_EQ(answer("0:sdt 2000:end", "3.5.a", {}, false), "no: no clock");
     EXPECT_EQ(answer("0:sdt 2000:end", "3.7"), "yes");
     EXPECT_EQ(answer("0:sdt 2000:end", "3.1.a"), "n/a");
+    EXPECT_EQ(answer("0:eit0 0:eit1 2000:end", "3.6.c"), "yes");
     EXPECT_EQ(answer("0:sdt 11000:end", "3.1.a", dvb()), "yes");
 }
 
