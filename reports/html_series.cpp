@@ -179,6 +179,7 @@ void Writer::rates(const Summary& summary) {
     const std::size_t pids_left_out =
         series_.left_out.packets + (pids.size() > most_pids ? pids.size() - most_pids : 0);
     std::vector<Share> programs;
+    programs.reserve(by_program.size());
     for (auto& [number, share] : by_program)
         programs.push_back(std::move(share));
     const std::size_t programs_left_out =

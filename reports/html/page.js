@@ -231,8 +231,9 @@
    * labels: of the series; rows: [x, value, ...]; colours: a function that gives one for each series;
    * tip(i, row): lines on series i at the row; lines: none for bars.
    */
-  function plot(parent, { id, caption, label, labels, rows, colours, options = {}, tip, tableTitle, makeTable, high = false, ofTime = true }) {
+  function plot(parent, { id, caption, label, labels, rows, colours, options = {}, tip, tableTitle, makeTable, high = false, height = 0, ofTime = true }) {
     const box = el('div', { class: `plot${high ? ' high' : ''}`, id, role: 'img', 'aria-label': label });
+    if (height) box.style.height = `${height}px`;
     const hint = el('div', { class: 'tip', hidden: true });
     const legend = el('ul', { class: 'legend' });
     parent.append(el('figure', {}, el('figcaption', {}, caption), box, legend, tableTitle ? hiddenTable(tableTitle, makeTable) : null));
@@ -290,8 +291,21 @@
     hint.style.top = '8px';
   }
 
-  // What dygraphs draws a line with; limits and findings come on top, above the grid.
-  const LINES = [Dygraph.Plotters.fillPlotter, Dygraph.Plotters.errorPlotter, Dygraph.Plotters.linePlotter];
+  /** From the smallest to the largest values: one shape, where dygraphs draws one for each two points. */
+  function band({ drawingContext: context, plotArea: area, points, color }) {
+    const known = points.filter(point => Number.isFinite(point.canvasy));
+    context.save();
+    context.globalAlpha = 0.18;
+    context.fillStyle = color;
+    context.beginPath();
+    for (const point of known) context.lineTo(point.canvasx, area.y + area.h * point.y_top);
+    for (const point of known.reverse()) context.lineTo(point.canvasx, area.y + area.h * point.y_bottom);
+    context.fill();
+    context.restore();
+  }
+
+  // Limits come on top of all, above the grid.
+  const LINES = [band, Dygraph.Plotters.linePlotter];
 
   /** For what comes seldom: a dot at the highest value, and a line down to the lowest of its bucket. */
   function whiskers({ drawingContext: context, plotArea: area, points, color }) {
@@ -368,7 +382,7 @@
       id, caption, label, rows, high,
       labels: entries.map(entry => entry.label),
       colours: () => entries.map((entry, i) => (entry.pid === undefined ? seriesColour(i) : pidColour(entry.pid))),
-      options: { customBars: true, connectSeparatedPoints: true, drawPoints: few, pointSize: 2, ...extra },
+      options: { customBars: true, plotter: LINES, connectSeparatedPoints: true, drawPoints: few, pointSize: 2, ...extra },
       tip: (i, row, x) => {
         const point = points[row]?.[i];
         if (!point) return null;
@@ -571,7 +585,7 @@
       hidden ? ` The paler, lower bars stand for ${plural(hidden, 'event')} that are only counted.` : '');
     const rows = [[0, 0], [length, 0]];
     const made = plot(node, {
-      id: 'timeline', rows, labels: ['findings'], colours: () => ['transparent'],
+      id: 'timeline', height: Math.max(90, 30 + 26 * lanes.length), rows, labels: ['findings'], colours: () => ['transparent'],
       caption: 'Click on a finding to read it. Drag sideways in any plot to zoom all of them, double-click to see all.',
       label: `Time line of ${plural(findings.length, 'finding')} of the rules ${lanes.join(', ')}; the table below has them all.`,
       options: {
@@ -590,8 +604,6 @@
     });
     timeline = made.graph;
     made.box.classList.add('timeline');
-    made.box.style.height = `${Math.max(90, 30 + 26 * lanes.length)}px`;
-    timeline.resize();
     const nearest = (px, py) => {
       const row = lanes[lanes.length - 1 - Math.floor(timeline.toDataYCoord(py))];
       const distance = item => {
