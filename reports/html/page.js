@@ -692,7 +692,7 @@
     });
     if (series.timed && series.width > 0.15 && series.rate.x.length)
       bands(node, {
-        id: 'peaks', caption: 'All packets: the lowest and the highest bit rate over 100 ms, Mbit/s.', upper: false,
+        id: 'peaks', caption: 'All packets: the lowest and the highest bit rate over 100 ms or a little more, Mbit/s.', upper: false,
         label: 'Lowest and highest total bit rate over 100 ms.', unit: v => bitRate(v * 1e6),
         entries: [{ label: 'all packets', points: pointsOf(series.rate).map(p => ({ ...p, low: { ...p.low, value: p.low.value / 1e6 }, high: { ...p.high, value: p.high.value / 1e6 } })) }],
         extra: { includeZero: true }, tableTitle: 'Lowest and highest bit rate as a table',
