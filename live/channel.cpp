@@ -154,7 +154,7 @@ void Channel::end() {
     if (suppressed_seq_ != 0)
         suppressed(State::clear);
     std::string text;
-    records_.summary(text, stream_.summary());
+    records_.summary(text, summary());
     outputs_.add({std::move(text), Severity::info, false});
     publish();
 }
@@ -173,6 +173,30 @@ void Channel::finding(const Finding& finding) {
         always = true;
     }
     write(finding, extras, always);
+}
+
+/// With the rows of what is found here.
+Summary Channel::summary() const {
+    Summary s = stream_.summary();
+    const auto tell_own = [&s](Rule rule, const Own& own, bool judged, const char* why) {
+        RuleSummary& row = s.rules[static_cast<std::size_t>(rule)];
+        row.judged = judged ? Judged::yes : Judged::not_applicable;
+        row.why = judged ? "" : why;
+        row.count = own.count;
+        row.first = own.first;
+        row.last = own.last;
+    };
+    tell_own(Rule::analyzer_ended, analyzer_ends_, analyzer_ != nullptr,
+             "no analyzer beside this input");
+    tell_own(Rule::suppressed, suppressions_, true, "");
+    return s;
+}
+
+void Channel::note(Own& own) const {
+    ++own.count;
+    own.last = here();
+    if (!own.first)
+        own.first = own.last;
 }
 
 /// `always`: whether or not there are too many.
@@ -200,8 +224,10 @@ void Channel::suppressed(State state) {
     all.state = state;
     all.id = suppressed_id;
     all.count = std::max<std::uint64_t>(1, quota_.left_out());
-    if (state == State::raise)
+    if (state == State::raise) {
         suppressed_begin_ = here();
+        note(suppressions_);
+    }
     all.begin = suppressed_begin_;
     all.end = here();
     all.open = state == State::raise;
@@ -231,6 +257,7 @@ void Channel::analyzer_ended(const AnalyzerEnd& end) {
     ended.rule = Rule::analyzer_ended;
     ended.severity = Severity::warning;
     ended.begin = ended.end = here();
+    note(analyzer_ends_);
     Extras extras;
     if (!end.packet.empty())
         extras.packet_hex = hex(end.packet);
@@ -271,7 +298,11 @@ void Channel::publish() {
     now_.open = counted.open;
     now_.pcr_intervals = counted.pcr_intervals;
     now_.av_offset_s.assign(counted.av_offset_s.begin(), counted.av_offset_s.end());
-    now_.summary = stream_.summary();
+    for (const auto& [rule, own] : {std::pair(Rule::analyzer_ended, analyzer_ends_),
+                                    std::pair(Rule::suppressed, suppressions_)})
+        now_.findings.at(rule, Severity::warning) = own.count;
+    now_.open.at(Rule::suppressed, Severity::warning) = suppressed_seq_ != 0 ? 1 : 0;
+    now_.summary = summary();
     now_.bytes = now_.packets * inputs::ts_packet_size;
     now_.up = last_packet_ != no_time && last_.ticks - last_packet_ < up_for;
     now_.current.clear();

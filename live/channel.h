@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "analyzer.h"
@@ -63,6 +64,9 @@ class Channel final : public inputs::Consumer, private Sink {
     void suppressed(State state);
     void analyzer_ended(const AnalyzerEnd& end);
     Place here() const;
+    Summary summary() const;
+    struct Own;
+    void note(Own& own) const;
     void forget_old();
     void second_is_over(const inputs::Arrival& now);
     void publish();
@@ -79,6 +83,13 @@ class Channel final : public inputs::Consumer, private Sink {
     std::map<std::uint64_t, std::uint64_t> raised_; // seq of raises that were written, by id
 
     std::unique_ptr<Analyzer> analyzer_; // where it is wanted
+
+    /// Findings that are made here and not by measuring.
+    struct Own {
+        std::uint64_t count = 0;
+        std::optional<Place> first, last;
+    };
+    Own analyzer_ends_, suppressions_;
 
     struct Recent {
         std::uint64_t id = 0;

@@ -4,6 +4,7 @@
 #include <variant>
 
 #include "appcfg.h"
+#include "reports/text.h"
 #include "settings/config_file.h"
 
 namespace quarn::live {
@@ -73,6 +74,8 @@ InputSettings read_input(const Group& group, const InputSettings& usual) {
     input.name = group.text("name").value_or(input.url.without_secrets());
     if (input.name.empty())
         throw group.wrong("name", "is empty; leave it out, and the URL is the name");
+    if (valid_utf8(input.name) != input.name)
+        throw group.wrong("name", "is no UTF-8");
     input.measure = usual.measure;
     read_measuring(group, input.measure);
     input.alerts = usual.alerts;
