@@ -73,7 +73,7 @@ void Floods::event(const Finding& f) {
 void Floods::raise(const Finding& f) {
     Flood& flood = floods_[key(f)];
     Raised& raised = raised_[f.id];
-    raised = {f.severity, f.count, joins(flood, f)};
+    raised = {f, joins(flood, f)};
     if (raised.in_flood) {
         ++flood.going_on;
         hold(flood, f);
@@ -93,11 +93,11 @@ void Floods::clear(const Finding& f) {
     if (raised.in_flood) {
         --flood.going_on;
         Finding rest = f; // its first events are in
-        rest.count -= std::min(raised.counted, rest.count);
+        rest.count -= std::min(raised.finding.count, rest.count);
         merge(*flood.held, rest);
         return;
     }
-    --open_.at(f.rule, raised.severity);
+    --open_.at(f.rule, raised.finding.severity);
     tell(f, State::clear);
 }
 
@@ -119,9 +119,10 @@ void Floods::hold(Flood& flood, const Finding& f) {
     tell(raise, State::raise);
 }
 
-void Floods::merge(Finding& held, const Finding& f) {
+void Floods::merge(Finding& held, const Finding& f) const {
     const auto size = magnitude(f);
-    held.end = f.end;
+    if (!live_ || f.end.packet >= held.end.packet) // live they may be decided in another order
+        held.end = f.end;
     held.count += f.count;
     held.open = f.open;
     held.severity = std::max(held.severity, f.severity);
@@ -160,6 +161,8 @@ void Floods::advance(const Place& now) {
 }
 
 void Floods::finish() {
+    while (!raised_.empty()) // what no rule has ended
+        clear(Finding(raised_.begin()->second.finding));
     for (auto& [key, flood] : floods_)
         close(flood);
     floods_.clear();
@@ -172,6 +175,8 @@ void Floods::tell(const Finding& f, State state) {
     }
     Finding told = f;
     told.state = state;
+    if (told.end.time != no_time) // the first may have been an estimate
+        told.end.time = std::max(told.begin.time, told.end.time);
     sink_.finding(told);
 }
 

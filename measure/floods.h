@@ -34,7 +34,7 @@ class Floods {
     void clear(const Finding& finding);
     bool raised(std::uint64_t id) const { return raised_.contains(id); }
     /// Events of an interval that were there when it was raised.
-    std::uint64_t counted(std::uint64_t id) const { return raised_.at(id).counted; }
+    std::uint64_t counted(std::uint64_t id) const { return raised_.at(id).finding.count; }
     std::uint64_t new_id() { return ++last_id_; }
 
     void advance(const Place& now);
@@ -53,15 +53,14 @@ class Floods {
         unsigned going_on = 0;              // intervals in it that have not ended
     };
     struct Raised {
-        Severity severity = Severity::info;
-        std::uint64_t counted = 0;
+        Finding finding;
         bool in_flood = false;
     };
 
     static Key key(const Finding& f) { return {f.rule, f.kind, f.pid}; }
     bool joins(Flood& flood, const Finding& finding);
     void hold(Flood& flood, const Finding& finding);
-    static void merge(Finding& held, const Finding& finding);
+    void merge(Finding& held, const Finding& finding) const;
     bool over(const Key& key, const Flood& flood, const Place& now) const;
     void close(Flood& flood);
     void tell(const Finding& finding, State state);

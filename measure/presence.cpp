@@ -55,6 +55,8 @@ void Presence::programs(const ProgramsPtr& programs, const Place& place) {
         if (old != states_.end() && old->second.stream.stream_type == fresh.stream.stream_type) {
             if (fresh.is_pcr && !old->second.is_pcr)
                 old->second.pcrs = 0;
+            if (!fresh.is_pcr && old->second.no_pcr != 0)
+                without_pcr(old->second, place, false);
             old->second.stream = fresh.stream;
             old->second.is_pcr = fresh.is_pcr;
             fresh = std::move(old->second);
@@ -113,9 +115,10 @@ Finding Presence::make_never(const State& state, const Place& end, Ticks waited)
 
 void Presence::never(State& state, const Place& to, bool open, const Place& place) {
     const Ticks waited = never_for(state, to);
-    if (waited <= options_.limits.pid_never)
+    const bool raised = output_.raised(state.interval);
+    if (!raised && waited <= options_.limits.pid_never)
         return nothing(state);
-    if (dark(state.since, to) * 2 > waited && !output_.raised(state.interval)) {
+    if (!raised && dark(state.since, to) * 2 > waited) {
         output_.consequence(Rule::pid_error);
         return nothing(state);
     }
@@ -140,8 +143,10 @@ Finding Presence::make_without_pcr(const State& state, const Place& end) const {
 }
 
 void Presence::without_pcr(State& state, const Place& to, bool open) {
-    if (!lacks_pcrs(state))
+    if (!output_.raised(state.no_pcr) && !lacks_pcrs(state)) {
+        output_.withdraw(std::exchange(state.no_pcr, 0));
         return;
+    }
     Finding f = make_without_pcr(state, to);
     f.open = open;
     f.id = std::exchange(state.no_pcr, 0);
@@ -215,13 +220,14 @@ void Presence::away(const Place& last, Ticks time, std::int64_t utc_us) {
     output_.raise(std::move(f));
 }
 
-void Presence::back(const Place& at) {
+void Presence::back(const Place& at, bool open) {
     if (away_ == 0)
         return;
     // Up to the packet, not to the last look before it, where the input tells.
     if (at.utc_us != no_time && away_from_.utc_us != no_time)
         away_for_ = std::max(away_for_, (at.utc_us - away_from_.utc_us) * 27);
     Finding f = make_off_air(away_from_, at, away_for_);
+    f.open = open;
     f.id = std::exchange(away_, 0);
     output_.finding(std::move(f));
 }
@@ -352,7 +358,8 @@ void Presence::finish(const Place& end, const Place& sure) {
         }
         without_pcr(state, end, true);
         const Ticks gap = between(state.last, end);
-        if (between(state.last, sure) > options_.limits.pid_stopped || !end.estimated) {
+        if (between(state.last, sure) > options_.limits.pid_stopped || !end.estimated ||
+            output_.raised(state.interval)) {
             silent(state, end.estimated ? sure : end, true, Sure::exact, end);
             continue;
         }

@@ -43,9 +43,9 @@ class Presence {
     /// Live: what lasts. Called now and then, behind span().
     void look(const Place& now);
     /// Live: nothing has come for `time` since the last packet; said again at each look. Back: it
-    /// comes again.
+    /// comes again, or (open) the input ends before it does.
     void away(const Place& last, Ticks time, std::int64_t utc_us);
-    void back(const Place& at);
+    void back(const Place& at, bool open);
     /// Nothing is known of what was between the two places.
     void anew(const Place& before, const Place& at);
     /// `sure`: the last place whose time is no estimate.

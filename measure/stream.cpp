@@ -128,6 +128,7 @@ class Stream::Impl {
             timed_.untimed(queue, queue[most / 2].at);
     }
 
+    void decide_all();
     void judge_packets(Answers& answers) const;
     void judge_without_pat(Answers& answers) const;
     std::vector<ProgramSummary> programs(std::optional<Ticks> duration) const;
@@ -172,6 +173,8 @@ void Stream::Impl::tick(Ticks now, std::int64_t utc_us) {
         timed_.wait(look_.last(), idle - clock_lags);
     if (idle < away_after)
         return;
+    if (!away_ && index_ > 0)
+        decide_all();
     away_ = anew_ = true;
     timed_.away(look_.last(), idle, utc_us);
 }
@@ -259,6 +262,18 @@ Summary Stream::Impl::summary() const {
     s.rules = answers.rows(findings_);
     decide(s, options_, findings_);
     return s;
+}
+
+// Whatever the clock still waited for.
+void Stream::Impl::decide_all() {
+    for (int pass = 0; pass < 2; ++pass) { // the second up to the last packet
+        while (const auto interval = clock_.next(look_.last(), true))
+            timed_.interval(*interval, look_.queue(), look_.null_share());
+        if (pass == 0)
+            look_.pause();
+    }
+    if (!look_.queue().empty())
+        timed_.untimed(look_.queue(), look_.last());
 }
 
 Counters Stream::Impl::counters() const {

@@ -59,6 +59,7 @@ void Timed::lost_time(const ClockInterval& interval) {
 }
 
 void Timed::untimed(std::deque<Item>& queue, const At& to) {
+    ahead_ = to.index + 1;
     dispatch(queue, to.index + 1);
     advance(place(to));
 }
@@ -91,7 +92,7 @@ void Timed::advance(const Place& now) {
 
 // Live: what goes on. Those first that explain others.
 void Timed::look(const Place& now) {
-    if (now.time == no_time)
+    if (now.time == no_time || now.packet <= ahead_)
         return;
     next_look_ = now.time + look_every;
     presence_.look(now);
@@ -153,7 +154,7 @@ void Timed::take(const At& at, const AnewItem& item) {
     const Place p = place(at);
     begin_anew(place(item.before), p);
     if (std::exchange(away_, false))
-        presence_.back(p);
+        presence_.back(p, false);
 }
 
 void Timed::take(const At& at, const FrozenItem& item) {
@@ -188,6 +189,8 @@ void Timed::finish(std::deque<Item>& queue, const At& last) {
     findings_.advance(end);
     const Place sure =
         end.estimated && clock_.known_for_sure() ? place(*clock_.known_for_sure()) : end;
+    if (std::exchange(away_, false))
+        presence_.back(end, true);
     presence_.finish(end, sure);
     pcrs_.finish(end, sure, clock_.rate().ticks_per_packet());
     losses_.advance(clock_, end, true);

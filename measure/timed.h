@@ -114,6 +114,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     bool started_ = false;
     bool timed_ = false; // an interval of the clock was there
     Ticks next_look_ = no_time;
+    std::uint64_t ahead_ = 0; // up to this packet the rules did not wait for the clock
     bool paused_ = false;
     std::uint64_t pause_index_ = 0; // the last packet before it
     bool away_ = false;

@@ -245,6 +245,10 @@ void Multiplex::fault(const std::string& words) {
         tail_ = std::stoll(w.at(1));
         return;
     }
+    if (what == "quiet") {
+        quiet_ = std::stod(w.at(1));
+        return;
+    }
     if (what == "arrive") {
         arrivals_us_ = std::stod(w.at(1));
         return;
@@ -388,6 +392,10 @@ void Multiplex::play(Stream& stream, double tick, const std::function<void(doubl
             stream.own_drops();
         const auto utc_us = static_cast<std::int64_t>(std::llround(now * 1000));
         stream.packet(sent_[i].bytes.data(), {i * packet_size, ticks(now), utc_us, sent_[i].right});
+    }
+    for (const double end = now + quiet_; next < end; next += tick) {
+        told(now = next);
+        stream.tick(ticks(next), no_time);
     }
     if (tail_ > 0)
         stream.truncated(sent_.size() * packet_size, tail_);

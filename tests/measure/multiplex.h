@@ -23,6 +23,7 @@
 //   shift PID MS D    stamps are D ms more       stop PID MS TO   null packets, or nothing, instead
 //   tei PID MS N, wrong PID MS N, scramble PID MS TO   N of them: error bit, sync byte; to a time
 //   away MS TO        nothing comes           own PID MS N    N of them are dropped by the host
+//   quiet MS          the host waits so long behind the last packet
 //   end MS, tail BYTES, arrive US, then STREAM   the end; times of arrival; a capture behind it
 #pragma once
 
@@ -64,6 +65,7 @@ class Multiplex {
     std::vector<Sent> sent_;
     bool constant_ = false;
     double arrivals_us_ = 0;
+    double quiet_ = 0;
     std::int64_t tail_ = 0;
 };
 
