@@ -4,6 +4,7 @@
 // have a right sync byte, and pids and counters near each other so that they meet in the rules.
 #include <algorithm>
 #include <cstdlib>
+#include <set>
 #include <span>
 #include <vector>
 
@@ -26,7 +27,7 @@ void must(bool holds) {
 }
 
 struct Host : Sink {
-    explicit Host(std::uint8_t flags) : stream(options(flags), *this) {}
+    explicit Host(std::uint8_t flags) : live(flags & 128), stream(options(flags), *this) {}
     static Options options(std::uint8_t flags) {
         Options o;
         o.profile = static_cast<Profile>(flags & 3);
@@ -35,6 +36,7 @@ struct Host : Sink {
         o.dvb = flags & 8;
         if (flags & 16)
             o.program = 1;
+        o.live = flags & 128;
         return o;
     }
     void finding(const Finding& f) override {
@@ -43,6 +45,13 @@ struct Host : Sink {
         must(f.begin.time == no_time || f.begin.time >= 0);
         must(f.shape == Shape::interval || (f.begin.packet == f.end.packet && !f.open));
         must(!f.detail.lost || *f.detail.lost >= 0);
+        must((f.id != 0) == (live && f.shape == Shape::interval));
+        must((f.state == State::event) == (f.id == 0));
+        if (f.state == State::raise) {
+            must(f.open && open.insert(f.id).second);
+            return;
+        }
+        must(f.id == 0 || open.erase(f.id) == 1);
         findings += f.count;
     }
     void send(ts::packet p, bool right = true) {
@@ -71,8 +80,18 @@ struct Host : Sink {
             counted += r.count;
         }
         must(counted == findings); // whatever was made one of several
+        must(open.empty());
+        const Counters figures = stream.counters();
+        for (const RuleInfo& r : rule_table)
+            for (const Severity severity : {Severity::info, Severity::warning, Severity::error}) {
+                counted -= figures.findings.at(r.rule, severity);
+                must(figures.open.at(r.rule, severity) == 0);
+            }
+        must(counted == 0);
     }
 
+    const bool live;
+    std::set<std::uint64_t> open; // ids of intervals
     Stream stream;
     std::uint64_t index = 0;
     std::uint64_t findings = 0;
@@ -157,6 +176,10 @@ void record(Host& host, std::uint8_t what, std::uint8_t with, std::span<const st
     default:
         host.arrival = (host.arrival == no_time ? 0 : host.arrival) +
                        static_cast<Ticks>(value % (10 * ticks_per_second));
+        if (with & 1)
+            host.stream.own_drops();
+        for (unsigned n = 0; n < with / 2; ++n)
+            host.stream.tick(host.arrival += Ticks{250} * ticks_per_ms, no_time);
     }
 }
 
