@@ -202,8 +202,9 @@ void apply_unreferenced(Job& job) {
     Packet p = null_packet();
     set_pid(p, pid);
     // From the last to the first: what is added moves what stands behind it.
-    for (double t = length; t >= 0; t -= 0.05) {
-        ts.add(ts.at(from + t), {p});
+    constexpr double every = 0.05;
+    for (int back = 0; length - back * every >= 0; ++back) {
+        ts.add(ts.at(from + length - back * every), {p});
     }
     ts.settle(pid);
     const auto added = ts.of(pid);
