@@ -203,10 +203,11 @@ void Findings::going_on(Finding&& f) {
     if (!wanted(f) || raised(f.id))
         return;
     const auto begun = begun_.find(f.id);
+    const std::uint64_t id = f.id;
     if (begun != begun_.end())
         begun->second.finding = std::move(f);
     else if (begun_.size() < begun_max)
-        begun_.emplace(f.id, Begun{std::move(f), now_});
+        begun_.emplace(id, Begun{std::move(f), now_});
 }
 
 bool Findings::raise_is_due(const Finding& f, const Place& now) {
