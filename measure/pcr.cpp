@@ -143,9 +143,12 @@ void PcrRules::look(const Place& now, std::optional<std::uint16_t> clock) {
     if (options_.profile == Profile::segment)
         return;
     for (auto& [pid, state] : states_) {
-        const Ticks since = now.time - state.last_place.time;
         const bool follows = pid == clock && pid != own_; // the clock comes to it only now
-        if (!state.announced || !state.last || since <= options_.limits.pcr_gap || follows)
+        if (!state.announced || !state.last || state.last_place.time == no_time ||
+            now.time == no_time || follows)
+            continue;
+        const Ticks since = now.time - state.last_place.time;
+        if (since <= options_.limits.pcr_gap)
             continue;
         if (state.interval == 0)
             state.interval = output_.new_id();

@@ -103,6 +103,7 @@ TEST_F(Network, what_is_gone_is_told_and_comes_back) {
     EXPECT_TRUE(named.wait_state("waiting: listening at 239.1.1.1:5000 on out0; it was away for "));
     send();
     EXPECT_TRUE(named.wait_state("up: datagrams come again; it was away for "));
+    EXPECT_TRUE(named.wait_packets(14)); // told behind the state
     EXPECT_EQ(named.seen().raw.size(), 2U);
     EXPECT_EQ(named.seen().wrong, "");
 }
