@@ -140,7 +140,9 @@ void Service::reload() {
 }
 
 bool Service::over() const {
-    return std::all_of(inputs_.begin(), inputs_.end(),
+    // None at all: they could not be opened again, and the next reload may mend that.
+    return !inputs_.empty() &&
+           std::all_of(inputs_.begin(), inputs_.end(),
                        [](const auto& watched) { return watched->channel.over(); });
 }
 
