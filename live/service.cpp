@@ -141,9 +141,9 @@ void Service::reload() {
 
 bool Service::over() const {
     // None at all: they could not be opened again, and the next reload may mend that.
-    return !inputs_.empty() &&
-           std::all_of(inputs_.begin(), inputs_.end(),
-                       [](const auto& watched) { return watched->channel.over(); });
+    return !inputs_.empty() && std::all_of(inputs_.begin(), inputs_.end(), [](const auto& watched) {
+        return watched->channel.over();
+    });
 }
 
 bool Service::healthy() const {
