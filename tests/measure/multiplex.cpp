@@ -189,7 +189,7 @@ struct Multiplex::Source {
                 s.pcr(next->fields.pid, 0);
             else
                 s.add(next->fields);
-            Sent one{s.packets().back(), origin + now, true, {}};
+            Sent one{s.packets().back(), origin + now, true, {}, {}};
             if (!idle && next->pcr)
                 set_pcr(one.bytes, std::llround((start + now) * ticks_per_ms));
             if (!idle)
@@ -233,8 +233,8 @@ void Multiplex::recount(unsigned pid, std::size_t from, int by, std::size_t most
 void Multiplex::fault(const std::string& words) {
     const auto w = split(words, ' ');
     const std::string& what = w.at(0);
-    const bool timed =
-        what == "away" || what == "cut" || what == "resend" || what == "swap7" || what == "end";
+    const bool timed = what == "away" || what == "cut" || what == "resend" || what == "swap7" ||
+                       what == "end" || what == "datagram";
     const std::string pid = timed || w.size() < 2 ? "*" : w[1];
     const auto arg = [&](std::size_t i, double otherwise = 0) {
         i -= timed ? 1 : 0;
@@ -281,6 +281,15 @@ void Multiplex::fault(const std::string& words) {
         if (what == "cut")
             sent_.at(at).loss = SyncLoss{Kind::missing, at * packet_size, at * packet_size + 1,
                                          static_cast<std::int64_t>(arg(4))};
+    } else if (what == "datagram") {
+        const std::string& kind = w.at(2);
+        const auto n = static_cast<std::ptrdiff_t>(arg(4));
+        if (kind == "loss")
+            sent_.erase(place, place + 7 * n);
+        sent_.at(at).datagrams = {kind == "loss"    ? Kind::loss
+                                  : kind == "order" ? Kind::order
+                                                    : Kind::duplicate,
+                                  n, 7 * n};
     } else if (what == "again") {
         const Sent copy = *place;
         sent_.insert(place + 1, count(3), copy);
@@ -351,11 +360,15 @@ void Multiplex::feed(Stream& stream, std::size_t piece) const {
     for (std::size_t i = 0; i < sent_.size();) {
         if (sent_[i].loss)
             stream.sync_loss(*sent_[i].loss);
+        if (sent_[i].datagrams)
+            stream.datagrams(*sent_[i].datagrams);
         if (sent_[i].own_drops)
             stream.own_drops();
         std::size_t n = 0; // packets that need no telling
-        while (piece > 0 && arrivals_us_ == 0 && n < piece && i + n < sent_.size() &&
-               sent_[i + n].right && (n == 0 || (!sent_[i + n].loss && !sent_[i + n].own_drops)))
+        while (
+            piece > 0 && arrivals_us_ == 0 && n < piece && i + n < sent_.size() &&
+            sent_[i + n].right &&
+            (n == 0 || (!sent_[i + n].loss && !sent_[i + n].datagrams && !sent_[i + n].own_drops)))
             ++n;
         PacketInfo info;
         info.byte = i * packet_size;
@@ -388,6 +401,8 @@ void Multiplex::play(Stream& stream, double tick, const std::function<void(doubl
         told(now);
         if (sent_[i].loss)
             stream.sync_loss(*sent_[i].loss);
+        if (sent_[i].datagrams)
+            stream.datagrams(*sent_[i].datagrams);
         if (sent_[i].own_drops)
             stream.own_drops();
         const auto utc_us = static_cast<std::int64_t>(std::llround(now * 1000));

@@ -23,8 +23,9 @@
 //   shift PID MS D    stamps are D ms more       stop PID MS TO   null packets, or nothing, instead
 //   tei PID MS N, wrong PID MS N, scramble PID MS TO   N of them: error bit, sync byte; to a time
 //   away MS TO        nothing comes           own PID MS N    N of them are dropped by the host
-//   quiet MS          the host waits so long behind the last packet
-//   end MS, tail BYTES, arrive US, then STREAM   the end; times of arrival; a capture behind it
+//   datagram MS KIND N   the input tells of N datagrams (loss, order, duplicate); lost ones are
+//   gone quiet MS          the host waits so long behind the last packet end MS, tail BYTES, arrive
+//   US, then STREAM   the end; times of arrival; a capture behind it
 #pragma once
 
 #include <functional>
@@ -42,7 +43,8 @@ struct Sent {
     double ms = 0; // when, in the clean stream
     bool right = true;
     std::optional<SyncLoss> loss; // in front of it
-    bool own_drops = false;       // the same
+    std::optional<DatagramEvent> datagrams;
+    bool own_drops = false; // the same
 };
 
 class Multiplex {

@@ -1,4 +1,5 @@
 // PES headers as they come in packets, and what is counted between them.
+#include <set>
 #include <string>
 #include <vector>
 
@@ -150,6 +151,16 @@ TEST(Pes, CountsWhatCameSinceTheLastStart) {
     EXPECT_EQ(f.events.list[3].starts, 2u);
     EXPECT_EQ(f.front.starts(video), 3u);
     EXPECT_FALSE(f.front.follows(0x102)); // sections
+}
+
+// ISO/IEC 13818-1, table 2-34: what comes in sections has no PES headers to be wrong.
+TEST(Pes, FollowsStreamTypesThatComeInPesPackets) {
+    const std::set<unsigned> in_sections{0x05, 0x0A, 0x0B, 0x0C, 0x0D, 0x14, 0x16};
+    for (unsigned type = 1; type < 0x20; ++type) {
+        Fixture f;
+        f.front.programs(announced(static_cast<std::uint8_t>(type), Codec::unknown));
+        EXPECT_EQ(f.front.follows(audio), !in_sections.contains(type)) << type;
+    }
 }
 
 /// A PES packet of AC-3, so many frames of 128 bytes and 32 ms, of which `missing` bytes never

@@ -53,7 +53,8 @@ std::string line(const Finding& f) {
     const Detail& d = f.detail;
     figure("lost", d.lost), figure("bytes", d.bytes), figure("ms", d.interval_ms);
     figure("step", d.step_ms), figure("ns", d.error_ns), figure("late", d.late_ms);
-    figure("packets", d.packets), figure("away", d.away_ms), figure("worst", d.worst);
+    figure("datagrams", d.datagrams), figure("packets", d.packets), figure("away", d.away_ms),
+        figure("worst", d.worst);
     for (const std::uint16_t pid : d.pids)
         text += " +" + std::to_string(pid);
     if (f.sure != Sure::exact)

@@ -182,11 +182,11 @@ bytes not_current(bytes section) {
         section.push_back(static_cast<std::uint8_t>(crc >> (24 - 8 * i)));
     return section;
 }
-bytes service(unsigned id, const char* name, unsigned running = 4) {
-    const bytes d = ts::descriptor(
-        0x48, bytes{1, 4} + text("Prov") +
-                  bytes{static_cast<std::uint8_t>(std::char_traits<char>::length(name))} +
-                  text(name));
+bytes service(unsigned id, const char* name, unsigned running = 4, const char* provider = "Prov") {
+    const auto counted = [](const char* t) {
+        return bytes{static_cast<std::uint8_t>(std::char_traits<char>::length(t))} + text(t);
+    };
+    const bytes d = ts::descriptor(0x48, bytes{1} + counted(provider) + counted(name));
     return bytes{0, static_cast<std::uint8_t>(id), 0xFC, static_cast<std::uint8_t>(running << 5),
                  static_cast<std::uint8_t>(d.size())} +
            d;
@@ -305,7 +305,9 @@ TEST(Tables, Followed) {
            sdt(service(1, "News 2") + service(2, "Two", 1), 1),
            {"q.4 1 2, ~service 1 [News (Prov)|News 2 (Prov)], "
             "+service 2 [|Two (Prov), not running]"}},
-          {17, sdt(service(1, "News 2"), 2), {"q.4 2, -service 2 [Two (Prov), not running|]"}}}},
+          {17, sdt(service(1, "News 2"), 2), {"q.4 2, -service 2 [Two (Prov), not running|]"}},
+          {17, sdt(service(1, "News 2", 4, ""), 3), {"q.4 1, ~service 1 [News 2 (Prov)|News 2]"}},
+          {17, sdt(service(1, "", 4, ""), 4), {"q.4 1, ~service 1 [News 2|unnamed]"}}}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
