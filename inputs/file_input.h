@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "framer.h"
+#include "history.h"
 #include "input.h"
 #include "source.h"
 
@@ -12,7 +13,8 @@ namespace quarn::inputs {
 
 class FileInput : public Input {
   public:
-    FileInput(std::unique_ptr<Source> source, const Layout& layout);
+    /// `keep`: see OpenOptions.
+    FileInput(std::unique_ptr<Source> source, const Layout& layout, std::size_t keep);
 
     Status read(Sink& sink) override;
     const Error& error() const override { return error_; }
@@ -20,12 +22,15 @@ class FileInput : public Input {
     std::uint64_t bytes_read() const override { return source_->bytes_read(); }
     std::optional<std::uint64_t> bytes_total() const override { return source_->bytes_total(); }
     std::optional<Flow> flow() const override { return {}; }
+    Kept kept() const override;
+    std::size_t read_again(std::uint64_t from, std::span<std::uint8_t> into) override;
 
   private:
     void make_room();
 
     std::unique_ptr<Source> source_;
     Framer framer_;
+    std::optional<History> history_; // of a pipe
     int packet_size_;
     Error error_;
     // What the framer has not done yet lies in front of where the next part is read to.

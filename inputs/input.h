@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -39,6 +40,9 @@ struct OpenOptions {
     /// Looked at whenever waiting for input was interrupted by a signal: set, the input is at its
     /// end, without a word on what was not decided by then. Must outlive the input.
     const std::atomic<bool>* stop = nullptr;
+    /// Of what cannot be read twice (pipes, captures of a network) so many bytes are kept for
+    /// Input::read_again(), allocated when it is opened.
+    std::size_t keep = 0;
 };
 
 /// Datagrams to one address and port that hold transport packets.
@@ -74,6 +78,20 @@ class Input {
     virtual std::optional<std::uint64_t> bytes_total() const = 0;
     /// Of a capture of a network: the flow that is read. Empty for others.
     virtual std::optional<Flow> flow() const = 0;
+
+    /// Bytes, by their offset in the input, that read_again() has: all of a regular file, of others
+    /// the last of what was read and kept. Of captures of a network these are packets of 188 bytes,
+    /// one behind the other.
+    struct Kept {
+        std::uint64_t begin = 0;
+        std::uint64_t end = 0;         // behind the last
+        std::size_t packet_size = 188; // 188, 192 or 204
+        bool complete = false;         // nothing is added by reading on
+    };
+    virtual Kept kept() const = 0;
+    /// Reads bytes from offset `from` on; fewer than asked for where there are no more, none where
+    /// they are not kept or cannot be read any more.
+    virtual std::size_t read_again(std::uint64_t from, std::span<std::uint8_t> into) = 0;
 };
 
 /// Opens a file by its name, or standard input for "-", and looks into it to find out what it is

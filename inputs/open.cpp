@@ -32,7 +32,7 @@ std::variant<std::unique_ptr<Input>, Error> open(const std::string& operand,
             return PcapInput::open(std::move(source), options);
         const bool whole = head.size() < look;
         if (const auto layout = find_layout(head, whole))
-            return std::make_unique<FileInput>(std::move(source), *layout);
+            return std::make_unique<FileInput>(std::move(source), *layout, options.keep);
         if (whole)
             break;
     }

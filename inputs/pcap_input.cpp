@@ -26,6 +26,8 @@ Error no_flow(const FlowTable& flows, const OpenOptions& options, bool cut) {
 std::variant<std::unique_ptr<Input>, Error> PcapInput::open(std::unique_ptr<Source> source,
                                                             const OpenOptions& options) {
     std::unique_ptr<PcapInput> input(new PcapInput(std::move(source)));
+    if (options.keep > 0)
+        input->history_.emplace(options.keep);
     auto error = input->begin();
     if (!error)
         error = input->choose(options);
@@ -79,7 +81,48 @@ std::optional<Error> PcapInput::choose(const OpenOptions& options) {
     return no_flow(flows, options, cut);
 }
 
+/// Keeps the packets of datagrams, which come one by one, on their way to a sink.
+class PcapInput::Keeper : public Sink {
+  public:
+    Keeper(History& history, Sink& sink) : history_(history), sink_(sink) {}
+
+    void packets(const std::uint8_t* first, std::size_t count, std::size_t stride,
+                 std::uint64_t byte) override {
+        for (std::size_t i = 0; i < count; ++i)
+            history_.append({first + i * stride, ts_packet_size});
+        sink_.packets(first, count, stride, byte);
+    }
+    void packet(const std::uint8_t* packet, const PacketInfo& info) override {
+        history_.append({packet, ts_packet_size});
+        sink_.packet(packet, info);
+    }
+    void sync_loss(const SyncLoss& loss) override { sink_.sync_loss(loss); }
+    void datagrams(const DatagramEvent& event) override { sink_.datagrams(event); }
+    void truncated(std::uint64_t byte, std::int64_t bytes) override {
+        sink_.truncated(byte, bytes);
+    }
+
+  private:
+    History& history_;
+    Sink& sink_;
+};
+
+Input::Kept PcapInput::kept() const {
+    return history_ ? Kept{history_->begin(), history_->end(), ts_packet_size, false} : Kept{};
+}
+
+std::size_t PcapInput::read_again(std::uint64_t from, std::span<std::uint8_t> into) {
+    return history_ ? history_->read(from, into) : 0;
+}
+
 Input::Status PcapInput::read(Sink& sink) {
+    if (!history_)
+        return read_part(sink);
+    Keeper keeper(*history_, sink);
+    return read_part(keeper);
+}
+
+Input::Status PcapInput::read_part(Sink& sink) {
     if (!stream_)
         stream_.emplace(sink);
     stream_->set_sink(sink);

@@ -8,6 +8,7 @@
 
 #include "datagram_stream.h"
 #include "flows.h"
+#include "history.h"
 #include "input.h"
 #include "pcap_file.h"
 #include "tape.h"
@@ -29,9 +30,14 @@ class PcapInput : public Input {
         return tape_.source().bytes_total();
     }
     std::optional<Flow> flow() const override;
+    Kept kept() const override;
+    std::size_t read_again(std::uint64_t from, std::span<std::uint8_t> into) override;
 
   private:
     explicit PcapInput(std::unique_ptr<Source> source) : tape_(std::move(source)) {}
+
+    class Keeper;
+    Status read_part(Sink& sink);
 
     std::optional<Error> choose(const OpenOptions& options);
     std::optional<Error> begin();
@@ -45,6 +51,7 @@ class PcapInput : public Input {
     Endpoint destination_;
     std::int64_t first_second_ = no_time;
     std::optional<DatagramStream> stream_;
+    std::optional<History> history_; // of the packets
     int packet_size_ = 188;
     Error error_;
 };

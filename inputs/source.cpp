@@ -103,6 +103,20 @@ std::optional<std::span<const std::uint8_t>> Source::peek(std::size_t count) {
     return std::span<const std::uint8_t>(peeked_).first(std::min(have, count));
 }
 
+std::size_t Source::read_at(std::uint64_t from, std::span<std::uint8_t> into) const {
+    std::size_t done = 0;
+    while (seekable_ && done < into.size()) {
+        const auto at = static_cast<off_t>(static_cast<std::uint64_t>(begin_) + from + done);
+        const ssize_t count = ::pread(fd_, into.data() + done, into.size() - done, at);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    return done;
+}
+
 bool Source::rewind() {
     if (!seekable_ || lseek(fd_, begin_, SEEK_SET) != begin_)
         return false;

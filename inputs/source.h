@@ -39,6 +39,9 @@ class Source {
     /// Goes back to where it began, if it is seekable.
     bool rewind();
 
+    /// Bytes from that offset on, wherever it stands; none if it is not seekable or that fails.
+    std::size_t read_at(std::uint64_t from, std::span<std::uint8_t> into) const;
+
     bool seekable() const { return seekable_; }
     bool stopped() const { return stop_ && stop_->load(std::memory_order_relaxed); }
     std::uint64_t bytes_read() const { return bytes_read_; }
