@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "cuts/input_cuts.h"
 #include "feed.h"
 #include "inputs/input.h"
 #include "measure/stream.h"
@@ -31,15 +32,23 @@ class Findings : public Sink {
     }
 
     void finding(const Finding& finding) override {
+        Extras extras;
+        if (auto cut = cuts_ ? cuts_->take(finding) : std::nullopt) {
+            extras.cut_file = std::move(cut->file);
+            extras.cut_packet = cut->packet;
+        }
         if (json_)
-            records_.finding(text_, finding);
+            records_.finding(text_, finding, extras);
         if (grouped_)
             groups_.add(finding);
         if (kept_)
-            kept_->add(finding);
+            kept_->add(finding, extras);
         if (text_.size() >= most_kept)
             flush();
     }
+
+    /// From now on what is found is cut out as well.
+    void cut(cuts::InputCuts& cuts) { cuts_ = &cuts; }
 
     void flush() {
         if (!text_.empty())
@@ -61,6 +70,7 @@ class Findings : public Sink {
     const Write& write_;
     Groups groups_;
     std::optional<KeptFindings> kept_;
+    cuts::InputCuts* cuts_ = nullptr;
     std::string text_;
 };
 
@@ -113,6 +123,15 @@ void write_page(const PageFile& page, const InputFacts& facts, const CommandLine
                                        : html_error_row(facts.name, error, page.link);
 }
 
+void tell_of(const cuts::InputCuts& cuts, const std::string& name, Judgement& judgement) {
+    for (const std::string& remark : cuts.remarks())
+        complain(judgement, name, remark);
+    if (cuts.trouble().empty())
+        return;
+    complain(judgement, "cuts of " + name, cuts.trouble());
+    judgement.status = status_error;
+}
+
 void report(const InputFacts& facts, const CommandLine& line, const Colours& colours,
             const Summary& summary, Findings& findings) {
     if (line.json)
@@ -129,7 +148,8 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
                 const std::optional<PageFile>& page, const Write& write,
                 const std::function<bool()>& go_on, Position& position) {
     Findings findings(name, line, write);
-    auto opened = inputs::open(name, {line.flow, nullptr});
+    const std::size_t keep = line.cuts.wanted() ? cuts::InputCuts::kept_bytes : 0;
+    auto opened = inputs::open(name, {line.flow, nullptr, keep});
     if (const auto* error = std::get_if<inputs::Error>(&opened)) {
         Judgement judgement = unreadable(name, *error, line, colours, findings);
         findings.flush();
@@ -141,16 +161,23 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
     if (line.json)
         findings.records().start(findings.text(), facts.packet_size, line.measure.profile);
 
+    std::optional<cuts::InputCuts> cuts;
+    if (line.cuts.wanted())
+        findings.cut(cuts.emplace(line.cuts, name, input, line.measure.bitrate));
     Stream stream(line.measure, findings);
     Feed feed(stream);
     inputs::Input::Status status = inputs::Input::Status::more;
     while (status == inputs::Input::Status::more && go_on()) {
         status = input.read(feed);
         position.read = input.bytes_read();
+        if (cuts)
+            cuts->turn();
     }
     if (status == inputs::Input::Status::more)
         return {status_error, {}, {}, false}; // nobody reads on
     stream.end();
+    if (cuts)
+        cuts->end();
 
     Judgement judgement;
     std::string error;
@@ -169,6 +196,8 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
         if (line.junit)
             junit_suite(judgement.ending.junit, name, summary, findings.groups());
     }
+    if (cuts)
+        tell_of(*cuts, name, judgement);
     if (page)
         write_page(*page, facts, line, summary, findings, stream.series(), error, judgement);
     findings.flush();

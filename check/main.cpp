@@ -115,6 +115,8 @@ int check_all(const CommandLine& line, const Colours& colours) {
     const std::vector<std::string> inputs = inputs_of(line);
     if (inputs.empty())
         std::cerr << "quarn-check: no input is in this shard\n";
+    if (line.cuts.wanted())
+        cuts::check_directory(line.cuts.directory);
     Target out(STDOUT_FILENO, "standard output");
     std::unique_ptr<Target> junit;
     if (line.junit) {

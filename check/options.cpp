@@ -79,6 +79,8 @@ void check_combination(const CommandLine& line) {
         refuse("--quiet", "goes not with --json: both say what standard output is");
     if (line.list && line.shard && !line.files.empty())
         refuse("--shard", "counts the lines of --list; name no FILE beside it");
+    if (!line.cuts.wanted() && !(line.cuts == cuts::Settings()))
+        refuse("--cut", "is missing: without it nothing is cut out");
     const auto dashes = std::count(line.files.begin(), line.files.end(), "-");
     if (dashes + (line.list == "-" ? 1 : 0) > 1)
         refuse("FILE", "standard input (\"-\") can be read only once");
@@ -102,6 +104,27 @@ void add_outputs(CLI::App& app, CommandLine& line) {
          "report.html", line.html);
     with_value(app, "--explain", "ID", "Show the page on a rule, such as 1.4, and end",
                [&](const std::string& text) { line.explain = settings::rule_of(text); });
+}
+
+void add_cuts(CLI::App& app, cuts::Settings& cuts) {
+    with_value(app, "--cut", "DIR", "Write the packets around each finding to files in DIR",
+               [&](const std::string& text) {
+                   if (text.empty())
+                       refuse("--cut", "name a directory, such as cuts");
+                   cuts.directory = text;
+               });
+    with_value(app, "--cut-seconds", "S", "So long before and behind a finding (default: 2)",
+               [&](const std::string& text) {
+                   cuts.seconds = settings::seconds_of(text, 0, cuts::longest_seconds);
+               });
+    with_value(app, "--cut-files", "N", "At most so many files of an input (default: 100)",
+               [&](const std::string& text) {
+                   cuts.files = number<std::uint64_t>(text, 1, cuts::most_files);
+               });
+    with_value(app, "--cut-bytes", "SIZE", "At most so many bytes of an input (default: 1G)",
+               [&](const std::string& text) {
+                   cuts.bytes = settings::size_of(text, cuts::least_bytes, cuts::most_bytes);
+               });
 }
 
 void add_measuring(CLI::App& app, CommandLine& line, Given& given) {
@@ -159,6 +182,7 @@ std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
                          get_custom_app_info("quarn-check", "MPEG-TS capture checker", nullptr));
     add_inputs(app, line);
     add_outputs(app, line);
+    add_cuts(app, line.cuts);
     add_measuring(app, line, given);
     try {
         app.parse(argc, argv);

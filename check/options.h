@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "cuts/settings.h"
 #include "inputs/endpoint.h"
 #include "measure/options.h"
 
@@ -26,6 +27,7 @@ struct CommandLine {
     bool quiet = false;
     std::optional<std::string> junit; // file to write
     std::optional<std::string> html;  // page to write, of several inputs the overview
+    cuts::Settings cuts;
     std::optional<inputs::Endpoint> flow;
     unsigned jobs = 1;
     std::optional<Rule> explain; // nothing else is done then

@@ -14,7 +14,7 @@ void KeptFindings::Count::add(const Count& other) {
     first.add(other.first);
 }
 
-void KeptFindings::add(const Finding& f) {
+void KeptFindings::add(const Finding& f, const Extras& extras) {
     Kept kept{0, f.severity, f.begin, f.count, {}};
     const Key key{f.rule, f.pid ? *f.pid : -1};
     const auto known = kept_.find(key);
@@ -25,7 +25,7 @@ void KeptFindings::add(const Finding& f) {
         count(f.rule, kept);
         return;
     }
-    kept.seq = records_.finding(kept.record, f);
+    kept.seq = records_.finding(kept.record, f, extras);
     kept_[key].push_back(std::move(kept));
     if (++size_ > most)
         make_room();

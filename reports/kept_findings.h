@@ -23,7 +23,7 @@ class KeptFindings {
     /// `input`: its name, as records have it.
     explicit KeptFindings(std::string_view input) : records_(input) { records_.skip(); }
 
-    void add(const Finding& finding);
+    void add(const Finding& finding, const Extras& extras = {});
 
     struct Key {
         Rule rule;

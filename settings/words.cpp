@@ -28,6 +28,25 @@ E one_of(std::string_view text, const std::array<E, N>& all) {
     throw WrongValue(in_quotes(text) + " is none of " + joined(all, [](E e) { return word(e); }));
 }
 
+/// "1K", "200M", "17".
+std::string size_text(std::uint64_t bytes) {
+    constexpr std::string_view units = "KMG";
+    std::string unit;
+    for (const char next : units) {
+        if (bytes == 0 || bytes % 1024 != 0)
+            break;
+        bytes /= 1024;
+        unit = next;
+    }
+    return std::to_string(bytes) + unit;
+}
+
+std::string short_text(double number) {
+    std::array<char, 32> text;
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
+    return {text.data(), end};
+}
+
 } // namespace
 
 std::string in_quotes(std::string_view text) {
@@ -77,6 +96,32 @@ Profile profile_of(std::string_view text) {
 
 Severity least_severity_of(std::string_view text) {
     return one_of(text, std::array{Severity::error, Severity::warning});
+}
+
+std::uint64_t size_of(std::string_view text, std::uint64_t least, std::uint64_t most) {
+    constexpr std::string_view units = "KMG";
+    constexpr unsigned bits_a_unit = 10;
+    std::uint64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, wrong] = std::from_chars(text.data(), end, value);
+    const std::string_view unit(rest, static_cast<std::size_t>(end - rest));
+    const std::size_t power = unit.empty() ? 0 : units.find(unit) + 1;
+    const bool known = wrong == std::errc{} && unit.size() <= 1 && (unit.empty() || power > 0);
+    const auto bits = static_cast<unsigned>(power) * bits_a_unit;
+    if (!known || value > most >> bits || value << bits < least)
+        throw WrongValue(in_quotes(text) + " is no size from " + size_text(least) + " to " +
+                         size_text(most) + ", such as 200M");
+    return value << bits;
+}
+
+double seconds_of(std::string_view text, double least, double most) {
+    double value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, wrong] = std::from_chars(text.data(), end, value);
+    if (wrong != std::errc{} || rest != end || !(value >= least && value <= most))
+        throw WrongValue(in_quotes(text) + " is no number of seconds from " + short_text(least) +
+                         " to " + short_text(most));
+    return value;
 }
 
 void set_limit_of(std::string_view text, Limits& limits) {

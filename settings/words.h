@@ -3,6 +3,7 @@
 #pragma once
 
 #include <charconv>
+#include <cstdint>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -45,6 +46,11 @@ void set_limit_of(std::string_view text, Limits& limits);
 
 /// Throws WrongValue if no rule may be both.
 void check_rules(const Options& options);
+
+/// A number of bytes such as "200M", with K, M or G for 1024 and its powers. Throws WrongValue.
+std::uint64_t size_of(std::string_view text, std::uint64_t least, std::uint64_t most);
+/// Seconds, with or without a fraction. Throws WrongValue.
+double seconds_of(std::string_view text, double least, double most);
 
 /// A whole number from `least` to `most`. Throws WrongValue.
 template <class T>
