@@ -15,6 +15,9 @@ constexpr Ticks before_jump = 200 * ticks_per_ms;
 constexpr double noticeable = 60e-6 * ticks_per_second;
 constexpr double no_nulls = 0.001;
 constexpr std::int64_t datagram_packets = 7;
+// Breaks that are looked at to find those that share what is missing with another one. More within
+// its 0.6 s come from hostile senders only, whose breaks must not keep their host from its work.
+constexpr unsigned most_beside = 1000;
 
 /// Packets of an error, if it is a whole number of them.
 std::optional<std::int64_t> whole_packets(double error, double tpp) {
@@ -43,10 +46,7 @@ void Losses::programs(const ProgramsPtr& programs) {
 void Losses::counter_break(const CounterBreak& fault) {
     Break b;
     b.fault = fault;
-    const auto behind = std::find_if(breaks_.rbegin(), breaks_.rend(), [&](const Break& x) {
-        return x.fault.at.index <= fault.at.index;
-    });
-    breaks_.insert(behind.base(), b);
+    breaks_.emplace(fault.at.index, b);
 }
 
 void Losses::damaged(std::uint16_t pid, std::uint64_t index) {
@@ -76,7 +76,7 @@ void Losses::pes(const PesEvent& event, const Place& place, double per_second, d
     const auto stamp = event.dts ? event.dts : event.pts;
     Break* mine = nullptr;
     unsigned several = 0;
-    for (Break& b : breaks_)
+    for (auto& [index, b] : breaks_)
         if (b.fault.pid == event.pid && !b.pes_seen && b.fault.at.index <= at &&
             b.fault.before.index >= t.start) {
             mine = &b;
@@ -401,47 +401,67 @@ void Losses::name_variable(Break& b, const StreamClock& clock) {
 
 void Losses::advance(const StreamClock& clock, const Place& now, bool at_end) {
     while (!breaks_.empty()) {
-        const Break& first = breaks_.front();
-        const bool covered = first.fault.at.index <= clock.known_to();
-        const Ticks time = clock.place(first.fault.at).time;
+        const CounterBreak& first = breaks_.begin()->second.fault;
+        const bool covered = first.at.index <= clock.known_to();
+        const Ticks time = clock.place(first.at).time;
         const bool old = now.time != no_time && time != no_time
                              ? now.time >= time + wait
-                             : now.packet >= first.fault.at.index + 10'000;
+                             : now.packet >= first.at.index + 10'000;
         if (!at_end && (!covered || !old))
             break;
-        std::vector<Break*> cluster = {&breaks_.front()};
-        std::uint64_t to = breaks_.front().fault.at.index;
-        for (std::size_t k = 1; k < breaks_.size();
-             ++k) { // breaks in the same intervals share what is missing
-            Break& b = breaks_[k];
-            bool together = false;
-            for (const ClockInterval& i : intervals_)
-                together =
-                    together ||
-                    (b.fault.at.index > i.from.at.index && b.fault.before.index < i.to.at.index &&
-                     to > i.from.at.index && first.fault.before.index < i.to.at.index &&
-                     std::abs(i.error) > clock.rate().ticks_per_packet() / 4);
-            const Ticks apart = clock.place(b.fault.at).time - time;
-            if (!together || apart > wait)
-                continue;
-            cluster.push_back(&b);
-            to = std::max(to, b.fault.at.index);
-        }
-        for (Break* b : cluster)
-            b->follows = follows(*b, clock);
-        std::vector<Break*> own;
-        std::copy_if(cluster.begin(), cluster.end(), std::back_inserter(own),
-                     [](const Break* b) { return !b->follows; });
-        if (!own.empty())
-            name(own, clock);
-        for (Break* b : cluster) {
-            b->decided = true;
-            emit(*b, clock);
-        }
-        std::erase_if(breaks_, [](const Break& b) { return b.decided; });
+        const auto together = first_cluster(clock);
+        decide(together, clock);
+        for (const auto& member : together)
+            breaks_.erase(member);
     }
     silent_losses(clock, now, at_end);
     forget(now);
+}
+
+// The first break, and those behind it in the same intervals: they share what is missing.
+std::vector<Losses::Breaks::iterator> Losses::first_cluster(const StreamClock& clock) {
+    std::vector<Breaks::iterator> cluster = {breaks_.begin()};
+    const CounterBreak& first = breaks_.begin()->second.fault;
+    std::vector<const ClockInterval*> uneven; // in order, each behind the one before
+    for (auto i = intervals_.rbegin(); i != intervals_.rend(); ++i) {
+        if (i->to.at.index <= first.before.index)
+            break;
+        if (std::abs(i->error) > clock.rate().ticks_per_packet() / 4)
+            uneven.push_back(&*i);
+    }
+    std::reverse(uneven.begin(), uneven.end());
+    const Ticks time = clock.place(first.at).time;
+    std::uint64_t to = first.at.index;
+    unsigned looked_at = 0;
+    for (auto next = std::next(breaks_.begin());
+         next != breaks_.end() && !uneven.empty() && looked_at < most_beside; ++next, ++looked_at) {
+        const CounterBreak& fault = next->second.fault;
+        if (clock.place(fault.at).time - time > wait)
+            break;
+        const auto touched =
+            std::partition_point(uneven.begin(), uneven.end(), [&](const ClockInterval* i) {
+                return i->to.at.index <= fault.before.index;
+            });
+        if (touched == uneven.end() || (*touched)->from.at.index >= std::min(fault.at.index, to))
+            continue;
+        cluster.push_back(next);
+        to = std::max(to, fault.at.index);
+    }
+    return cluster;
+}
+
+void Losses::decide(const std::vector<Breaks::iterator>& together, const StreamClock& clock) {
+    std::vector<Break*> own;
+    for (const auto& member : together) {
+        Break& b = member->second;
+        b.follows = follows(b, clock);
+        if (!b.follows)
+            own.push_back(&b);
+    }
+    if (!own.empty())
+        name(own, clock);
+    for (const auto& member : together)
+        emit(member->second, clock);
 }
 
 void Losses::emit(const Break& b, const StreamClock& clock) {
@@ -623,9 +643,9 @@ const Losses::Shortfall* Losses::shortfall(std::uint64_t from, std::uint64_t to,
 }
 
 void Losses::forget(const Place& now) {
-    while (
-        !intervals_.empty() && intervals_.front().end_time + kept < now.time &&
-        (breaks_.empty() || intervals_.front().to.at.index <= breaks_.front().fault.before.index))
+    while (!intervals_.empty() && intervals_.front().end_time + kept < now.time &&
+           (breaks_.empty() ||
+            intervals_.front().to.at.index <= breaks_.begin()->second.fault.before.index))
         intervals_.pop_front();
     while (intervals_.size() > 4096)
         intervals_.pop_front();

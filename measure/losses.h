@@ -50,7 +50,6 @@ class Losses {
   private:
     struct Break {
         CounterBreak fault;
-        bool decided = false;
         Kind kind = Kind::loss;
         std::int64_t lost = 0;
         Sure sure = Sure::modulo_16;
@@ -61,7 +60,8 @@ class Losses {
         bool frames_seen = false;
         bool pes_seen = false;
     };
-    struct Traffic { // of a pid over the last seconds
+    using Breaks = std::multimap<std::uint64_t, Break>; // by packet
+    struct Traffic {                                    // of a pid over the last seconds
         std::deque<PidSpan> spans;
         std::uint64_t lost = 0;
         std::optional<std::int64_t> stamp; // of the last PES start that had one
@@ -84,6 +84,8 @@ class Losses {
         bool main = false;
     };
 
+    std::vector<Breaks::iterator> first_cluster(const StreamClock& clock);
+    void decide(const std::vector<Breaks::iterator>& together, const StreamClock& clock);
     void name(std::vector<Break*>& cluster, const StreamClock& clock);
     void name_constant(std::vector<Break*>& cluster, std::int64_t missing,
                        const StreamClock& clock);
@@ -109,7 +111,7 @@ class Losses {
     Output& output_;
     const bool live_;
     ProgramsPtr programs_;
-    std::deque<Break> breaks_;
+    Breaks breaks_;
     std::deque<ClockInterval> intervals_;
     std::uint64_t silent_from_ =
         0; // intervals up to this packet were looked at for losses without a break
