@@ -1,18 +1,58 @@
 #include "tell.h"
 
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "reports/text.h"
 
 namespace quarn::live {
 
+namespace {
+
+std::mutex mutex; // guards unread, and keeps lines of several threads whole
+std::uint64_t unread = 0;
+
+/// A pipe that has room takes PIPE_BUF bytes without waiting, a socket says by itself.
+bool write_some(const char* bytes, std::size_t& size) {
+    ssize_t n = ::send(STDERR_FILENO, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) {
+        pollfd ready{STDERR_FILENO, POLLOUT, 0};
+        if (::poll(&ready, 1, 0) <= 0)
+            return false;
+        n = ::write(STDERR_FILENO, bytes, std::min<std::size_t>(size, PIPE_BUF));
+    }
+    size = n < 0 ? 0 : static_cast<std::size_t>(n);
+    return n > 0;
+}
+
+bool write_line(const std::string& line) {
+    for (std::size_t done = 0; done < line.size();) {
+        std::size_t size = line.size() - done;
+        if (!write_some(line.data() + done, size))
+            return false;
+        done += size;
+    }
+    return true;
+}
+
+} // namespace
+
 void tell(std::string_view text) {
     const std::string line = "quarn-live: " + printable(text) + "\n";
-    // One write, so that lines of several threads stay whole. Nothing can be done where it fails.
-    if (::write(STDERR_FILENO, line.data(), line.size()) < 0)
-        return;
+    const std::lock_guard lock(mutex);
+    if (unread > 0 && write_line("quarn-live: " + std::to_string(unread) +
+                                 " lines found no reader and were left out\n"))
+        unread = 0;
+    if (unread > 0 || !write_line(line))
+        ++unread;
 }
 
 } // namespace quarn::live
