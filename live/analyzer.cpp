@@ -46,6 +46,16 @@ std::string invariant_in(std::string_view text) {
     return last_line(text.substr(0, end));
 }
 
+// Of a process that said nothing itself.
+std::string how_it_ended(int status) {
+    if (status == -1)
+        return "nobody knows how";
+    if (WIFSIGNALED(status))
+        return "by signal " + std::to_string(WTERMSIG(status)) + " (" +
+               sigdescr_np(WTERMSIG(status)) + ")";
+    return "with status " + std::to_string(WEXITSTATUS(status));
+}
+
 template <std::size_t N>
 void copy(std::array<char, N>& to, const std::string& from) {
     std::snprintf(to.data(), to.size(), "%s", from.c_str());
@@ -108,15 +118,16 @@ void Analyzer::reopen() {
 }
 
 void Analyzer::stop() {
+    if (end_by_ == std::chrono::steady_clock::time_point{})
+        end_by_ = std::chrono::steady_clock::now() + end_after;
     memory_.shared().end_wanted = 1;
     ring_bell();
 }
 
 void Analyzer::end() {
     stop();
-    const auto deadline = std::chrono::steady_clock::now() + end_after;
     while (running() && !process_.reap()) {
-        if (std::chrono::steady_clock::now() >= deadline)
+        if (std::chrono::steady_clock::now() >= end_by_)
             process_.kill();
         listen();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -267,6 +278,8 @@ AnalyzerEnd Analyzer::obituary(int status) const {
     } else if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == worker_cannot_run) {
         end.reason = Reason::cannot_run;
     }
+    if (end.text.empty())
+        end.text = how_it_ended(status);
     if (shared.in_packet) {
         end.packet.assign(shared.packet.begin(), shared.packet.end());
         end.packet_index = shared.packet_index;

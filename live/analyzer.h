@@ -13,6 +13,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -76,7 +77,7 @@ class Analyzer {
     void reopen();
     /// Asks the process to analyse what waits, write its last statistics and end.
     void stop();
-    /// stop(), and waits until it has ended; ends it after 5 s.
+    /// stop(), and waits until it has ended; ends it 5 s after stop() was first called.
     void end();
 
     pid_t pid() const { return process_.pid(); } // 0: none
@@ -134,6 +135,7 @@ class Analyzer {
     std::int64_t delay_;    // before the next start
     std::int64_t progress_; // when it last took something, or nothing waited
     std::uint32_t position_ = 0;
+    std::chrono::steady_clock::time_point end_by_{}; // once it was told to
 };
 
 } // namespace quarn::live
