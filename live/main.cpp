@@ -55,7 +55,8 @@ class Signals {
         for (const int signal : {SIGINT, SIGTERM, SIGHUP})
             ::sigaddset(&all, signal);
         ::sigprocmask(SIG_BLOCK, &all, nullptr);
-        ::signal(SIGPIPE, SIG_IGN);
+        for (const int signal : {SIGPIPE, SIGXFSZ}) // told by errors of writing
+            ::signal(signal, SIG_IGN);
         fd_ = ::signalfd(-1, &all, SFD_CLOEXEC | SFD_NONBLOCK);
         wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     }

@@ -17,18 +17,29 @@ namespace quarn::live {
 namespace {
 constexpr std::chrono::seconds try_again{1};
 constexpr int poll_ms = 100;
+
+bool same_file(int a, int b) {
+    struct stat one {};
+    struct stat other {};
+    return ::fstat(a, &one) == 0 && ::fstat(b, &other) == 0 && one.st_dev == other.st_dev &&
+           one.st_ino == other.st_ino;
+}
 } // namespace
 
 RecordFile::RecordFile(std::string path, std::function<void()> reader_gone)
     : path_(std::move(path)), reader_gone_(std::move(reader_gone)) {
     open();
     if (fd_ < 0)
-        throw std::system_error(errno, std::generic_category(), "findings file " + path_);
+        throw std::system_error(errno, std::generic_category(), what());
 }
 
 RecordFile::~RecordFile() {
     if (fd_ > STDERR_FILENO)
         ::close(fd_);
+}
+
+std::string RecordFile::what() const {
+    return path_ == "-" ? "standard output" : "findings file " + path_;
 }
 
 void RecordFile::open() {
@@ -44,18 +55,19 @@ void RecordFile::open() {
 void RecordFile::reopen() {
     if (path_ == "-")
         return;
-    // A record that was begun in the old file stands whole in the new one.
     const int before = fd_;
     open();
     if (fd_ < 0) {
-        tell("findings file " + path_ + ": " + std::generic_category().message(errno) +
+        tell(what() + ": " + std::generic_category().message(errno) +
              "; the one that was open stays");
         fd_ = before;
         return;
     }
-    if (before >= 0)
-        ::close(before);
-    written_ = 0;
+    // A record that was begun in a file that was moved away stands whole in the new one; in one
+    // that was not it goes on where it stopped.
+    if (!same_file(before, fd_))
+        written_ = 0;
+    ::close(before);
     again_ = {};
 }
 
@@ -66,8 +78,7 @@ bool RecordFile::failed(int error) {
         return true;
     }
     if (!complained_)
-        tell("findings file " + path_ + ": " + std::generic_category().message(error) +
-             "; tried again every second");
+        tell(what() + ": " + std::generic_category().message(error) + "; tried again every second");
     complained_ = true;
     again_ = Clock::now() + try_again;
     return false;
@@ -82,7 +93,7 @@ bool RecordFile::write_some(const std::string& text) {
         return errno == EINTR || failed(errno);
     written_ += static_cast<std::size_t>(n);
     if (complained_)
-        tell("findings file " + path_ + ": is written again");
+        tell(what() + ": is written again");
     complained_ = false;
     return true;
 }

@@ -25,6 +25,7 @@ class RecordFile final : public Target {
 
   private:
     using Clock = std::chrono::steady_clock;
+    std::string what() const; // for people
     void open();
     bool write_some(const std::string& text);
     bool failed(int error);
