@@ -3,11 +3,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -39,35 +37,30 @@ class Target {
 /// Any thread may add records, and none ever waits: what does not fit is dropped and counted.
 class Lane {
   public:
-    /// At most so many records and bytes wait; what is dropped is added to `dropped`. Target and
-    /// count must outlive the lane.
-    Lane(Target& target, std::size_t most_records, std::size_t most_bytes,
+    /// At most so many records and bytes wait; what is dropped is added to `dropped`, which must
+    /// outlive the lane.
+    Lane(std::unique_ptr<Target> target, std::size_t most_records, std::size_t most_bytes,
          std::atomic<std::uint64_t>& dropped);
-    /// Goes on for up to `patience` with what waits, drops the rest.
+    /// Goes on for up to `patience` with what waits, drops the rest. A target that does not come
+    /// back from what it does is left to itself a little later, for the program ends nevertheless.
     ~Lane();
+    Lane(const Lane&) = delete;
+    Lane& operator=(const Lane&) = delete;
 
     void add(const Record& record);
     void reopen();
 
     static constexpr std::chrono::seconds patience{3};
+    static constexpr std::chrono::seconds longer{2};
 
   private:
-    void work();
-    bool step();
+    class Queue;
 
-    Target& target_;
     const std::size_t most_records_;
     const std::size_t most_bytes_;
     std::atomic<std::uint64_t>& dropped_;
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<Record> waiting_;
-    std::size_t bytes_ = 0; // of what waits
-    bool reopen_ = false;
-    bool ending_ = false;
-
-    std::thread thread_; // behind all that it uses
+    std::shared_ptr<Queue> queue_; // the thread's as well
+    std::thread thread_;
 };
 
 } // namespace quarn::live

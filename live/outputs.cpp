@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "record_file.h"
 #include "syslog_target.h"
+#include "tell.h"
 
 namespace quarn::live {
 
@@ -16,11 +17,14 @@ Outputs::Outputs(const Wanted& wanted, std::function<void()> reader_gone)
     change(wanted);
 }
 
-Outputs::Output Outputs::made(std::unique_ptr<Target> target, std::size_t most_waiting,
-                              std::atomic<std::uint64_t>& dropped) {
-    Output output{std::move(target), nullptr};
-    output.lane = std::make_unique<Lane>(*output.target, most_waiting, most_bytes, dropped);
-    return output;
+Outputs::~Outputs() {
+    for (Output* const output : {&file_, &syslog_, &exec_})
+        replace(*output, {});
+    if (records_dropped_ > 0)
+        tell(std::to_string(records_dropped_) + " records could not be written and were left out");
+    if (commands_dropped_ > 0)
+        tell("--exec: " + std::to_string(commands_dropped_) +
+             " findings found all commands at work and were left out");
 }
 
 /// The old one comes to its end without the lock: that may take seconds.
@@ -34,37 +38,39 @@ void Outputs::replace(Output& output, Output with) {
 
 void Outputs::change(const Wanted& wanted) {
     if (wanted.file != wanted_.file)
-        replace(file_, wanted.file ? made(std::make_unique<RecordFile>(*wanted.file, reader_gone_),
-                                          most_records, records_dropped_)
-                                   : Output{});
+        replace(file_, wanted.file ? std::make_unique<Lane>(
+                                         std::make_unique<RecordFile>(*wanted.file, reader_gone_),
+                                         most_records, most_bytes, records_dropped_)
+                                   : nullptr);
     if (wanted.syslog != wanted_.syslog) {
         replace(syslog_, {}); // first: there is one connection in a process
         if (wanted.syslog)
-            replace(syslog_, made(std::make_unique<SyslogTarget>(*wanted.syslog), most_records,
-                                  records_dropped_));
+            replace(syslog_, std::make_unique<Lane>(std::make_unique<SyslogTarget>(*wanted.syslog),
+                                                    most_records, most_bytes, records_dropped_));
     }
     if (wanted.exec != wanted_.exec)
-        replace(exec_, wanted.exec ? made(std::make_unique<Commands>(*wanted.exec),
-                                          Commands::most_waiting, commands_dropped_)
-                                   : Output{});
+        replace(exec_, wanted.exec ? std::make_unique<Lane>(
+                                         std::make_unique<Commands>(*wanted.exec),
+                                         Commands::most_waiting, most_bytes, commands_dropped_)
+                                   : nullptr);
     wanted_ = wanted;
 }
 
 void Outputs::add(const Record& record) {
     const std::lock_guard lock(mutex_);
-    if (file_.lane)
-        file_.lane->add(record);
+    if (file_)
+        file_->add(record);
     if (!record.finding)
         return;
     for (Output* const output : {&syslog_, &exec_})
-        if (output->lane)
-            output->lane->add(record);
+        if (*output)
+            (*output)->add(record);
 }
 
 void Outputs::reopen() {
     const std::lock_guard lock(mutex_);
-    if (file_.lane)
-        file_.lane->reopen();
+    if (file_)
+        file_->reopen();
 }
 
 } // namespace quarn::live

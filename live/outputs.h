@@ -26,6 +26,10 @@ class Outputs {
     /// `reader_gone`: called in another thread when nobody reads standard output any more. Throws
     /// std::system_error.
     Outputs(const Wanted& wanted, std::function<void()> reader_gone);
+    /// Tells how much was dropped in all, if anything was.
+    ~Outputs();
+    Outputs(const Outputs&) = delete;
+    Outputs& operator=(const Outputs&) = delete;
 
     /// Any thread; never waits for what is done with it.
     void add(const Record& record);
@@ -40,12 +44,7 @@ class Outputs {
     std::uint64_t commands_dropped() const { return commands_dropped_; }
 
   private:
-    struct Output {
-        std::unique_ptr<Target> target;
-        std::unique_ptr<Lane> lane; // goes before its target
-    };
-    Output made(std::unique_ptr<Target> target, std::size_t most_waiting,
-                std::atomic<std::uint64_t>& dropped);
+    using Output = std::unique_ptr<Lane>; // null: none
     void replace(Output& output, Output with);
 
     std::function<void()> reader_gone_;
