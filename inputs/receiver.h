@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stdexcept>
 
 #include "consumer.h"
 #include "moment.h"
@@ -9,6 +10,11 @@
 namespace quarn::inputs {
 
 class Receiver;
+
+/// Something else on this machine has the port of an input, which may yet give it up.
+struct PortTaken : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 /// Who tells a receiver that its descriptor can be read (of SRT: that its socket has an event).
 class Poller {

@@ -162,9 +162,8 @@ void SrtReceiver::listen() {
         return;
     const std::string error = srt_getlasterror_str();
     close_socket(listener_);
-    throw std::runtime_error("cannot listen for SRT at " + to_string(url_.endpoint) +
-                             ": the port is taken, or the address is not of this machine (" +
-                             error + ")");
+    throw PortTaken("cannot listen for SRT at " + to_string(url_.endpoint) +
+                    ": the port is taken, or the address is not of this machine (" + error + ")");
 }
 
 void SrtReceiver::call() {

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "receiver.h"
 #include "socket_address.h"
 
 namespace quarn::inputs {
@@ -114,8 +115,8 @@ void UdpSocket::bind_to(const InputUrl& url) {
         return;
     const std::string where = to_string(url.endpoint);
     if (errno == EADDRINUSE)
-        fail(where + " is taken: another program or input receives there, and each would miss what "
-                     "the other gets");
+        throw PortTaken(where + " is taken: another program or input receives there, and each "
+                                "would miss what the other gets");
     if (errno == EADDRNOTAVAIL)
         fail(where + " is not an address of this machine: name one of its own, or 0.0.0.0 or [::] "
                      "for all");

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "inputs/receiver.h"
 #include "tell.h"
 
 namespace quarn::live {
@@ -22,6 +23,17 @@ unsigned loops(const Settings& settings) {
     if (settings.loops > 0)
         return settings.loops;
     return std::clamp(std::thread::hardware_concurrency(), 1U, usual_loops);
+}
+
+using Url = inputs::InputUrl;
+
+bool binds_port(const Url& url) {
+    return url.datagrams() || (url.scheme == Url::Scheme::srt && url.mode == Url::Mode::listener);
+}
+
+/// Whether the one may have a port that the other needs.
+bool share_port(const Url& a, const Url& b) {
+    return binds_port(a) && binds_port(b) && a.endpoint.port == b.endpoint.port;
 }
 
 } // namespace
@@ -55,6 +67,8 @@ std::shared_ptr<Service::Watched> Service::opened(const InputSettings& input) {
     auto watched = std::make_shared<Watched>(input, outputs_);
     try {
         watched->handle = loops_.add(input.url, watched->channel);
+    } catch (const inputs::PortTaken& error) {
+        throw inputs::PortTaken(input.name + ": " + error.what());
     } catch (const std::runtime_error& error) {
         throw std::runtime_error(input.name + ": " + error.what());
     }
@@ -77,19 +91,31 @@ std::shared_ptr<Service::Watched> Service::same(const InputSettings& input) cons
     return found == inputs_.end() ? nullptr : *found;
 }
 
-bool Service::has_url(const InputSettings& input) const {
+/// Whether an input of which that holds is not among the next settings.
+bool Service::any_leaves(const Settings& next, const std::function<bool(const Url&)>& which) const {
     return std::any_of(inputs_.begin(), inputs_.end(), [&](const auto& watched) {
-        return watched->settings.url.text == input.url.text;
+        const InputSettings& old = watched->settings;
+        return which(old.url) &&
+               std::find(next.inputs.begin(), next.inputs.end(), old) == next.inputs.end();
     });
 }
 
-/// Inputs whose URL is new, all of them or none.
+/// New inputs, all of them or none, but for those that need what old ones have yet to give up.
 Service::Inputs Service::open_new(const Settings& next) {
     Inputs fresh;
     try {
-        for (const InputSettings& input : next.inputs)
-            if (!has_url(input))
+        for (const InputSettings& input : next.inputs) {
+            const Url& url = input.url;
+            if (same(input) ||
+                any_leaves(next, [&](const Url& old) { return old.text == url.text; }))
+                continue;
+            try {
                 fresh.push_back(opened(input));
+            } catch (const inputs::PortTaken&) {
+                if (!any_leaves(next, [&](const Url& old) { return share_port(old, url); }))
+                    throw;
+            }
+        }
         outputs_.change(wanted(next));
     } catch (...) {
         close_all(fresh);

@@ -54,7 +54,8 @@ class Service {
     std::unique_ptr<Http> server(const Settings& settings) const;
     void use(const Settings& next, const Inputs& fresh);
     std::shared_ptr<Watched> same(const InputSettings& input) const;
-    bool has_url(const InputSettings& input) const;
+    bool any_leaves(const Settings& next,
+                    const std::function<bool(const inputs::InputUrl&)>& which) const;
 
     const CommandLine line_;
     Settings settings_;
