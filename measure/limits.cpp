@@ -94,6 +94,10 @@ Limits limits_of(Profile profile) {
     return limits;
 }
 
+Ticks silence_limit(const Limits& limits) {
+    return std::max(2 * ticks_per_second, limits.off_air);
+}
+
 std::string set_limit(Limits& limits, std::string_view name, std::string_view value) {
     const auto row =
         std::find_if(named.begin(), named.end(), [&](const Named& r) { return r.name == name; });

@@ -50,6 +50,9 @@ struct Limits {
     bool operator==(const Limits&) const = default;
 };
 
+/// Live: an input that nothing has come from for longer than that is away (q.9). At least 2 s.
+Ticks silence_limit(const Limits& limits);
+
 /// The limits of a profile.
 Limits limits_of(Profile profile);
 

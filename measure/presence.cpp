@@ -228,6 +228,8 @@ void Presence::back(const Place& at, bool open) {
         away_for_ = std::max(away_for_, (at.utc_us - away_from_.utc_us) * 27);
     Finding f = make_off_air(away_from_, at, away_for_);
     f.open = open;
+    if (open)
+        f.end.utc_us = away_utc_us_;
     f.id = std::exchange(away_, 0);
     output_.finding(std::move(f));
 }

@@ -22,7 +22,6 @@ constexpr Ticks step_every = 50 * ticks_per_ms;
 constexpr Ticks look_every = 100 * ticks_per_ms;
 constexpr Ticks pause_after = 500 * ticks_per_ms; // without a packet
 constexpr Ticks clock_lags = 700 * ticks_per_ms;  // times are known that long behind the packets
-constexpr Ticks away_after = 2 * ticks_per_second;
 } // namespace
 
 class Stream::Impl {
@@ -139,6 +138,7 @@ class Stream::Impl {
     Timed timed_;
     FirstLook look_;
     Recorder recorder_;
+    const Ticks away_after_ = silence_limit(options_.limits);
     std::uint64_t index_ = 0;
     std::uint64_t next_step_ = 64;
     std::uint64_t untimed_to_ = 0;
@@ -171,7 +171,7 @@ void Stream::Impl::tick(Ticks now, std::int64_t utc_us) {
     }
     if (index_ > 0 && idle > clock_lags)
         timed_.wait(look_.last(), idle - clock_lags);
-    if (idle < away_after)
+    if (idle < away_after_)
         return;
     if (!away_ && index_ > 0)
         decide_all();

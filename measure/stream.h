@@ -52,7 +52,7 @@ struct DatagramEvent {
 ///
 /// With Options::live a host also calls tick(), at least four times a second. Then what is decided
 /// by a packet or a moment is handed over within two seconds of arrival, intervals are raised and
-/// cleared, and an input from which nothing comes for two seconds is told of (q.9).
+/// cleared, and an input from which nothing comes for silence_limit() is told of (q.9).
 class Stream {
   public:
     Stream(const Options& options, Sink& sink);

@@ -133,7 +133,10 @@ void Timed::wait(const At& last, Ticks time) {
 }
 
 void Timed::away(const At& last, Ticks time, std::int64_t utc_us) {
-    const Place before = started_ ? place(last) : Place{1, 0, no_time, utc_us, false};
+    // Without any packet it is away since the input was opened.
+    const std::int64_t opened_us =
+        utc_us == no_time ? no_time : utc_us - time / (ticks_per_ms / 1000);
+    const Place before = started_ ? place(last) : Place{1, 0, no_time, opened_us, false};
     if (!std::exchange(away_, true))
         begin_anew(before, before);
     presence_.away(before, time, utc_us);

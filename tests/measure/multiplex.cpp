@@ -396,7 +396,7 @@ void Multiplex::play(Stream& stream, double tick, const std::function<void(doubl
         now = std::max(now, sent_[i].ms);
         for (; next < now; next += tick) {
             told(next);
-            stream.tick(ticks(next), no_time);
+            stream.tick(ticks(next), std::llround(next * 1000));
         }
         told(now);
         if (sent_[i].loss)
@@ -410,7 +410,7 @@ void Multiplex::play(Stream& stream, double tick, const std::function<void(doubl
     }
     for (const double end = now + quiet_; next < end; next += tick) {
         told(now = next);
-        stream.tick(ticks(next), no_time);
+        stream.tick(ticks(next), std::llround(next * 1000));
     }
     if (tail_ > 0)
         stream.truncated(sent_.size() * packet_size, tail_);

@@ -143,6 +143,11 @@ struct LiveHost : Sink {
         const double moment = f.state == State::raise ? ms(f.begin) + f.detail.limit_ms.value_or(0)
                                                       : std::max(ms(f.end), raised_at(f.id));
         EXPECT_LE(f.begin.time == no_time ? 0 : now - moment, 2000 + allowed(f)) << line(f);
+        if (f.rule == Rule::off_air && f.end.packet <= f.begin.packet + 1) { // nothing came
+            EXPECT_NEAR(static_cast<double>(f.end.utc_us - f.begin.utc_us) / 1000,
+                        f.detail.away_ms.value_or(0), 1)
+                << line(f);
+        }
         if (f.state == State::raise) {
             EXPECT_TRUE(open.emplace(f.id, std::pair(f, now)).second) << line(f);
             return;
