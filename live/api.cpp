@@ -18,6 +18,8 @@ std::string_view word(InputState state) {
         return "up";
     case InputState::gone:
         return "gone";
+    case InputState::ended:
+        return "ended";
     }
     return "";
 }

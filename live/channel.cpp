@@ -8,7 +8,6 @@ namespace quarn::live {
 
 namespace {
 
-constexpr Ticks up_for = 2 * ticks_per_second;      // since the last packet
 constexpr Ticks recent_for = 60 * ticks_per_second; // findings that are over are shown so long
 constexpr std::size_t most_recent = 50;
 constexpr std::size_t most_seconds = 300; // of bit rate
@@ -32,7 +31,8 @@ double seconds(std::int64_t utc_us) {
 
 Channel::Channel(const InputSettings& settings, Outputs& outputs)
     : settings_(settings), outputs_(outputs), stream_(settings.measure, *this), feed_(stream_),
-      records_(settings.name) {
+      records_(settings.name), silence_limit_(silence_limit(settings.measure.limits)),
+      signal_(silence_limit_, settings.url.datagrams() ? "datagrams" : "packets") {
     now_.name = settings.name;
     now_.url = settings.url.without_secrets();
     now_.analyzer.on = settings.alerts.lines;
@@ -57,6 +57,7 @@ void Channel::packets(const std::uint8_t* first, std::size_t count, std::size_t 
 void Channel::packet(const std::uint8_t* packet, const inputs::PacketInfo& info) {
     ++now_.packets;
     last_packet_ = info.arrival;
+    signal_.packet();
     if (info.utc_us != no_time)
         now_.last_packet_utc_s = seconds(info.utc_us);
     feed_.packet(packet, info);
@@ -79,6 +80,8 @@ void Channel::truncated(std::uint64_t byte, std::int64_t bytes) {
 void Channel::raw(std::span<const std::uint8_t> datagram, const inputs::Arrival& when) {
     ++now_.datagrams;
     last_ = when;
+    if (const auto back = signal_.datagram(when))
+        now_is(*back);
     if (analyzer_)
         analyzer_->datagram(datagram);
 }
@@ -97,8 +100,12 @@ void Channel::state(InputState state, std::string_view text) {
         records_.start(start, static_cast<int>(inputs::ts_packet_size), settings_.measure.profile);
         outputs_.add({std::move(start), Severity::info, false});
     }
-    now_.state = state;
-    now_.state_text = text;
+    now_is(signal_.said(state, text, last_));
+}
+
+void Channel::now_is(const Signal::State& state) {
+    now_.state = state.state;
+    now_.state_text = state.text;
     tell(settings_.name + ": " + now_.state_text);
     publish();
 }
@@ -106,6 +113,8 @@ void Channel::state(InputState state, std::string_view text) {
 void Channel::tick(const inputs::Arrival& now) {
     last_ = now;
     stream_.tick(now.ticks, now.utc_us);
+    if (const auto news = signal_.look(now))
+        now_is(*news);
     if (analyzer_)
         analyzer_->tick(now.ticks);
     if (suppressed_seq_ != 0 && quota_.quiet(now.ticks))
@@ -131,6 +140,9 @@ void Channel::second_is_over(const inputs::Arrival& now) {
 
 void Channel::ended() {
     end();
+    // What was wrong with it, if anything, stays to be read.
+    const std::string why = now_.state == InputState::gone ? now_.state_text + "; " : "";
+    now_is({InputState::ended, why + "ended after " + std::to_string(now_.packets) + " packets"});
     over_ = true;
 }
 
@@ -304,7 +316,8 @@ void Channel::publish() {
     now_.open.at(Rule::suppressed, Severity::warning) = suppressed_seq_ != 0 ? 1 : 0;
     now_.summary = summary();
     now_.bytes = now_.packets * inputs::ts_packet_size;
-    now_.up = last_packet_ != no_time && last_.ticks - last_packet_ < up_for;
+    now_.up = now_.state != InputState::ended && last_packet_ != no_time &&
+              last_.ticks - last_packet_ < silence_limit_;
     now_.current.clear();
     for (const Recent& recent : recent_)
         now_.current.push_back(recent.finding);

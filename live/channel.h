@@ -19,6 +19,7 @@
 #include "quota.h"
 #include "reports/records.h"
 #include "settings.h"
+#include "signal.h"
 #include "snapshot.h"
 
 namespace quarn::live {
@@ -70,6 +71,7 @@ class Channel final : public inputs::Consumer, private Sink {
     void forget_old();
     void second_is_over(const inputs::Arrival& now);
     void publish();
+    void now_is(const Signal::State& state);
 
     const InputSettings settings_;
     Outputs& outputs_;
@@ -77,6 +79,8 @@ class Channel final : public inputs::Consumer, private Sink {
     Feed feed_;
     Records records_;
     Quota quota_;
+    const Ticks silence_limit_;
+    Signal signal_;
     std::uint64_t suppressed_seq_ = 0; // of the q.13 that is raised; 0: none
     Place suppressed_begin_;
     static constexpr std::uint64_t suppressed_id = UINT64_MAX; // measured ones count from 1

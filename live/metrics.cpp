@@ -34,6 +34,8 @@ double number(const Source& source) {
 constexpr Figure<Snapshot> figures[] = {
     {"quarn_input_up", "1 while a packet came within the last 2 s.", MetricType::Gauge,
      number<&Snapshot::up>},
+    {"quarn_input_ended", "1 when a file or standard input has come to its end.", MetricType::Gauge,
+     [](const Snapshot& s) { return s.state == InputState::ended ? 1.0 : 0.0; }},
     {"quarn_input_packets_total", "Packets that were measured.", MetricType::Counter,
      number<&Snapshot::packets>},
     {"quarn_input_bytes_total", "Bytes of the packets that were measured.", MetricType::Counter,

@@ -58,6 +58,7 @@ function openCount(input, severity) {
 
 /** What an input is at its worst: error, warning, or nothing. */
 function levelOf(input) {
+  if (input.state === "ended") return "";
   if (!input.up || openCount(input, "error")) return "error";
   if (input.current.some(({ record }) => record.severity === "error")) return "error";
   if (input.current.some(({ record }) => record.severity === "warning")) return "warning";
@@ -65,7 +66,7 @@ function levelOf(input) {
 }
 
 function stateText(input) {
-  if (input.state === "gone") return "gone";
+  if (input.state === "gone" || input.state === "ended") return input.state;
   if (input.up) return "up";
   return input.state === "waiting" ? "waiting" : "no packets";
 }
@@ -164,7 +165,7 @@ function update(card, input) {
   card.className = `input ${level}`;
   const state = card.querySelector(".state");
   setText(state, stateText(input));
-  state.className = `state ${input.up ? "" : input.state === "waiting" ? "warning" : "error"}`;
+  state.className = `state ${input.up || input.state === "ended" ? "" : input.state === "waiting" ? "warning" : "error"}`;
   setText(card.querySelector("h2"), input.name);
   const url = card.querySelector(".url");
   setText(url, input.url);
@@ -211,13 +212,15 @@ function filter() {
 }
 
 function sumText() {
-  const down = inputs.filter((input) => !input.up).length;
+  const ended = inputs.filter((input) => input.state === "ended").length;
+  const down = inputs.filter((input) => !input.up).length - ended;
   const bad = inputs.filter((input) => levelOf(input) === "error").length;
   const doubtful = inputs.filter((input) => levelOf(input) === "warning").length;
   const parts = [countText(inputs.length, "input")];
   if (down) parts.push(`${down} without signal`);
   if (bad) parts.push(`${bad} with errors`);
   if (doubtful) parts.push(`${doubtful} with warnings`);
+  if (ended) parts.push(`${ended} ended`);
   if (!down && !bad && !doubtful) parts.push("all good");
   return parts.join(", ");
 }
