@@ -19,13 +19,16 @@ Moment moment();
 inline constexpr std::int64_t ns_per_ms = 1'000'000;
 inline constexpr std::int64_t ns_per_s = 1'000'000'000;
 
-/// 27 MHz ticks of a time on the monotonic clock, and back; both rounded down.
+/// 27 MHz ticks of a time on the monotonic clock, rounded down.
 constexpr Ticks ticks_of(std::int64_t monotonic_ns) {
     return monotonic_ns / 1000 * 27 + monotonic_ns % 1000 * 27 / 1000;
 }
+/// And back, rounded up: ticks_of(ns_of(ticks)) is ticks, so that nothing becomes earlier on its
+/// way.
 constexpr std::int64_t ns_of(Ticks ticks) {
-    return ticks / 27 * 1000 + ticks % 27 * 1000 / 27;
+    return ticks / 27 * 1000 + (ticks % 27 * 1000 + 26) / 27;
 }
+static_assert(ticks_of(ns_of(26)) == 26 && ticks_of(ns_of(1)) == 1 && ticks_of(ns_of(27)) == 27);
 
 /// The arrival that a time on the monotonic clock is, as `now` has the wall clock.
 Arrival arrival_of(std::int64_t monotonic_ns, const Moment& now);
