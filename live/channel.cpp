@@ -98,7 +98,7 @@ void Channel::state(InputState state, std::string_view text) {
         started_ = true;
         std::string start;
         records_.start(start, static_cast<int>(inputs::ts_packet_size), settings_.measure.profile);
-        outputs_.add({std::move(start), Severity::info, false});
+        outputs_.add({std::move(start), Severity::info, false, settings_.name});
     }
     now_is(signal_.said(state, text, last_));
 }
@@ -167,7 +167,7 @@ void Channel::end() {
         suppressed(State::clear);
     std::string text;
     records_.summary(text, summary());
-    outputs_.add({std::move(text), Severity::info, false});
+    outputs_.add({std::move(text), Severity::info, false, settings_.name});
     publish();
 }
 
@@ -225,7 +225,7 @@ void Channel::write(const Finding& finding, const Extras& extras, bool always) {
     if (finding.rule == Rule::suppressed)
         suppressed_seq_ = finding.state == State::raise ? seq : 0;
     keep(finding, text);
-    outputs_.add({std::move(text), finding.severity, true});
+    outputs_.add({std::move(text), finding.severity, true, settings_.name});
 }
 
 void Channel::suppressed(State state) {

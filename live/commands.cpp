@@ -21,6 +21,7 @@ namespace {
 
 constexpr std::chrono::seconds grace{2}; // from SIGTERM to SIGKILL
 constexpr std::chrono::seconds try_again{1};
+constexpr std::chrono::minutes failed_again{1};
 
 class Descriptor {
   public:
@@ -94,33 +95,77 @@ pid_t Commands::start(const std::string& text) const {
 }
 
 bool Commands::take(const Record& record) {
-    const auto free =
-        std::find_if(running_.begin(), running_.end(), [](const Running& r) { return r.pid == 0; });
-    if (free == running_.end() || Clock::now() < again_)
-        return false;
-    const pid_t pid = start(record.text);
-    if (pid < 0) {
-        tell("--exec: cannot be started: " + std::generic_category().message(-pid) +
-             "; tried again in a second");
-        again_ = Clock::now() + try_again;
-        return false;
-    }
-    *free = {pid, Clock::now() + longest, false};
+    if (waiting_.size() < most_waiting)
+        waiting_.push_back(record);
+    else
+        ++counts_->dropped;
+    start_what_may();
     return true;
+}
+
+bool Commands::runs_for(const std::string& input) const {
+    return std::any_of(running_.begin(), running_.end(), [&](const Running& running) {
+        return running.pid != 0 && running.input == input;
+    });
+}
+
+/// The oldest of each input that has none at work.
+void Commands::start_what_may() {
+    for (Running& running : running_) {
+        if (running.pid != 0)
+            continue;
+        const auto next =
+            std::find_if(waiting_.begin(), waiting_.end(),
+                         [this](const Record& record) { return !runs_for(record.input); });
+        if (next == waiting_.end() || Clock::now() < again_)
+            return;
+        const pid_t pid = start(next->text);
+        if (pid < 0) {
+            tell("--exec: cannot be started: " + std::generic_category().message(-pid) +
+                 "; tried again in a second");
+            again_ = Clock::now() + try_again;
+            return;
+        }
+        running = {pid, std::move(next->input), Clock::now() + longest, false};
+        waiting_.erase(next);
+    }
+}
+
+void Commands::failed(const std::string& how) {
+    ++counts_->failed;
+    ++failed_;
+    how_ = how;
+    tell_failed();
+}
+
+/// The first one as it happens, others as a number now and then.
+void Commands::tell_failed() {
+    if (failed_ == 0 || Clock::now() < failed_told_again_)
+        return;
+    tell("--exec: " + (failed_ == 1
+                           ? "a command " + how_
+                           : std::to_string(failed_) + " commands failed; the last one " + how_));
+    failed_ = 0;
+    failed_told_again_ = Clock::now() + failed_again;
 }
 
 void Commands::look_after(Running& running) {
     int status = 0;
     if (::waitpid(running.pid, &status, WNOHANG) != 0) {
         running.pid = 0;
+        if (running.told_to_end)
+            return; // that was told
+        if (WIFSIGNALED(status))
+            failed("was ended by signal " + std::to_string(WTERMSIG(status)));
+        else if (WEXITSTATUS(status) != 0)
+            failed("ended with status " + std::to_string(WEXITSTATUS(status)));
         return;
     }
     if (Clock::now() < running.until)
         return;
     ::kill(-running.pid, running.told_to_end ? SIGKILL : SIGTERM);
     if (!running.told_to_end)
-        tell("--exec: a command has run for " + std::to_string(longest.count()) +
-             " s and is ended");
+        failed("has run for " + std::to_string(longest.count()) + " s and is ended");
     running.told_to_end = true;
     running.until = Clock::now() + grace;
 }
@@ -129,19 +174,25 @@ void Commands::turn() {
     for (Running& running : running_)
         if (running.pid != 0)
             look_after(running);
+    tell_failed();
+    start_what_may();
 }
 
 bool Commands::busy() const {
-    return std::any_of(running_.begin(), running_.end(),
-                       [](const Running& r) { return r.pid != 0; });
+    return !waiting_.empty() || std::any_of(running_.begin(), running_.end(),
+                                            [](const Running& r) { return r.pid != 0; });
 }
 
 Commands::~Commands() {
-    for (const Running& running : running_)
+    for (Running& running : running_)
         if (running.pid != 0) {
             ::kill(-running.pid, SIGKILL);
             ::waitpid(running.pid, nullptr, 0);
+            ++counts_->cut_off;
         }
+    counts_->not_started += waiting_.size();
+    failed_told_again_ = {};
+    tell_failed();
 }
 
 } // namespace quarn::live

@@ -8,7 +8,7 @@ namespace quarn::live {
 
 namespace {
 using Clock = std::chrono::steady_clock;
-constexpr std::chrono::milliseconds turn_every{50};
+constexpr std::chrono::milliseconds turn_every{10};
 } // namespace
 
 /// What the thread works on.

@@ -18,6 +18,7 @@ struct Record {
     std::string text;
     Severity severity = Severity::info;
     bool finding = false; // else start, summary
+    std::string input;    // its name
 };
 
 /// Where records go. Its functions are called in the lane's thread, but for the constructor.

@@ -126,7 +126,7 @@ int run(const CommandLine& line) {
     ::sd_notify(0, "READY=1");
     watch(service, signals);
     ::sd_notify(0, "STOPPING=1");
-    return status_in_order;
+    return service.end() ? status_in_order : status_lost;
 }
 
 int main_of(int argc, char** argv) {

@@ -72,6 +72,8 @@ constexpr Figure<ProcessFigures> process_figures[] = {
      MetricType::Counter, number<&ProcessFigures::commands_dropped>},
     {"quarn_records_dropped_total", "Records that the output of findings was too slow for.",
      MetricType::Counter, number<&ProcessFigures::records_dropped>},
+    {"quarn_exec_failed_total", "Commands that ended with another status than 0, or were ended.",
+     MetricType::Counter, number<&ProcessFigures::commands_failed>},
 };
 
 /// Under the names that all programs have for them.

@@ -59,8 +59,8 @@ std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
                  "begins and when it is over.",
                  "quarn-live");
     app.get_formatter()->column_width(24);
-    app.footer("Exit status: 0 after an end in order, 3 for a wrong option or configuration or a\n"
-               "port that is taken.");
+    app.footer("Exit status: 0 after an end in order, 1 where records or commands were lost,\n"
+               "3 for a wrong option or configuration or a port that is taken.");
     app.set_version_flag("--version",
                          get_custom_app_info("quarn-live", "MPEG-TS channel monitor", nullptr));
     add_inputs(app, line);

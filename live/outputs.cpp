@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "record_file.h"
+#include "reports/text.h"
 #include "syslog_target.h"
 #include "tell.h"
 
@@ -18,13 +19,32 @@ Outputs::Outputs(const Wanted& wanted, std::function<void()> reader_gone)
 }
 
 Outputs::~Outputs() {
+    end();
+}
+
+bool Outputs::end() {
     for (Output* const output : {&file_, &syslog_, &exec_})
         replace(*output, {});
-    if (records_dropped_ > 0)
-        tell(std::to_string(records_dropped_) + " records could not be written and were left out");
-    if (commands_dropped_ > 0)
-        tell("--exec: " + std::to_string(commands_dropped_) +
-             " findings found all commands at work and were left out");
+    const CommandCounts& all = *commands_;
+    const struct {
+        std::uint64_t count;
+        const char* what;
+        const char* why;
+    } losses[] = {
+        {records_dropped_, "record", "could not be written"},
+        {all.dropped, "command", "of --exec could not start, since too many waited"},
+        {all.failed, "command", "of --exec failed"},
+        {all.cut_off, "command", "of --exec had to be cut off at the end"},
+        {all.not_started, "command", "of --exec had no time to start before the end"},
+    };
+    bool good = true;
+    for (const auto& loss : losses) {
+        if (loss.count > 0 && !ended_)
+            tell("in all " + count_text(loss.count, loss.what) + " " + loss.why);
+        good = good && loss.count == 0;
+    }
+    ended_ = true;
+    return good;
 }
 
 /// The old one comes to its end without the lock: that may take seconds.
@@ -50,8 +70,8 @@ void Outputs::change(const Wanted& wanted) {
     }
     if (wanted.exec != wanted_.exec)
         replace(exec_, wanted.exec ? std::make_unique<Lane>(
-                                         std::make_unique<Commands>(*wanted.exec),
-                                         Commands::most_waiting, most_bytes, commands_dropped_)
+                                         std::make_unique<Commands>(*wanted.exec, commands_),
+                                         Commands::most_waiting, most_bytes, commands_->dropped)
                                    : nullptr);
     wanted_ = wanted;
 }

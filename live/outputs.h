@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "commands.h"
 #include "lane.h"
 
 namespace quarn::live {
@@ -26,7 +27,7 @@ class Outputs {
     /// `reader_gone`: called in another thread when nobody reads standard output any more. Throws
     /// std::system_error.
     Outputs(const Wanted& wanted, std::function<void()> reader_gone);
-    /// Tells how much was dropped in all, if anything was.
+    /// end(), unless that was done.
     ~Outputs();
     Outputs(const Outputs&) = delete;
     Outputs& operator=(const Outputs&) = delete;
@@ -40,8 +41,12 @@ class Outputs {
     /// nothing has changed then.
     void change(const Wanted& wanted);
 
+    /// Has a few seconds for what still waits, and tells what was lost in all. Returns whether each
+    /// record was written and each command did its work. Nothing may be added behind it.
+    bool end();
+
     std::uint64_t records_dropped() const { return records_dropped_; }
-    std::uint64_t commands_dropped() const { return commands_dropped_; }
+    const CommandCounts& commands() const { return *commands_; }
 
   private:
     using Output = std::unique_ptr<Lane>; // null: none
@@ -49,8 +54,10 @@ class Outputs {
 
     std::function<void()> reader_gone_;
     std::atomic<std::uint64_t> records_dropped_ = 0;
-    std::atomic<std::uint64_t> commands_dropped_ = 0;
+    // Shared with the thread of a command that does not come back.
+    std::shared_ptr<CommandCounts> commands_ = std::make_shared<CommandCounts>();
     Wanted wanted_;
+    bool ended_ = false;
     std::mutex mutex_; // guards which outputs there are
     Output file_, syslog_, exec_;
 };

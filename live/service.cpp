@@ -41,14 +41,23 @@ bool share_port(const Url& a, const Url& b) {
 Service::Service(const CommandLine& line, std::function<void()> reader_gone)
     : line_(line), settings_(settings_of(line)),
       outputs_(wanted(settings_), std::move(reader_gone)), loops_(loops(settings_)) {
-    for (const InputSettings& input : settings_.inputs)
-        inputs_.push_back(opened(input));
-    http_ = server(settings_);
+    http_ = server(settings_); // first, lest inputs be told of that are closed at once
+    for (const InputSettings& input : settings_.inputs) {
+        auto watched = opened(input);
+        const std::lock_guard lock(mutex_);
+        inputs_.push_back(std::move(watched));
+    }
 }
 
 Service::~Service() {
+    end();
+}
+
+bool Service::end() {
     http_.reset();
     close_all(inputs_);
+    inputs_.clear();
+    return outputs_.end();
 }
 
 std::unique_ptr<Http> Service::server(const Settings& settings) const {
@@ -57,7 +66,8 @@ std::unique_ptr<Http> Service::server(const Settings& settings) const {
     HttpSources sources;
     sources.inputs = [this] { return snapshots(); };
     sources.process = [this] {
-        return ProcessFigures{outputs_.commands_dropped(), outputs_.records_dropped()};
+        return ProcessFigures{outputs_.commands().dropped, outputs_.records_dropped(),
+                              outputs_.commands().failed};
     };
     sources.healthy = [this] { return healthy(); };
     return std::make_unique<Http>(*settings.http, std::move(sources));

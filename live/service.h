@@ -21,7 +21,7 @@ class Service {
     /// Opens all inputs and outputs. `reader_gone`: see Outputs. Throws std::runtime_error (a port
     /// that is taken, a file that cannot be opened).
     Service(const CommandLine& line, std::function<void()> reader_gone);
-    /// Ends in order: what is pending is decided, summaries are written.
+    /// end(), unless that was done.
     ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -30,6 +30,10 @@ class Service {
     /// that stay as they are lose nothing. Throws settings::WrongValue or std::runtime_error, and
     /// all goes on as it was then.
     void reload();
+
+    /// Ends in order: what is pending is decided, summaries are written. Returns whether all that
+    /// was found got where it should. Nothing else may be called behind it.
+    bool end();
 
     const Settings& settings() const { return settings_; }
     /// All inputs are of the kind that comes to an end, and have.

@@ -60,6 +60,7 @@ struct Snapshot {
 struct ProcessFigures {
     std::uint64_t commands_dropped = 0; // of --exec: too many were waiting
     std::uint64_t records_dropped = 0;  // of findings: the output was too slow
+    std::uint64_t commands_failed = 0;  // of --exec: another status than 0, or ended
 };
 
 } // namespace quarn::live

@@ -91,7 +91,7 @@ int main(int argc, char** argv) {
                                    return inputs;
                                },
                                [] {
-                                   return live::ProcessFigures{8, 9};
+                                   return live::ProcessFigures{8, 9, 10};
                                },
                                [&] {
                                    const std::lock_guard lock(mutex);
