@@ -5,7 +5,7 @@ install(TARGETS quarn quarn-check quarn-inject quarn-live
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT quarn)
 install(FILES doc/quarn.1 doc/quarn-check.1 doc/quarn-inject.1 doc/quarn-live.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT quarn)
-install(FILES doc/quarn.conf.5 doc/quarn-live.conf.5
+install(FILES doc/quarn.conf.5 doc/quarn-expect.5 doc/quarn-live.conf.5
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT quarn)
 install(FILES doc/alerts.md doc/recipes.md doc/tutorial.md
         doc/findings.md doc/metrics.md doc/recipes-check.md doc/tutorial-check.md
@@ -33,7 +33,8 @@ set(lumbra liblumbra/include)
 install(FILES ${lumbra}/config.h ${lumbra}/log.h ${lumbra}/mpegts.h ${lumbra}/strops.h
               ${lumbra}/syswrap.h ${lumbra}/timeop.h zorbin/tsanalyze.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn COMPONENT dev)
-install(FILES measure/counters.h measure/finding.h measure/measure.h measure/options.h measure/rules.h
+install(FILES measure/counters.h measure/expectation.h measure/finding.h measure/measure.h
+        measure/observed.h measure/options.h measure/rules.h
         measure/stream.h measure/summary.h measure/time_series.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarn/measure COMPONENT dev)
 install(TARGETS lumbra tsanalyze measure EXPORT quarnTargets

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <optional>
 #include <variant>
 #include <vector>
@@ -72,8 +74,15 @@ struct ScramblingEvent {
     bool scrambled = false;
 };
 
-using EventBody =
-    std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesEvent, ScramblingEvent>;
+/// By service id (program number).
+using NamesPtr = std::shared_ptr<const std::map<std::uint16_t, ServiceNames>>;
+/// The SDT of this stream in force is different from here on (also the first one).
+struct NamesEvent {
+    NamesPtr names;
+};
+
+using EventBody = std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesEvent,
+                               ScramblingEvent, NamesEvent>;
 
 struct Event {
     At at;

@@ -33,7 +33,8 @@ enum class State : std::uint8_t { event, raise, clear };
 /// How sure a figure is; for most findings there is nothing to doubt: exact.
 enum class Sure : std::uint8_t { exact, modulo_16, guess };
 
-/// One difference between two versions of a table (q.4).
+/// One difference between two versions of a table (q.4), or between what is expected and what there
+/// is (q.11).
 struct TableChange {
     enum class Op : std::uint8_t { added, removed, moved, changed };
     enum class What : std::uint8_t {
@@ -43,15 +44,24 @@ struct TableChange {
         pmt_pid,
         service,
         network,
-        descriptor
+        descriptor,
+        // of q.11 only:
+        name,       // of a service
+        language,   // of a stream
+        codec,      // the same
+        scrambling, // the same
+        table,      // that comes too seldom, or not; `number` is its table_id
+        bitrate,    // of a pid, of a program, or where neither is set of all packets
+        rate,       // constant or variable
     };
     Op op = Op::changed;
     What what = What::program;
-    std::optional<int> number; // program number or service id
+    std::optional<int> number; // program number or service id; table_id
     std::optional<int> pid;    // the pid it is about (its new one when moved)
     std::optional<std::string>
         before; // what it was, in words of the field ("audio deu", "pid 256")
     std::optional<std::string> after;
+    std::optional<std::string> name = std::nullopt; // of the service that it is about
 };
 
 /// Figures of a finding; which are set depends on the rule.
@@ -67,7 +77,7 @@ struct Detail {
     std::optional<double> drift_ms_per_s;  // q.2 drift
     std::optional<double> error_ns;        // 2.4
     std::optional<double> late_ms;         // q.1
-    std::vector<TableChange> changes;      // q.4
+    std::vector<TableChange> changes;      // q.4, q.11: one
     std::optional<std::int64_t> datagrams; // q.8
     std::optional<std::int64_t> packets;   // q.8, 1.4 order and duplicate: how many packets
     std::optional<double> away_ms;         // q.9

@@ -37,6 +37,7 @@ constexpr Explanation explanations[] = {
     {Rule::pts_error, What::outage, false},
     {Rule::late_stamp, What::outage, false},
     {Rule::pid_error, What::outage, false},
+    {Rule::unexpected, What::outage, false},
 };
 /// An outage explains what is not much longer than itself.
 bool covers(const Cause& c, const Finding& f) {

@@ -87,9 +87,9 @@ struct PesItem {
 struct Item {
     At at;
     std::variant<SectionEvent, ProgramsEvent, TableChangedEvent, PesItem, ScramblingEvent,
-                 SpansItem, PcrItem, NullsItem, BrokenItem, DamagedItem, SyncByteItem, SyncLossItem,
-                 TruncatedItem, ScrambledTableItem, OrderFault, CopyFault, FrozenRun, DatagramEvent,
-                 CountsItem, FrozenItem, AnewItem>
+                 NamesEvent, SpansItem, PcrItem, NullsItem, BrokenItem, DamagedItem, SyncByteItem,
+                 SyncLossItem, TruncatedItem, ScrambledTableItem, OrderFault, CopyFault, FrozenRun,
+                 DatagramEvent, CountsItem, FrozenItem, AnewItem>
         body;
 };
 
@@ -100,6 +100,8 @@ class FirstLook final : EventSink, ContinuitySink {
 
     /// From now on the packets of each pid are told now and then.
     void count() { counting_ = true; }
+    /// From now on names of services are told.
+    void tell_names() { tables_.tell_names(); }
 
     /// One packet in step; `right`: its sync byte is right.
     void packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right);

@@ -49,7 +49,7 @@ bool Floods::joins(Flood& flood, const Finding& f) {
     }
     ++flood.run;
     flood.last = f.end;
-    return flood.run > single;
+    return flood.run > single && f.rule != Rule::unexpected; // each is about a thing of its own
 }
 
 void Floods::event(const Finding& f) {

@@ -2,7 +2,9 @@
 #pragma once
 
 #include "counters.h"
+#include "expectation.h"
 #include "finding.h"
+#include "observed.h"
 #include "options.h"
 #include "rules.h"
 #include "stream.h"

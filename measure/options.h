@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "expectation.h"
 #include "finding.h"
 
 namespace quarn {
@@ -74,6 +75,8 @@ struct Options {
     std::set<Rule> require;               // insufficient where not judged `yes`
     Severity fail_on = Severity::error;   // the least severity that makes `failed`
     bool series = false;                  // keep what Stream::series() gives
+    bool observe = false;                 // keep what Stream::observed() gives
+    SharedExpectation expect;             // what the input is held against besides (q.11)
 
     bool operator==(const Options&) const = default;
 };

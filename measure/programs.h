@@ -56,4 +56,11 @@ struct Programs {
 };
 using ProgramsPtr = std::shared_ptr<const Programs>;
 
+/// What an SDT of this stream says about a service. Texts are UTF-8; not set: no service
+/// descriptor.
+struct ServiceNames {
+    std::optional<std::string> name;
+    std::optional<std::string> provider;
+};
+
 } // namespace quarn

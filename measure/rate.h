@@ -26,6 +26,8 @@ class Rate {
     bool known() const { return ticks_per_packet() > 0; }
     /// Decided from 40 intervals on: 65 % fit, or 35 % of 100 and the rest is jitter to both sides.
     bool constant() const { return constant_; }
+    /// There was enough to tell constant() by.
+    bool decided() const { return decided_; }
     /// Over 90 % of the last 40 intervals fit.
     bool certain() const;
     /// Ticks from one packet to the next; at a variable rate the median.

@@ -68,6 +68,10 @@ class Repetition::Impl {
     static bool may_be_pmt(const Watch& watch, const SectionEvent& section) {
         return !section.crc_right && !watch.ids[section.table_id];
     }
+    // Nobody expects the program to be there.
+    bool left_out(std::uint16_t program) const {
+        return options_.expect && options_.expect->leaves_out(program);
+    }
     bool judges_repetition() const { return options_.profile != Profile::segment; }
     void wrong_crc(const SectionEvent& section, const Place& end);
     void foreign_id(const SectionEvent& section, const Place& end);
@@ -298,7 +302,7 @@ std::vector<Finding> Repetition::Impl::make_absent(std::uint16_t pid, const Watc
     std::vector<Finding> all;
     const Ticks length = gaps_.clock().distance(watch.announced, place).value_or(0);
     for (const Program& program : programs->programs) {
-        if (program.pmt_pid != pid)
+        if (program.pmt_pid != pid || left_out(program.number))
             continue;
         Finding f = make_finding(Rule::pmt_error_2, Kind::absent, pid, table_id::pmt,
                                  watch.announced, place);
@@ -437,8 +441,11 @@ void Repetition::Impl::judge(Judgement& judgement) const {
             judgement.yes(rule);
     };
     // That a table is there at all needs no clock to be seen.
-    const bool all_packets = std::all_of(pmts_.begin(), pmts_.end(),
-                                         [](const auto& entry) { return entry.second.packets; });
+    const bool all_packets =
+        std::all_of(programs_->programs.begin(), programs_->programs.end(), [&](const Program& p) {
+            const auto watch = pmts_.find(p.pmt_pid);
+            return left_out(p.number) || watch == pmts_.end() || watch->second.packets;
+        });
     if (pat_seen_ && !judges_repetition())
         judgement.yes(Rule::pat_error_2);
     else

@@ -50,6 +50,7 @@ constexpr std::array<RuleInfo, rule_count> rule_table = {{
     {Rule::datagram_error, "q.8", "Datagram_error", error, 0},
     {Rule::off_air, "q.9", "Off_air", error, 0},
     {Rule::truncated, "q.10", "Truncated", warning, 0},
+    {Rule::unexpected, "q.11", "Unexpected", error, 0},
     {Rule::analyzer_ended, "q.12", "Analyzer_ended", warning, 0},
     {Rule::suppressed, "q.13", "Suppressed", warning, 0},
 }};

@@ -51,6 +51,7 @@ enum class Rule : std::uint8_t {
     datagram_error,                    // q.8
     off_air,                           // q.9
     truncated,                         // q.10
+    unexpected,                        // q.11
     analyzer_ended,                    // q.12
     suppressed,                        // q.13
 };

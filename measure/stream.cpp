@@ -34,6 +34,10 @@ class Stream::Impl {
             look_.count();
             timed_.record(recorder_);
         }
+        if (options_.expect || options_.observe)
+            look_.count();
+        if (options_.expect)
+            look_.tell_names();
     }
 
     void packet(const std::uint8_t* bytes, const PacketInfo& info) {
@@ -84,6 +88,7 @@ class Stream::Impl {
     }
 
     Summary summary() const;
+    Observed observed() const { return timed_.observed(look_.last()); }
     TimeSeries series() { return recorder_.take(clock_.place(look_.last())); }
     Counters counters() const;
 
@@ -316,6 +321,9 @@ void Stream::end() {
 }
 Summary Stream::summary() const {
     return impl_->summary();
+}
+Observed Stream::observed() const {
+    return impl_->observed();
 }
 TimeSeries Stream::series() {
     return impl_->series();

@@ -17,6 +17,7 @@
 
 #include "counters.h"
 #include "finding.h"
+#include "observed.h"
 #include "options.h"
 #include "summary.h"
 #include "time_series.h"
@@ -83,6 +84,8 @@ class Stream {
     Summary summary() const;
     /// With Options::series and behind end(): hands over what was recorded, once.
     TimeSeries series();
+    /// With Options::observe: what expectation_of() needs beside the summary.
+    Observed observed() const;
     Counters counters() const;
 
   private:

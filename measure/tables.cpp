@@ -216,6 +216,10 @@ void Tables::Impl::put_in_force(const At& at, const SectionHead& head, TableVers
     }
     case table_id::sdt_actual:
         services_ = read_sdt(versions.sections());
+        if (tables_.tells_names_)
+            sink_.event(
+                at, NamesEvent{
+                        std::make_shared<const std::map<std::uint16_t, ServiceNames>>(services_)});
         return;
     default:
         return; // says nothing about programs

@@ -16,13 +16,6 @@
 
 namespace quarn {
 
-/// What an SDT of this stream says about a service. Texts are UTF-8; not set: no service
-/// descriptor.
-struct ServiceNames {
-    std::optional<std::string> name;
-    std::optional<std::string> provider;
-};
-
 /// Collects sections, checks their CRC, puts PAT, PMT and CAT in force, and tells what changes.
 /// Every complete section is a SectionEvent; a change of what is in force is a TableChangedEvent
 /// (where something can be said about it) and a ProgramsEvent behind it. Memory is bounded whatever
@@ -50,6 +43,9 @@ class Tables {
     /// What is in force behind the last packet that was fed. Never null.
     const ProgramsPtr& current() const { return current_; }
 
+    /// From now on the SDT in force is told of (NamesEvent).
+    void tell_names() { tells_names_ = true; }
+
     /// Names by service id (program number), from the SDT in force.
     const std::map<std::uint16_t, ServiceNames>& services() const;
 
@@ -57,6 +53,7 @@ class Tables {
     class Impl;
     std::bitset<pid_count> wanted_; // this and current_ are set by impl_
     ProgramsPtr current_;
+    bool tells_names_ = false;
     std::unique_ptr<Impl> impl_;
 };
 

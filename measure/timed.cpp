@@ -16,7 +16,12 @@ Timed::Timed(const Options& options, Findings& findings, const StreamClock& cloc
       programs_(std::make_shared<Programs>()), damage_(findings), losses_(findings, options.live),
       pcrs_(options, findings, *this), presence_(options, findings, *this),
       repetition_(options, findings, options.live), scrambling_(options, findings),
-      stamps_(options, findings), unreferenced_(options, findings) {}
+      stamps_(options, findings), unreferenced_(options, findings) {
+    if (options.expect)
+        expected_.emplace(options, findings);
+    if (options.observe)
+        observer_.emplace();
+}
 
 void Timed::record(Recorder& recorder) {
     recorder_ = &recorder;
@@ -73,6 +78,10 @@ void Timed::dispatch(std::deque<Item>& queue, std::uint64_t before) {
             const Place first = place({0, 0, item.at.utc_us});
             repetition_.start(first);
             pcrs_.start(first);
+            if (expected_)
+                expected_->start(first);
+            if (observer_)
+                observer_->start(first);
         }
         std::visit([&](const auto& body) { take(item.at, body); }, item.body);
     }
@@ -85,6 +94,8 @@ void Timed::advance(const Place& now) {
     scrambling_.advance(now);
     stamps_.advance(now);
     unreferenced_.advance(now);
+    if (expected_)
+        expected_->advance(now);
     if (live_ && now.time >= next_look_)
         look(now);
     findings_.advance(now);
@@ -102,6 +113,8 @@ void Timed::look(const Place& now) {
     scrambling_.look(now);
     stamps_.look(now);
     unreferenced_.look(now);
+    if (expected_)
+        expected_->look(now);
 }
 
 // Behind a pause of all packets: were they late, or lost? The next PCR tells, where one comes.
@@ -150,6 +163,10 @@ void Timed::begin_anew(const Place& before, const Place& at) {
     scrambling_.anew(before, at);
     stamps_.anew(before, at);
     unreferenced_.anew(before, at);
+    if (expected_)
+        expected_->anew(before, at);
+    if (observer_)
+        observer_->anew(at);
     losses_.anew(at);
 }
 
@@ -202,6 +219,8 @@ void Timed::finish(std::deque<Item>& queue, const At& last) {
     scrambling_.finish(end);
     stamps_.finish(end);
     unreferenced_.finish(end);
+    if (expected_)
+        expected_->finish(end);
     findings_.finish();
 }
 
@@ -244,6 +263,10 @@ void Timed::take(const At& at, const SectionEvent& event) {
         first_pat_ = at.index;
     repetition_.section(event, place(event.begin), end);
     scrambling_.section(event, end);
+    if (expected_)
+        expected_->section(event, end);
+    if (observer_)
+        observer_->section(event, end);
 }
 
 void Timed::take(const At& at, const ProgramsEvent& event) {
@@ -260,6 +283,15 @@ void Timed::take(const At& at, const ProgramsEvent& event) {
     scrambling_.programs(programs_, p);
     stamps_.programs(programs_, p);
     unreferenced_.programs(programs_, p);
+    if (expected_)
+        expected_->programs(programs_, p);
+    if (observer_)
+        observer_->programs(programs_, p);
+}
+
+void Timed::take(const At& at, const NamesEvent& event) {
+    if (expected_)
+        expected_->names(event.names, place(at));
 }
 
 void Timed::remember(const Programs& programs) {
@@ -324,6 +356,10 @@ void Timed::take(const At& at, const SpansItem& item) {
         repetition_.seen(s.pid);
         scrambling_.seen(s.pid, span.first, span.last);
         unreferenced_.seen(s.pid, span.first, span.last);
+        if (expected_)
+            expected_->seen(s, span.first, span.last);
+        if (observer_)
+            observer_->seen(s, span.first, span.last);
     }
 }
 
@@ -400,7 +436,23 @@ void Timed::take(const At& at, const DatagramEvent& event) {
 }
 
 void Timed::take(const At& at, const CountsItem& item) {
-    recorder_->counts(item, place(item.from), place(at));
+    const Place from = place(item.from);
+    const Place to = place(at);
+    if (recorder_ != nullptr)
+        recorder_->counts(item, from, to);
+    if (expected_)
+        expected_->counts(item, from, to, constant_rate());
+    if (observer_)
+        observer_->counts(item, from, to, constant_rate());
+}
+
+std::optional<bool> Timed::constant_rate() const {
+    const bool known = clock_.pid() && clock_.rate().decided();
+    return known ? std::optional(clock_.rate().constant()) : std::nullopt;
+}
+
+Observed Timed::observed(const At& last) const {
+    return observer_ ? observer_->observed(place(last)) : Observed{};
 }
 
 void Timed::judge(Answers& answers, std::optional<Ticks> duration) const {
@@ -410,6 +462,10 @@ void Timed::judge(Answers& answers, std::optional<Ticks> duration) const {
     scrambling_.judge(answers);
     stamps_.judge(answers);
     unreferenced_.judge(answers);
+    if (expected_)
+        expected_->judge(answers);
+    else
+        answers.not_applicable(Rule::unexpected, "no expectation is given");
 }
 
 } // namespace quarn

@@ -8,9 +8,11 @@
 
 #include "clock.h"
 #include "damage.h"
+#include "expected.h"
 #include "findings.h"
 #include "first_look.h"
 #include "losses.h"
+#include "observer.h"
 #include "pcr.h"
 #include "presence.h"
 #include "recorder.h"
@@ -43,6 +45,8 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void finish(std::deque<Item>& queue, const At& last);
     void judge(Answers& answers, std::optional<Ticks> duration) const;
 
+    /// With Options::observe: what there was up to the last packet.
+    Observed observed(const At& last) const;
     std::uint64_t lost(std::uint16_t pid) const { return losses_.lost(pid); }
     /// Every program and stream that ever was in force, the latest version of each.
     /// Live inputs: those in force.
@@ -77,6 +81,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void take(const At& at, const SectionEvent& event);
     void take(const At& at, const ProgramsEvent& event);
     void take(const At& at, const TableChangedEvent& event);
+    void take(const At& at, const NamesEvent& event);
     void take(const At& at, const PesItem& item);
     void take(const At& at, const ScramblingEvent& event);
     void take(const At& at, const SpansItem& item);
@@ -96,6 +101,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     void take(const At& at, const FrozenItem& item);
     void take(const At& at, const AnewItem& item);
     void remember(const Programs& programs);
+    std::optional<bool> constant_rate() const;
 
     const bool live_;
     Findings& findings_;
@@ -110,6 +116,8 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     Scrambling scrambling_;
     Stamps stamps_;
     Unreferenced unreferenced_;
+    std::optional<Expected> expected_; // with Options::expect
+    std::optional<Observer> observer_; // with Options::observe
     Recorder* recorder_ = nullptr;
     bool started_ = false;
     bool timed_ = false; // an interval of the clock was there

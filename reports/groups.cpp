@@ -5,11 +5,25 @@
 #include <cstdio>
 
 #include "sentences.h"
+#include "words.h"
 
 namespace quarn {
 
+namespace {
+
+std::string thing_of(const Finding& finding) {
+    if (finding.rule != Rule::unexpected || finding.detail.changes.empty())
+        return {};
+    const TableChange& change = finding.detail.changes.front();
+    std::string thing(word(change.what));
+    return thing + " " + (change.number ? std::to_string(*change.number) : std::string());
+}
+
+} // namespace
+
 void Groups::add(const Finding& finding) {
-    const Key key{finding.severity, finding.rule, finding.kind, finding.pid ? *finding.pid : -1};
+    const Key key{finding.severity, finding.rule, finding.kind, finding.pid ? *finding.pid : -1,
+                  thing_of(finding)};
     const auto [at, is_new] = groups_.try_emplace(key);
     Group& group = at->second;
     if (is_new)

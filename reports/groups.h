@@ -11,7 +11,7 @@
 
 namespace quarn {
 
-/// Findings of one rule, kind, severity and pid.
+/// Findings of one rule, kind, severity and pid; of q.11 those about one thing.
 struct Group {
     std::uint64_t count = 0; // events
     bool open = false;       // the last of them had not ended when the input did
@@ -28,11 +28,12 @@ class Groups {
         Severity severity;
         Rule rule;
         Kind kind;
-        int pid; // -1: none
+        int pid;           // -1: none
+        std::string thing; // what q.11 is about, beside its pid
 
         bool operator<(const Key& other) const {
-            return std::tie(other.severity, rule, kind, pid) <
-                   std::tie(severity, other.rule, other.kind, other.pid);
+            return std::tie(other.severity, rule, kind, pid, thing) <
+                   std::tie(severity, other.rule, other.kind, other.pid, other.thing);
         }
     };
 

@@ -158,8 +158,13 @@ void group_lines(std::string& out, Rows rows, const ProgramNames& names) {
     });
     for (std::size_t i = 0; i < rows.size() && i < most_lines; ++i) {
         const auto& [key, group] = rows[i];
-        wrap(out, whose(*group, names) + group_text(key.rule, *group), 4);
-        if (key.rule == Rule::table_changed)
+        const bool own = key.rule == Rule::unexpected; // it says what it is about
+        if (own && group->count == 1) {
+            wrap(out, told(*group, names), 4);
+            continue;
+        }
+        wrap(out, (own ? "" : whose(*group, names)) + group_text(key.rule, *group), 4);
+        if (own || key.rule == Rule::table_changed)
             wrap(out, printable(sentence(group->finding, names)),
                  6); // says itself what no figure can
     }
@@ -169,8 +174,9 @@ void group_lines(std::string& out, Rows rows, const ProgramNames& names) {
     for (std::size_t i = most_lines; i < rows.size(); ++i)
         count += rows[i].second->count;
     wrap(out,
-         count_text(rows.size() - most_lines, "more pid") + ": " + std::to_string(count) +
-             (count == 1 ? " time" : " times"),
+         count_text(rows.size() - most_lines,
+                    rows.front().first.rule == Rule::unexpected ? "more thing" : "more pid") +
+             ": " + std::to_string(count) + (count == 1 ? " time" : " times"),
          4);
 }
 

@@ -72,6 +72,8 @@ unsigned members_of(Rule rule) {
         return late;
     case Rule::table_changed:
         return changes;
+    case Rule::unexpected:
+        return changes | interval;
     case Rule::datagram_error:
         return datagrams | packets;
     case Rule::off_air:
@@ -125,6 +127,7 @@ void change_list(Json& json, const std::vector<TableChange>& list) {
         json.member("op", word(change.op)).member("what", word(change.what));
         json.member("number", change.number).member("pid", change.pid);
         json.member("old", change.before).member("new", change.after);
+        json.member("name", change.name);
         json.close('}');
     }
     json.close(']');

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -158,6 +159,8 @@ constexpr std::array all_words = std::to_array<Words>({
      "Stamps go back or leap far ahead: a loop, a splice or a broken encoder. Players stop or seek."},
     {table_changed, Kind::none, "[Pid {pid}: |]{changes}.",
      "What is on offer has changed; nothing is wrong if that was intended."},
+    {unexpected, Kind::none, "{unexpected}.",
+     "The file of what is expected says otherwise. If it may be so, loosen its entry there."},
     {version_unchanged, Kind::none,
      "[Pid {pid}: |]the content of [{table}|a table] has changed under the same version.",
      "Receivers that go by the version miss the change; the generator of the table is at fault."},
@@ -240,6 +243,141 @@ std::string change_texts(const std::vector<TableChange>& changes) {
     return text;
 }
 
+// ---- what is not as expected (q.11)
+
+/// "service 8804 "News"", "program 1 "News"".
+std::string service_text(std::string_view noun, const TableChange& c) {
+    std::string text(noun);
+    if (c.number)
+        text += " " + std::to_string(*c.number);
+    return c.name && !c.name->empty() ? text + " \"" + *c.name + "\"" : text;
+}
+
+std::string pid_text(const TableChange& c) {
+    return c.pid ? "pid " + std::to_string(*c.pid) : std::string("a stream");
+}
+
+/// "was audio deu, now fra": what both begin with is said once.
+std::string was_now(const std::string& was, const std::string& now) {
+    std::size_t same = 0;
+    for (std::size_t i = 0; i < std::min(was.size(), now.size()) && was[i] == now[i]; ++i)
+        if (was[i] == ' ')
+            same = i + 1;
+    return " was " + was + ", now " + now.substr(same);
+}
+
+/// "2.00 Mbit/s", of "2000000 bit/s" behind that many words.
+std::string rate_of(std::string_view text, std::size_t behind) {
+    std::uint64_t bits = 0;
+    text.remove_prefix(std::min(behind, text.size()));
+    const auto [rest, wrong] = std::from_chars(text.data(), text.data() + text.size(), bits);
+    return wrong == std::errc{} && rest != text.data() ? rate_text(bits) : std::string(text);
+}
+
+std::string bitrate_text(const TableChange& c, const Finding& f) {
+    constexpr std::string_view least = "at least ";
+    const std::string before = c.before.value_or("?");
+    const bool below = before.starts_with(least);
+    std::string text = "bit rate of ";
+    if (c.pid)
+        text += pid_text(c) + " (" + service_text("program", c) + ")";
+    else
+        text += c.number ? service_text("program", c) : std::string("the whole stream");
+    text += (below ? " below " : " above ") + rate_of(before, least.size()); // as "at most "
+    if (f.detail.interval_ms)
+        text += " for " + duration_text(*f.detail.interval_ms);
+    return c.after ? text + (below ? ", down to " : ", up to ") + rate_of(*c.after, 0) : text;
+}
+
+/// 2000, of "after 2000 ms".
+std::optional<double> milliseconds_of(std::string_view text) {
+    const std::size_t digit = std::min(text.find_first_of("0123456789"), text.size());
+    text.remove_prefix(digit);
+    double ms = 0;
+    const auto [rest, wrong] = std::from_chars(text.data(), text.data() + text.size(), ms);
+    return wrong == std::errc{} ? std::optional(ms) : std::nullopt;
+}
+
+std::string table_text(const TableChange& c, const Finding& f) {
+    const std::string table = c.number ? table_name(*c.number) : std::string("a table");
+    const std::string of = c.name && !c.name->empty() ? " of \"" + *c.name + "\"" : "";
+    const std::string on = c.pid ? " on pid " + std::to_string(*c.pid) : std::string();
+    if (c.op == TableChange::Op::removed)
+        return table + on + " is missing";
+    const auto gap = c.after ? milliseconds_of(*c.after) : f.detail.interval_ms;
+    std::string text = table + of + on + " does not come";
+    if (gap)
+        text += " for " + duration_text(*gap);
+    return f.detail.limit_ms ? text + "; expected within " + duration_text(*f.detail.limit_ms)
+                             : text;
+}
+
+std::string unexpected_service(const TableChange& c) {
+    const std::string service = service_text("service", c);
+    switch (c.op) {
+    case TableChange::Op::removed:
+        return service + " is missing";
+    case TableChange::Op::added:
+        return service + " is there, which is not expected";
+    default:
+        return service + " has changed";
+    }
+}
+
+std::string unexpected_stream(const TableChange& c) {
+    const std::string of = " of " + service_text("service", c);
+    const std::string before = c.before.value_or("stream");
+    switch (c.op) {
+    case TableChange::Op::removed:
+        return pid_text(c) + " (" + before + ")" + of + " is missing";
+    case TableChange::Op::added:
+        return pid_text(c) + " (" + c.after.value_or("stream") + ")" + of +
+               " is there, which is not expected";
+    case TableChange::Op::moved:
+        return before + "," + of + " is now on " + pid_text(c);
+    case TableChange::Op::changed:
+        break;
+    }
+    return pid_text(c) + was_now(before, c.after.value_or("?")) + " (" +
+           service_text("service", c) + ")";
+}
+
+std::string unexpected_text(const Finding& f) {
+    using What = TableChange::What;
+    if (f.detail.changes.empty())
+        return "something is not as expected";
+    const TableChange& c = f.detail.changes.front();
+    const std::string before = c.before.value_or("?");
+    const std::string after = c.after.value_or("?");
+    switch (c.what) {
+    case What::service:
+        return unexpected_service(c);
+    case What::name:
+        return "service " + std::to_string(c.number.value_or(0)) + " is called " +
+               (c.after ? "\"" + after + "\"" : "nothing") + ", not \"" + before + "\"";
+    case What::pmt_pid:
+        return "the PMT of " + service_text("service", c) + was_now("on " + before, "on " + after);
+    case What::pcr_pid:
+        return "the PCR of " + service_text("service", c) + was_now("on " + before, "on " + after);
+    case What::stream:
+    case What::language:
+    case What::codec:
+    case What::scrambling:
+        return unexpected_stream(c);
+    case What::table:
+        return table_text(c, f);
+    case What::bitrate:
+        return bitrate_text(c, f);
+    case What::rate:
+        return "the rate of the stream was " + before + ", now " + after;
+    case What::program:
+    case What::network:
+    case What::descriptor:
+        break;
+    }
+    return change_text(c);
+}
+
 std::string lost_text(const Finding& f) {
     std::string packets = count_text(static_cast<std::uint64_t>(*f.detail.lost), "packet");
     switch (f.sure) {
@@ -306,6 +444,7 @@ constexpr std::array figures = std::to_array<Figure>({
      }},
     {"late", [](const Finding& f) { return time_text(f.detail.late_ms); }},
     {"changes", [](const Finding& f) { return change_texts(f.detail.changes); }},
+    {"unexpected", [](const Finding& f) { return unexpected_text(f); }},
     {"datagrams", [](const Finding& f) { return nouns(f.detail.datagrams, "datagram"); }},
     {"packets", [](const Finding& f) { return nouns(f.detail.packets, "packet"); }},
     {"away", [](const Finding& f) { return time_text(f.detail.away_ms); }},

@@ -70,7 +70,8 @@ std::string_view word(TableChange::Op op) {
     return at(words("added", "removed", "moved", "changed"), op);
 }
 std::string_view word(TableChange::What what) {
-    return at(words("program", "stream", "pcr_pid", "pmt_pid", "service", "network", "descriptor"),
+    return at(words("program", "stream", "pcr_pid", "pmt_pid", "service", "network", "descriptor",
+                    "name", "language", "codec", "scrambling", "table", "bitrate", "rate"),
               what);
 }
 

@@ -40,9 +40,9 @@ Finding full(Rule rule, Kind kind) {
     f.detail.step_ms = f.detail.drift_ms_per_s = f.detail.error_ns = -40.5;
     f.detail.late_ms = f.detail.away_ms = 1e300;
     f.detail.extra_ms = 12;
-    for (int what = 0; what <= static_cast<int>(TableChange::What::descriptor); ++what)
+    for (int what = 0; what <= static_cast<int>(TableChange::What::rate); ++what)
         f.detail.changes.push_back({static_cast<TableChange::Op>(what % 4),
-                                    static_cast<TableChange::What>(what), 2, 260, hostile,
+                                    static_cast<TableChange::What>(what), 2, 260, hostile, hostile,
                                     hostile});
     f.detail.pids = {256, 257};
     return f;
