@@ -13,6 +13,9 @@
 #include "reports/kept_findings.h"
 #include "reports/records.h"
 #include "reports/text.h"
+#include "reports/words.h"
+#include "settings/expect_file.h"
+#include "settings/words.h"
 #include "status.h"
 
 namespace quarn::check {
@@ -132,6 +135,22 @@ void tell_of(const cuts::InputCuts& cuts, const std::string& name, Judgement& ju
     judgement.status = status_error;
 }
 
+/// Writes what is to be expected of others, and says where that is doubtful.
+void write_expect(const std::string& path, const std::string& input, const Summary& summary,
+                  const Observed& observed, Judgement& judgement) {
+    try {
+        settings::write_expectation(path, settings::expectation_text(input, summary, observed));
+    } catch (const settings::WrongValue& wrong) {
+        complain(judgement, "--write-expect", wrong.what());
+        judgement.status = status_error;
+        return;
+    }
+    if (summary.verdict == Verdict::failed)
+        complain(judgement, input,
+                 "failed (" + id_list(summary.why) + "), and " + path +
+                     " expects others to be as it is; a good capture is a better measure");
+}
+
 void report(const InputFacts& facts, const CommandLine& line, const Colours& colours,
             const Summary& summary, Findings& findings) {
     if (line.json)
@@ -198,6 +217,8 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
     }
     if (cuts)
         tell_of(*cuts, name, judgement);
+    if (line.write_expect && error.empty())
+        write_expect(*line.write_expect, name, summary, stream.observed(), judgement);
     if (page)
         write_page(*page, facts, line, summary, findings, stream.series(), error, judgement);
     findings.flush();

@@ -13,6 +13,7 @@
 #include "meta.h"
 #include "ordered.h"
 #include "settings/command_line.h"
+#include "settings/expect_file.h"
 #include "settings/words.h"
 #include "status.h"
 
@@ -60,6 +61,7 @@ struct Given {
 void apply(const Given& given, CommandLine& line) {
     Options& measure = line.measure;
     measure.series = line.html.has_value();
+    measure.observe = line.write_expect.has_value();
     measure.limits = limits_of(measure.profile);
     for (const std::string& text : given.limits)
         taken("--limit", [&] { settings::set_limit_of(text, measure.limits); });
@@ -81,6 +83,8 @@ void check_combination(const CommandLine& line) {
         refuse("--shard", "counts the lines of --list; name no FILE beside it");
     if (!line.cuts.wanted() && !(line.cuts == cuts::Settings()))
         refuse("--cut", "is missing: without it nothing is cut out");
+    if (line.write_expect && (line.files.size() != 1 || line.list))
+        refuse("--write-expect", "writes what one capture is like; name one FILE and no --list");
     const auto dashes = std::count(line.files.begin(), line.files.end(), "-");
     if (dashes + (line.list == "-" ? 1 : 0) > 1)
         refuse("FILE", "standard input (\"-\") can be read only once");
@@ -102,6 +106,8 @@ void add_outputs(CLI::App& app, CommandLine& line) {
     file("--junit", "Write JUnit XML as well", "report.xml", line.junit);
     file("--html", "Write a page with plots as well; of several captures an overview and pages",
          "report.html", line.html);
+    file("--write-expect", "Write what the capture is like, for --expect", "news.expect",
+         line.write_expect);
     with_value(app, "--explain", "ID", "Show the page on a rule, such as 1.4, and end",
                [&](const std::string& text) { line.explain = settings::rule_of(text); });
 }
@@ -133,6 +139,8 @@ void add_measuring(CLI::App& app, CommandLine& line, Given& given) {
                [&](const std::string& text) { m.profile = settings::profile_of(text); });
     repeated(app, "--limit", "NAME=VALUE", "Set a limit, such as 1.3.a=500ms; several times",
              given.limits);
+    with_value(app, "--expect", "FILE", "Hold against this file besides (rule q.11)",
+               [&](const std::string& text) { m.expect = settings::read_expectation(text); });
     with_value(app, "--bitrate", "N", "Bits a second: the clock of a stream that has none",
                [&](const std::string& text) {
                    m.bitrate = number<std::uint64_t>(text, 1, 1'000'000'000'000);

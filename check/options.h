@@ -25,8 +25,9 @@ struct CommandLine {
     std::optional<Shard> shard;
     bool json = false;
     bool quiet = false;
-    std::optional<std::string> junit; // file to write
-    std::optional<std::string> html;  // page to write, of several inputs the overview
+    std::optional<std::string> junit;        // file to write
+    std::optional<std::string> html;         // page to write, of several inputs the overview
+    std::optional<std::string> write_expect; // file to write what is expected of others to
     cuts::Settings cuts;
     std::optional<inputs::Endpoint> flow;
     unsigned jobs = 1;
