@@ -177,6 +177,47 @@ void apply_pmt_type(Job& job) {
     });
 }
 
+// A stream says that its language is another one.
+void apply_pmt_language(Job& job) {
+    constexpr std::uint8_t LANGUAGE = 0x0A;
+    Capture& ts = job.ts;
+    const int pid = job.media_pid();
+    const int pmt_pid = ts.programme_of(pid)->pmt_pid;
+    const auto units = from_time(ts, pmt_pid, 2, job.start(1));
+    const std::string to = job.word("to");
+    const Bytes said = {LANGUAGE,
+                        4,
+                        static_cast<std::uint8_t>(to.at(0)),
+                        static_cast<std::uint8_t>(to.at(1)),
+                        static_cast<std::uint8_t>(to.at(2)),
+                        0};
+    job.touches(units[0].items.front(), pmt_pid);
+    job.must("q.4", {}, {pmt_pid}, span_of(job, units[0])).detail["changes"] = {
+        {"has", {{"op", "changed"}, {"pid", pid}}}};
+    rewrite(ts, pmt_pid, units, [pid, &said](const Bytes& section) {
+        Pmt pmt = parse_pmt(section);
+        for (Stream& stream : pmt.streams) {
+            if (stream.pid != pid) {
+                continue;
+            }
+            Bytes others;
+            for (std::size_t at = 0; at + 2 <= stream.descriptors.size();) {
+                const std::size_t end =
+                    std::min(stream.descriptors.size(), at + 2 + stream.descriptors[at + 1]);
+                if (stream.descriptors[at] != LANGUAGE) {
+                    others.insert(others.end(), stream.descriptors.begin() + static_cast<long>(at),
+                                  stream.descriptors.begin() + static_cast<long>(end));
+                }
+                at = end;
+            }
+            stream.descriptors = said;
+            stream.descriptors.insert(stream.descriptors.end(), others.begin(), others.end());
+        }
+        ++pmt.version;
+        return make(pmt);
+    });
+}
+
 // A programme of streams that are there already, with a PMT behind each PAT.
 void apply_pat_add(Job& job) {
     Capture& ts = job.ts;
@@ -496,6 +537,7 @@ constexpr Kind KINDS[] = {
      "a stream leaves the PMT (its packets go with it or not)", apply_pmt_remove},
     {"pmt_move", "pid=any", "a stream moves to another pid", apply_pmt_move},
     {"pmt_type", "pid=any", "a stream changes its stream_type", apply_pmt_type},
+    {"pmt_language", "pid=audio,to=qaa|qab", "a stream changes its language", apply_pmt_language},
     {"pat_add", "ghost=0", "a programme comes into the PAT", apply_pat_add},
     {"pat_ghost", "ghost=1", "a programme comes into the PAT, its PMT never does", apply_pat_add},
     {"pat_remove", "programme=0,packets=drop|keep,seconds=0", "a programme leaves the PAT",

@@ -170,6 +170,32 @@ void apply_scramble_all(Job& job) {
     job.record.cannot.emplace_back("stamps and frames of scrambled streams");
 }
 
+// Packets from within PES packets were never sent: the stream has less to say, and its headers and
+// clocks stay. What it says so cannot be decoded, which is no matter here.
+void apply_thin(Job& job) {
+    Capture& ts = job.ts;
+    const int pid = job.media_pid();
+    const int percent = job.whole("percent", 95);
+    const double from = job.start(5, 0);
+    const auto rest = ts.payloads(pid, from);
+    job.touches(rest.at(0), pid);
+    int owed = 0;
+    std::size_t gone = 0;
+    for (const std::size_t i : rest) {
+        const Packet& p = ts.items[i].bytes;
+        owed += percent;
+        if (owed >= 100 && !unit_starts(p) && !pcr_of(p)) {
+            ts.take_out(i);
+            owed -= 100;
+            ++gone;
+        }
+    }
+    ts.settle(pid);
+    // Where most packets begin something it is less than was asked for.
+    job.record.parameters["percent"] = 100 * gone / rest.size();
+    job.record.cannot.emplace_back("that there was more before: only who expects it knows");
+}
+
 void apply_transport_error(Job& job) {
     Capture& ts = job.ts;
     const int pid = job.media_pid();
@@ -224,6 +250,8 @@ constexpr Kind KINDS[] = {
     {"scramble", "seconds=2,cat=0|1,pid=any",
      "a stream is scrambled for a while (cat=1: there is a CAT)", apply_scramble},
     {"scramble_all", "cat=0|1", "all streams are scrambled", apply_scramble_all},
+    {"thin", "percent=50,pid=video", "a stream has less to say, and nothing else is wrong",
+     apply_thin},
     {"transport_error", "count=1..20,damaged=0|1,pid=any", "transport_error_indicator is set",
      apply_transport_error},
     {"unreferenced", "ms=800..3000", "a pid that nothing announces", apply_unreferenced},
