@@ -15,6 +15,9 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "emulated.h"
 #include "live/analyzer.h"
 #include "ts_builder.h"
 
@@ -25,6 +28,15 @@ using quarn::live::Analyzer;
 using quarn::live::AnalyzerEnd;
 using quarn::live::AnalyzerSettings;
 using Bytes = std::vector<std::uint8_t>;
+
+/// An analyzer is this program, started once more.
+template <class Base = testing::Test>
+class StartsPrograms : public Base {
+    void SetUp() override {
+        if (emulated())
+            GTEST_SKIP() << "the emulator starts no programs of the other machine";
+    }
+};
 
 constexpr std::int64_t second = 27'000'000;
 constexpr std::size_t datagram_size = std::size_t{7} * 188;

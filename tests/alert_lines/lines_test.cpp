@@ -69,7 +69,7 @@ void send(Input& input, const Bytes& all, const std::string& form) {
     }
 }
 
-class Forms : public testing::TestWithParam<const char*> {};
+class Forms : public StartsPrograms<testing::TestWithParam<const char*>> {};
 INSTANTIATE_TEST_SUITE_P(, Forms, testing::Values("datagrams", "pipe", "204", "rtp"));
 
 TEST_P(Forms, HaveTheAlertsOfTheFile) {
@@ -87,7 +87,9 @@ TEST_P(Forms, HaveTheAlertsOfTheFile) {
     EXPECT_EQ(input.analyzer->dropped(), 0U);
 }
 
-TEST(Lines, AreThoseOfTheExampleHostStatisticsIncluded) {
+class Lines : public StartsPrograms<> {};
+
+TEST_F(Lines, AreThoseOfTheExampleHostStatisticsIncluded) {
     Input input("live");
     input.feed(read_bytes(SAMPLES "/demo.ts"));
     input.analyzer->end();
@@ -101,7 +103,7 @@ TEST(Lines, AreThoseOfTheExampleHostStatisticsIncluded) {
     EXPECT_THAT(text, testing::HasSubstr("tsan_stats END"));
 }
 
-TEST(Lines, TellLostSyncAndGoOnAtTheNextPacket) {
+TEST_F(Lines, TellLostSyncAndGoOnAtTheNextPacket) {
     // A wrong sync byte; stray bytes before packets; a datagram that ends inside a packet.
     ts::stream s;
     s.section(0, ts::pat_section({{1, 4096}}))
@@ -127,7 +129,7 @@ TEST(Lines, TellLostSyncAndGoOnAtTheNextPacket) {
     EXPECT_THAT(input.alerts(), ElementsAreArray(expected));
 }
 
-TEST(Lines, HaveNamesThatAreOneColumn) {
+TEST_F(Lines, HaveNamesThatAreOneColumn) {
     const std::vector<std::pair<std::string, std::string>> names{
         {"News", "News"},
         {" a\tb\nc", "_a_b_c"},

@@ -81,7 +81,7 @@ const Deadly deadly_tables[] = {
      "pcr_pid"},
 };
 
-class Tables : public testing::TestWithParam<Deadly> {};
+class Tables : public StartsPrograms<testing::TestWithParam<Deadly>> {};
 INSTANTIATE_TEST_SUITE_P(, Tables, testing::ValuesIn(deadly_tables),
                          [](const auto& table) { return std::string(table.param.name); });
 
@@ -131,7 +131,9 @@ TEST_P(Tables, EndOneAnalyzerAndNoOther) {
 // ---- other ends, and the next start
 // --------------------------------------------------------------
 
-TEST(Process, IsStartedAgainLaterAndLaterWhileItEndsAtOnce) {
+class Process : public StartsPrograms<> {};
+
+TEST_F(Process, IsStartedAgainLaterAndLaterWhileItEndsAtOnce) {
     Input input("again");
     const std::int64_t waits[] = {1, 2, 4, 8, 16, 32, 60, 60};
     std::size_t ends = 0;
@@ -155,7 +157,7 @@ TEST(Process, IsStartedAgainLaterAndLaterWhileItEndsAtOnce) {
     EXPECT_TRUE(input.analyzer->running());
 }
 
-TEST(Process, ThatHangsIsEnded) {
+TEST_F(Process, ThatHangsIsEnded) {
     Input input("hangs");
     input.feed(broken(1).flat());
     ASSERT_TRUE(input.logged("CC-BRK"));
@@ -171,7 +173,7 @@ TEST(Process, ThatHangsIsEnded) {
     EXPECT_EQ(input.ends[0].reason, Reason::hang);
 }
 
-TEST(Process, GivesUpWhatIsNoTransportStream) {
+TEST_F(Process, GivesUpWhatIsNoTransportStream) {
     Input input("noise");
     input.feed(Bytes(20 * datagram_size, 1));
     ASSERT_TRUE(input.ended(1));
@@ -180,7 +182,7 @@ TEST(Process, GivesUpWhatIsNoTransportStream) {
     EXPECT_THAT(lines_with(read_file(input.folder / "alerts"), "STAT GLOBAL"), testing::SizeIs(1));
 }
 
-TEST(Process, SaysWhyItCannotRun) {
+TEST_F(Process, SaysWhyItCannotRun) {
     AnalyzerSettings settings;
     settings.alert_log = "/nowhere/alerts";
     Input input("log", settings);
@@ -190,7 +192,7 @@ TEST(Process, SaysWhyItCannotRun) {
     EXPECT_THAT(input.said, HasSubstr("/nowhere/alerts"));
 }
 
-TEST(Process, DropsWhatItIsTooSlowForAndSaysSo) {
+TEST_F(Process, DropsWhatItIsTooSlowForAndSaysSo) {
     Input input("slow");
     ASSERT_TRUE(input.taken());
     ::kill(input.analyzer->pid(), SIGSTOP);
@@ -226,7 +228,9 @@ TEST(Process, DropsWhatItIsTooSlowForAndSaysSo) {
 // ---- logs
 // ----------------------------------------------------------------------------------------
 
-TEST(Logs, AreRotatedBySizeAndKeepSoManyOfEarlierProcessesToo) {
+class Logs : public StartsPrograms<> {};
+
+TEST_F(Logs, AreRotatedBySizeAndKeepSoManyOfEarlierProcessesToo) {
     AnalyzerSettings settings;
     settings.log_size = 1 << 20;
     settings.log_files = 2;
@@ -262,7 +266,7 @@ TEST(Logs, AreRotatedBySizeAndKeepSoManyOfEarlierProcessesToo) {
     EXPECT_TRUE(fs::exists(input.folder / "text")); // rotated as well
 }
 
-TEST(Logs, AreRotatedAtTheEndOfTheDayWithoutALine) {
+TEST_F(Logs, AreRotatedAtTheEndOfTheDayWithoutALine) {
     const time_t east = (86400 - time(nullptr) % 86400 + 86400 - 3) % 86400; // midnight in 3 s
     char zone[32];
     std::snprintf(zone, sizeof zone, "XXX-%02d:%02d:%02d", static_cast<int>(east / 3600),
@@ -278,7 +282,7 @@ TEST(Logs, AreRotatedAtTheEndOfTheDayWithoutALine) {
     EXPECT_THAT(read_file(input.folder / "alerts"), "");
 }
 
-TEST(Logs, AreOpenedAgain) {
+TEST_F(Logs, AreOpenedAgain) {
     Input input("moved");
     input.feed(broken(1).flat());
     ASSERT_TRUE(input.logged("CC-BRK"));
@@ -326,7 +330,9 @@ TEST(Settings, ThatCannotBeAreNamed) {
 // ---- the parent
 // ----------------------------------------------------------------------------------
 
-TEST(Parent, ThatIsKilledTakesItsAnalyzersAlong) {
+class Parent : public StartsPrograms<> {};
+
+TEST_F(Parent, ThatIsKilledTakesItsAnalyzersAlong) {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t host = fork();
     if (host == 0) {
