@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "settings/expect_file.h"
+#include "settings/words.h"
 #include "tell.h"
 
 namespace quarn::live {
@@ -169,6 +171,19 @@ void Channel::end() {
     records_.summary(text, summary());
     outputs_.add({std::move(text), Severity::info, false, settings_.name});
     publish();
+    if (settings_.write_expect)
+        write_expectation();
+}
+
+void Channel::write_expectation() {
+    try {
+        settings::write_expectation(
+            *settings_.write_expect,
+            settings::expectation_text(settings_.name, stream_.summary(), stream_.observed()));
+    } catch (const settings::WrongValue& wrong) {
+        not_written_ = true;
+        tell("--write-expect: " + std::string(wrong.what()));
+    }
 }
 
 void Channel::finding(const Finding& finding) {

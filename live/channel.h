@@ -41,6 +41,8 @@ class Channel final : public inputs::Consumer, private Sink {
     void end();
     /// The input has come to its end.
     bool over() const { return over_; }
+    /// Behind end(): what it was like was to be written, and was not.
+    bool not_written() const { return not_written_; }
 
     /// As it was at most about a second ago.
     Snapshot snapshot() const;
@@ -64,6 +66,7 @@ class Channel final : public inputs::Consumer, private Sink {
     void keep(const Finding& finding, const std::string& record);
     void suppressed(State state);
     void analyzer_ended(const AnalyzerEnd& end);
+    void write_expectation();
     Place here() const;
     Summary summary() const;
     struct Own;
@@ -109,6 +112,7 @@ class Channel final : public inputs::Consumer, private Sink {
     std::uint64_t second_bytes_ = 0;
     bool started_ = false, finished_ = false;
     std::atomic<bool> over_ = false;
+    bool not_written_ = false;
 
     mutable std::mutex mutex_; // guards published_
     Snapshot published_;

@@ -35,6 +35,13 @@ void add_outputs(CLI::App& app, Settings& all) {
                [&](const std::string& text) { all.syslog = facility_of(text); });
     with_value(app, "--http", "ADDRESS:PORT", "Serve metrics, state and a page there",
                [&](const std::string& text) { all.http = server_of(text); });
+    with_value(app, "--write-expect", "FILE",
+               "At the end write what the one input was like; see quarn-expect(5)",
+               [&](const std::string& text) {
+                   if (text == "-")
+                       settings::refuse("--write-expect", "\"-\" is no file; name one");
+                   all.write_expect = text;
+               });
     with_value(app, "--for", "SECONDS", "End in order after so long", [&](const std::string& text) {
         constexpr long longest = 1'000'000'000;
         all.run_for = std::chrono::seconds(settings::number<long>(text, 0, longest));

@@ -56,8 +56,11 @@ Service::~Service() {
 bool Service::end() {
     http_.reset();
     close_all(inputs_);
+    const bool written = std::none_of(inputs_.begin(), inputs_.end(), [](const auto& watched) {
+        return watched->channel.not_written();
+    });
     inputs_.clear();
-    return outputs_.end();
+    return outputs_.end() && written;
 }
 
 std::unique_ptr<Http> Service::server(const Settings& settings) const {

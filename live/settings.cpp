@@ -6,6 +6,7 @@
 #include "appcfg.h"
 #include "reports/text.h"
 #include "settings/config_file.h"
+#include "settings/expect_file.h"
 
 namespace quarn::live {
 
@@ -64,7 +65,7 @@ void tell_analyzer(InputSettings& input) {
 }
 
 InputSettings read_input(const Group& group, const InputSettings& usual) {
-    group.only(with({"name", "url", "profile", "limits", "ignore", "dvb"},
+    group.only(with({"name", "url", "profile", "limits", "ignore", "dvb", "expect"},
                     {&alert_keys, &alert_path_keys}));
     InputSettings input;
     const auto url = group.text("url");
@@ -78,6 +79,9 @@ InputSettings read_input(const Group& group, const InputSettings& usual) {
         throw group.wrong("name", "is no UTF-8");
     input.measure = usual.measure;
     read_measuring(group, input.measure);
+    if (const auto file = group.text("expect"))
+        input.measure.expect =
+            group.taken("expect", [&] { return settings::read_expectation(*file); });
     input.alerts = usual.alerts;
     tell_analyzer(input);
     read_alerts(group, input.alerts);
@@ -137,11 +141,21 @@ void check(const Settings& all) {
                                  "; give each one of its own");
 }
 
+void observe(Settings& all) {
+    if (!all.write_expect)
+        return;
+    if (all.inputs.size() != 1)
+        throw WrongValue("--write-expect writes what one input is like; there are " +
+                         std::to_string(all.inputs.size()));
+    all.inputs.front().measure.observe = true;
+    all.inputs.front().write_expect = all.write_expect;
+}
+
 } // namespace
 
 bool InputSettings::operator==(const InputSettings& other) const {
     return name == other.name && url.text == other.url.text && measure == other.measure &&
-           alerts == other.alerts;
+           alerts == other.alerts && write_expect == other.write_expect;
 }
 
 int facility_of(const std::string& name) {
@@ -176,7 +190,9 @@ Settings settings_of(const CommandLine& line) {
     prefer(all.exec, line.settings.exec);
     prefer(all.syslog, line.settings.syslog);
     prefer(all.run_for, line.settings.run_for);
+    prefer(all.write_expect, line.settings.write_expect);
     check(all);
+    observe(all);
     if (!all.http && !all.findings && !all.exec && !all.syslog)
         all.findings = "-";
     return all;

@@ -18,6 +18,7 @@ struct InputSettings {
     inputs::InputUrl url;
     Options measure;
     AlertSettings alerts;
+    std::optional<std::string> write_expect; // file that tells at the end what it was like
 
     /// Nothing differs that was written.
     bool operator==(const InputSettings& other) const;
@@ -30,6 +31,7 @@ struct Settings {
     std::optional<int> syslog;           // facility
     std::optional<std::string> exec;     // command for each finding
     std::optional<std::chrono::milliseconds> run_for;
+    std::optional<std::string> write_expect; // of the one input
     unsigned loops = 0; // threads that read inputs, 0: as many as processors, at most 4
 };
 
