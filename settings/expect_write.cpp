@@ -97,9 +97,9 @@ std::string stream(const Expectation::Stream& s) {
                 list(s.languages,
                      [](const std::string& l) { return l.empty() ? std::string("none") : l; }) +
                 ";";
-    text += std::string(" scrambled = ") +
+    text += std::string("\n        scrambled = ") +
             (s.scrambled ? (*s.scrambled ? "true" : "false") : "\"any\"") + ";";
-    return text + "\n        bitrate = " + bitrate(s.bitrate) + "; }";
+    return text + " bitrate = " + bitrate(s.bitrate) + "; }";
 }
 
 /// "( { ... }, { ... } )" over several lines.
