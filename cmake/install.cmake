@@ -83,7 +83,8 @@ set(CPACK_DEBIAN_QUARN_DESCRIPTION "Reads a capture of an MPEG transport stream 
 lost packets, changed tables, clocks and time stamps that are off. Each fault
 is a line for people and, on request, a line for scripts. quarn-check gives a
 verdict on captures, with places, times and programs, as text, JSON, JUnit or
-a page with plots.")
+a page with plots. quarn-live watches channels day and night: UDP, RTP, SRT and
+files, with findings as records, metrics for Prometheus and a page.")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "The analyzer of quarn as a library that any program can feed packet by packet:
 headers, static libraries, an example.")
 include(CPack)
