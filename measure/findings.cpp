@@ -38,11 +38,21 @@ constexpr Explanation explanations[] = {
     {Rule::late_stamp, What::outage, false},
     {Rule::pid_error, What::outage, false},
     {Rule::unexpected, What::outage, false},
+    {Rule::unexpected, What::stopped, true},
 };
 /// An outage explains what is not much longer than itself.
 bool covers(const Cause& c, const Finding& f) {
     return c.what != What::outage || f.shape == Shape::point || f.end.time == no_time ||
            2 * c.length >= f.end.time - f.begin.time;
+}
+
+/// Of what is not as expected only how much comes can follow from anything; what it is cannot.
+bool can_follow(const Finding& f) {
+    if (f.rule != Rule::unexpected)
+        return true;
+    return std::any_of(f.detail.changes.begin(), f.detail.changes.end(), [](const auto& change) {
+        return change.what == TableChange::What::bitrate || change.what == TableChange::What::table;
+    });
 }
 
 /// What follows from a loss of packets or a stamp out of order of the same pid, near in time.
@@ -121,6 +131,8 @@ bool Findings::wanted(const Finding& f) const {
 }
 
 bool Findings::follows(const Finding& f) const {
+    if (!can_follow(f))
+        return false;
     if (f.begin.time != no_time)
         for (const Cause& c : causes_)
             if (c.time != no_time && beside(c, f))

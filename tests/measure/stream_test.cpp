@@ -55,6 +55,10 @@ std::string line(const Finding& f) {
     figure("step", d.step_ms), figure("ns", d.error_ns), figure("late", d.late_ms);
     figure("datagrams", d.datagrams), figure("packets", d.packets), figure("away", d.away_ms),
         figure("worst", d.worst);
+    for (const TableChange& c : f.rule == Rule::unexpected ? d.changes : std::vector<TableChange>())
+        text += " " + std::to_string(static_cast<int>(c.op)) + "/" +
+                std::to_string(static_cast<int>(c.what)) + " " + c.before.value_or("-") + " > " +
+                c.after.value_or("-");
     for (const std::uint16_t pid : d.pids)
         text += " +" + std::to_string(pid);
     if (f.sure != Sure::exact)
@@ -97,8 +101,42 @@ std::string row(const Summary& s, const std::string& id) {
     return "no row " + id + "\n";
 }
 
+// "service 1", then what is said of it; numbers as "least-most", times in ms. Returns false where
+// the word is none of these.
+bool expects(Expectation& e, const std::string& name, const std::string& value) {
+    const auto number = [&] { return std::stoll(value); };
+    const auto range = [&] {
+        return Range{std::stoll(value), std::stoll(value.substr(value.find('-') + 1))};
+    };
+    if (name == "service") {
+        e.services.emplace_back().number = static_cast<std::uint16_t>(number());
+    } else if (name == "pmt") {
+        e.services.back().pmt_interval = number() * ticks_per_ms;
+    } else if (name == "pid") {
+        e.services.back().streams.emplace_back().pid = {number(), number()};
+    } else if (name == "of") {
+        e.services.back().streams.back().bitrate = range();
+    } else if (name == "clear") {
+        e.services.back().streams.back().scrambled = number() == 0;
+    } else if (name == "all") {
+        e.bitrate = range();
+    } else if (name == "over") {
+        e.bitrate_over = number() * ticks_per_ms;
+    } else if (name == "table") {
+        e.tables.push_back({static_cast<std::uint8_t>(number()), {}, 0, false});
+    } else if (name == "within") {
+        e.tables.back().interval = number() * ticks_per_ms;
+    } else if (name == "constant") {
+        e.constant_rate = number() != 0;
+    } else {
+        return false;
+    }
+    return true;
+}
+
 Options options_of(const std::string& words) {
     Options o;
+    Expectation expected;
     std::istringstream in(words);
     for (std::string name, value; in >> name >> value;) {
         if (name == "profile") {
@@ -118,10 +156,12 @@ Options options_of(const std::string& words) {
             o.require.insert(rule_by_id(value).value());
         } else if (name == "fail") {
             o.fail_on = value == "warning" ? Severity::warning : Severity::error;
-        } else {
+        } else if (!expects(expected, name, value)) {
             EXPECT_EQ(set_limit(o.limits, name, value), "");
         }
     }
+    if (!(expected == Expectation{}))
+        o.expect = expected;
     return o;
 }
 
@@ -304,7 +344,7 @@ TEST_P(Streams, AreFoundAndSaidToBeWhatTheyAre) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Streams,
-                         testing::Values("continuity", "clock", "presence", "verdict"),
+                         testing::Values("continuity", "clock", "presence", "verdict", "expected"),
                          [](const auto& of) { return std::string(of.param); });
 
 } // namespace
