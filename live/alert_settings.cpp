@@ -33,13 +33,10 @@ std::uint32_t time_of(const std::string& name) {
 }
 
 void read_checks(const Group& group, tsan_config& analyzer) {
-    std::string wrong;
     if (const auto file = group.text("analyzer_config"))
-        if (wrong = load_analyzer_file(*file, analyzer); !wrong.empty())
-            throw group.wrong("analyzer_config", wrong);
+        group.taken("analyzer_config", [&] { load_analyzer_file(*file, analyzer); });
     if (const auto checks = group.group("analyzer"))
-        if (wrong = load_analyzer_group(checks->setting(), analyzer); !wrong.empty())
-            throw group.wrong("analyzer", wrong);
+        load_analyzer_group(*checks, analyzer);
 }
 
 auto fields(const tsan_config& c) {

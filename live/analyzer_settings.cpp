@@ -1,41 +1,33 @@
 #include "live/analyzer_settings.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
+#include <climits>
+#include <optional>
+#include <vector>
 
 #include <libconfig.h>
 
 #include "live/ring.h"
 #include "log.h"
 #include "reports/text.h"
+#include "strops.h"
 
 namespace quarn::live {
 namespace {
 
-constexpr const char* group_path = "zbn.stream_analyzer";
+using settings::Group;
+using settings::WrongValue;
+
+constexpr const char* sizes[] = {"max_skipped_pkts", "max_pdts_delta_ms", "max_pcr_delta_ms",
+                                 "pcr_freq_ms",      "dump_stats_period", "max_ndat_pcount"};
+constexpr const char* flags[] = {"enabled",     "access_log_alerts", "sdt_ignore",
+                                 "misc_ignore", "pdts_update",       "pat_pmt_pkt",
+                                 "pcr_update",  "pmt_diff",          "pat_diff"};
+constexpr std::size_t longest_tag = MAX_STAG_LEN - 2;
 
 /// Two rotations within a second would share one name, so there must be room for a second's lines.
 constexpr std::size_t least_log_size = 1 << 20;
 /// A rotated log has a dot and the Unix time behind its name.
 constexpr std::size_t longest_log_path = LOG_PATHNAME_MAX - 1 - sizeof(".1234567890");
-
-std::string system_error(const std::string& path, int error) {
-    return path + ": " + std::strerror(error);
-}
-
-struct ConfigFile {
-    ConfigFile() { config_init(&config); }
-    ~ConfigFile() { config_destroy(&config); }
-    ConfigFile(const ConfigFile&) = delete;
-    ConfigFile& operator=(const ConfigFile&) = delete;
-    config_t config{};
-};
-
-struct Close {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
 
 std::string wrong_path(const char* key, const std::string& path) {
     if (path.size() <= longest_log_path)
@@ -63,41 +55,71 @@ tsan_config default_analyzer() {
     return cfg;
 }
 
-std::string load_analyzer_group(config_setting_t* group, tsan_config& cfg) {
-    if (config_setting_is_group(group) != CONFIG_TRUE)
-        return "analyzer settings are a group: { pcr_freq_ms = 40; ... }";
-    if (config_setting_get_member(group, "enabled") == nullptr)
-        config_setting_set_bool(config_setting_add(group, "enabled", CONFIG_TYPE_BOOL),
-                                CONFIG_TRUE);
-    const int rc = tsan_load_config(group, &cfg);
-    if (rc != 0)
-        return std::string("a setting of the analyzer cannot be used: sizes are whole numbers or "
-                           "texts with K, M or G, source_tag has at most 62 characters (") +
-               std::strerror(rc) + ")";
-    if (!cfg.is_enabled)
-        return "the analyzer is off there: enabled must be true";
-    return {};
+namespace {
+
+void check_size(const Group& group, const char* key) {
+    const config_setting_t* const size = config_setting_get_member(group.setting(), key);
+    if (size == nullptr || config_setting_is_number(size) == CONFIG_TRUE)
+        if (size == nullptr || config_setting_type(size) != CONFIG_TYPE_FLOAT)
+            return;
+    std::size_t value = 0;
+    if (config_setting_type(size) != CONFIG_TYPE_STRING ||
+        a2size(config_setting_get_string(size), &value) != 0)
+        throw group.wrong(key, "must be a whole number, or a text with K, M or G, such as \"10K\"");
 }
 
-std::string load_analyzer_file(const std::string& path, tsan_config& cfg) {
-    const std::unique_ptr<std::FILE, Close> in(std::fopen(path.c_str(), "re"));
-    if (!in)
-        return system_error(path, errno);
-    // libconfig ends the process when the first read of a directory fails.
-    std::ungetc(std::getc(in.get()), in.get());
-    if (std::ferror(in.get()))
-        return system_error(path, errno);
-    ConfigFile file;
-    if (config_read(&file.config, in.get()) != CONFIG_TRUE)
-        return path + ":" + std::to_string(config_error_line(&file.config)) + ": " +
-               config_error_text(&file.config);
-    config_setting_t* const group = config_lookup(&file.config, group_path);
-    if (group == nullptr)
-        return path + ": there is no group " + group_path;
-    if (config_setting_get_member(group, "enabled") == nullptr)
-        return path + ": the analyzer is off there: enabled = true is missing";
-    const std::string error = load_analyzer_group(group, cfg);
-    return error.empty() ? error : path + ": " + error;
+/// What the analyzer itself cannot use, with the key.
+void check_values(const Group& group) {
+    for (const char* const key : sizes)
+        check_size(group, key);
+    if (const auto tag = group.text("source_tag"); tag && tag->size() > longest_tag)
+        throw group.wrong("source_tag", "has over " + std::to_string(longest_tag) + " characters");
+}
+
+/// What it would pass over.
+void check_keys(const Group& group) {
+    std::vector<const char*> known = {"source_tag", "cc", "track"};
+    known.insert(known.end(), std::begin(sizes), std::end(sizes));
+    known.insert(known.end(), std::begin(flags), std::end(flags));
+    group.only(known);
+    for (const char* const key : flags)
+        group.flag(key);
+    const config_setting_t* const cc = config_setting_get_member(group.setting(), "cc");
+    if (cc == nullptr || config_setting_type(cc) == CONFIG_TYPE_BOOL)
+        return;
+    const Group counters = group.group("cc").value();
+    counters.only({"track", "max_zreset_time"});
+    counters.flag("track");
+    counters.number("max_zreset_time", INT_MIN, INT_MAX);
+}
+
+void load(const Group& group, tsan_config& cfg) {
+    check_values(group);
+    if (tsan_load_config(group.setting(), &cfg) != 0)
+        throw group.wrong(nullptr, "the analyzer cannot use it");
+    if (!cfg.is_enabled)
+        throw group.wrong("enabled", "the analyzer is off there: it must be true");
+}
+
+} // namespace
+
+void load_analyzer_group(const Group& group, tsan_config& cfg) {
+    check_keys(group);
+    if (config_setting_get_member(group.setting(), "enabled") == nullptr)
+        config_setting_set_bool(config_setting_add(group.setting(), "enabled", CONFIG_TYPE_BOOL),
+                                CONFIG_TRUE);
+    load(group, cfg);
+}
+
+void load_analyzer_file(const std::string& path, tsan_config& cfg) {
+    const settings::ConfigFile file(path);
+    const auto zbn = file.root().group("zbn");
+    const auto group = zbn ? zbn->group("stream_analyzer") : std::nullopt;
+    if (!group)
+        throw WrongValue(path + ": there is no group zbn.stream_analyzer");
+    if (config_setting_get_member(group->setting(), "enabled") == nullptr)
+        throw group->wrong(nullptr, "the analyzer is off there: enabled = true is missing");
+    load(*group, cfg);
 }
 
 std::string wrong_settings(const AnalyzerSettings& settings) {

@@ -24,6 +24,7 @@
 #include <string>
 #include <string_view>
 
+#include "settings/config_file.h"
 #include "tsanalyze.h"
 
 namespace quarn::live {
@@ -32,10 +33,12 @@ namespace quarn::live {
 /// from the PCR, PCRs 100 ms apart, silent streams; statistics every 60 s.
 tsan_config default_analyzer();
 
-/// Settings of a group in the style of quarn.conf. An error says what is wrong, empty: none.
-std::string load_analyzer_group(config_setting_t* group, tsan_config& cfg);
-/// Settings of the group zbn.stream_analyzer of a file. An error names the file, empty: none.
-std::string load_analyzer_file(const std::string& path, tsan_config& cfg);
+/// Settings of a group in the style of quarn.conf. Throws settings::WrongValue, also for keys that
+/// it does not have and would pass over.
+void load_analyzer_group(const settings::Group& group, tsan_config& cfg);
+/// Settings of the group zbn.stream_analyzer of a file for quarn, which takes any key. Throws
+/// settings::WrongValue, with the file.
+void load_analyzer_file(const std::string& path, tsan_config& cfg);
 
 struct AnalyzerSettings {
     std::string name;                // of the input, any text

@@ -314,17 +314,25 @@ TEST(Settings, ThatCannotBeAreNamed) {
           std::pair(small, "alert_log_size"), std::pair(many, "1 to 127")})
         EXPECT_THAT(quarn::live::wrong_settings(settings), HasSubstr(word));
     tsan_config cfg{};
+    const auto wrong = [&cfg](const char* file) {
+        try {
+            quarn::live::load_analyzer_file(file, cfg);
+        } catch (const quarn::settings::WrongValue& why) {
+            return std::string(why.what());
+        }
+        return std::string();
+    };
     for (const auto& [text, word] :
-         {std::pair("zbn = { x = 1; };", "zbn.stream_analyzer"), std::pair("zbn = {", ":1: "),
+         {std::pair("zbn = { x = 1; };", "zbn.stream_analyzer"), std::pair("zbn = {", "line 1: "),
           std::pair("zbn={stream_analyzer={};};", "enabled"),
           std::pair("zbn={stream_analyzer={enabled=true;"
                     "pcr_freq_ms=\"1Q\";};};",
-                    "K, M or G")}) {
+                    "analyzer.conf, line 1, zbn.stream_analyzer.pcr_freq_ms: must be")}) {
         std::ofstream("analyzer.conf") << text;
-        EXPECT_THAT(quarn::live::load_analyzer_file("analyzer.conf", cfg), HasSubstr(word)) << text;
+        EXPECT_THAT(wrong("analyzer.conf"), HasSubstr(word)) << text;
     }
     fs::remove("analyzer.conf");
-    EXPECT_THAT(quarn::live::load_analyzer_file("/", cfg), HasSubstr("directory"));
+    EXPECT_THAT(wrong("/"), HasSubstr("directory"));
 }
 
 // ---- the parent
