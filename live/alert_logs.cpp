@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -61,6 +62,15 @@ void open_nowhere(log_ctx& log, std::FILE* nowhere) {
 
 } // namespace
 
+std::string why_no_log(const std::string& path) {
+    const int fd =
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
+    const int error = fd < 0 ? errno : 0;
+    if (fd >= 0)
+        ::close(fd);
+    return fd >= 0 ? std::string() : "log " + path + ": " + std::strerror(error);
+}
+
 AlertLogs::AlertLogs(const WorkerSettings& settings)
     : settings_(settings), nowhere_(std::fopen("/dev/null", "w")) {
     glog_init("quarn-live");
@@ -91,13 +101,23 @@ void AlertLogs::open_syslog() const {
         config_syslog(&g_access_log, "quarn-live", LOG_PID, settings_.syslog);
 }
 
+/// In words for people, once; what the log module says of it is for programmers.
+bool AlertLogs::may_open(const char* path) {
+    const std::string why = why_no_log(path);
+    std::string& told = told_[path];
+    if (!why.empty() && why != told)
+        std::fprintf(stderr, "%s\n", why.c_str());
+    told = why;
+    return why.empty();
+}
+
 void AlertLogs::open(log_ctx& log, const char* path) {
     if (*path == '\0' && &log == &g_access_log) {
         log_default(&log, stdout);
         std::setvbuf(stdout, nullptr, _IONBF, 0);
         return;
     }
-    if (*path == '\0' || log_open_ex(&log, path, F_APPEND_OLD) != 0) {
+    if (*path == '\0' || !may_open(path) || log_open_ex(&log, path, F_APPEND_OLD) != 0) {
         open_nowhere(log, nowhere_);
         return;
     }

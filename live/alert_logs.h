@@ -5,11 +5,16 @@
 
 #include <cstdio>
 #include <ctime>
+#include <map>
+#include <string>
 
 #include "live/analyzer_shared.h"
 #include "log.h"
 
 namespace quarn::live {
+
+/// Why there can be no log of that path; empty: there can. Makes the file, as opening it does.
+std::string why_no_log(const std::string& path);
 
 class AlertLogs {
   public:
@@ -32,6 +37,7 @@ class AlertLogs {
     void text_written();
 
   private:
+    bool may_open(const char* path);
     void open(log_ctx& log, const char* path);
     void open_syslog() const;
     void check(log_ctx& log, const char* path, time_t now);
@@ -39,6 +45,7 @@ class AlertLogs {
     const WorkerSettings& settings_;
     std::FILE* nowhere_;
     time_t retried_ = 0;
+    std::map<std::string, std::string> told_; // by path: why it could not be opened
 };
 
 } // namespace quarn::live

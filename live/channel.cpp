@@ -1,7 +1,9 @@
 #include "channel.h"
 
 #include <algorithm>
+#include <stdexcept>
 
+#include "alert_logs.h"
 #include "settings/expect_file.h"
 #include "settings/words.h"
 #include "tell.h"
@@ -25,6 +27,13 @@ std::string hex(const std::vector<std::uint8_t>& bytes) {
     return text;
 }
 
+/// The analyzer's process would only say so again and again.
+void check_logs(const AnalyzerSettings& settings) {
+    for (const std::string& log : {settings.alert_log, settings.text_log})
+        if (const std::string why = log.empty() ? "" : why_no_log(log); !why.empty())
+            throw std::runtime_error(why);
+}
+
 double seconds(std::int64_t utc_us) {
     return static_cast<double>(utc_us) / 1e6;
 }
@@ -38,6 +47,8 @@ Channel::Channel(const InputSettings& settings, Outputs& outputs)
     now_.name = settings.name;
     now_.url = settings.url.without_secrets();
     now_.analyzer.on = settings.alerts.lines;
+    if (settings.alerts.lines)
+        check_logs(settings.alerts.analyzer);
     if (settings.alerts.lines)
         analyzer_ = std::make_unique<Analyzer>(
             settings.alerts.analyzer,
@@ -273,7 +284,9 @@ Place Channel::here() const {
 }
 
 void Channel::analyzer_ended(const AnalyzerEnd& end) {
-    const bool said = end.reason == AnalyzerEnd::Reason::invariant; // by itself, in its own words
+    // Some ends were told by itself, in its own words.
+    const bool said = end.reason == AnalyzerEnd::Reason::invariant ||
+                      (end.reason == AnalyzerEnd::Reason::cannot_run && end.status != 0);
     tell(settings_.name + ": the analyzer has ended" + (said ? "" : ": " + end.text) +
          "; it is started again");
     // What it gave up itself is found by measuring as well, or is trouble of this machine.

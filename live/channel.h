@@ -27,7 +27,7 @@ namespace quarn::live {
 /// Called by the thread that owns the input; snapshot() and over() by any.
 class Channel final : public inputs::Consumer, private Sink {
   public:
-    /// Outputs must outlive it.
+    /// Outputs must outlive it. Throws std::runtime_error when a log cannot be opened.
     Channel(const InputSettings& settings, Outputs& outputs);
     ~Channel() override;
 

@@ -77,15 +77,15 @@ std::unique_ptr<Http> Service::server(const Settings& settings) const {
 }
 
 std::shared_ptr<Service::Watched> Service::opened(const InputSettings& input) {
-    auto watched = std::make_shared<Watched>(input, outputs_);
     try {
+        auto watched = std::make_shared<Watched>(input, outputs_);
         watched->handle = loops_.add(input.url, watched->channel);
+        return watched;
     } catch (const inputs::PortTaken& error) {
         throw inputs::PortTaken(input.name + ": " + error.what());
     } catch (const std::runtime_error& error) {
         throw std::runtime_error(input.name + ": " + error.what());
     }
-    return watched;
 }
 
 void Service::close_all(const Inputs& inputs) {
