@@ -6,6 +6,7 @@
 #include <net/if.h>
 #include <optional>
 #include <set>
+#include <sys/stat.h>
 
 namespace quarn::inputs {
 namespace {
@@ -187,6 +188,8 @@ bool mentions_secret(std::string_view text) {
 
 // ---- places ------------------------------------------------------------------------------------
 
+constexpr std::string_view example_v6 = "udp://[ff15::1]:5000";
+
 void take_port(InputUrl& url, std::string_view text) {
     const auto port = number<std::uint16_t>(text, 1, 65535);
     if (!port)
@@ -205,14 +208,16 @@ void take_authority(InputUrl& url, std::string_view authority, std::string_view 
     if (authority.starts_with('@')) // what some players write for "listen"
         authority.remove_prefix(1);
     if (authority.find('@') != std::string_view::npos)
-        throw Wrong{"no user may stand before the address: " + std::string(example)};
+        throw Wrong{"no user may stand before the address, as in " + std::string(example)};
     const auto colon = authority.rfind(':');
     if (colon == std::string_view::npos || authority.ends_with(']'))
-        throw Wrong{"no port behind the address: " + std::string(example)};
+        throw Wrong{"has no port, such as " + std::string(example)};
     take_port(url, authority.substr(colon + 1));
     std::string_view host = authority.substr(0, colon);
     if (host.find('%') != std::string_view::npos)
         throw Wrong{"no interface may stand in the address: name it by ?interface="};
+    if (host.starts_with('[') && !in_brackets(host))
+        throw Wrong{"has no ] behind its IPv6 address, such as " + std::string(example_v6)};
     if (!in_brackets(host) && host.find(':') != std::string_view::npos)
         throw Wrong{"an IPv6 address stands in brackets: [" + std::string(host) + "]"};
     if (const auto endpoint = parse_endpoint(authority)) {
@@ -272,6 +277,28 @@ bool has_scheme(std::string_view text) {
            });
 }
 
+/// What stands without "://" is the path of a file, but who forgot a part of it must not be told
+/// that there is no such file. Empty: no such doubt.
+std::string what_it_looks_like(const std::string& path) {
+    const auto colon = path.find(':');
+    const auto* const scheme = std::ranges::find(scheme_names, path.substr(0, colon));
+    if (colon != std::string::npos && scheme != std::end(scheme_names))
+        return "is no file, and as a URL it lacks //: " + std::string(*scheme) + "://...";
+    const std::string place = path.substr(0, path.find('?'));
+    if (parse_endpoint(place) || (place.starts_with(':') && parse_endpoint("0.0.0.0" + place)))
+        return "is no file, but an address and port: with udp:// before it, or rtp:// or srt://?";
+    return {};
+}
+
+void take_path(InputUrl& url, const std::string& path) {
+    url.scheme = Scheme::file;
+    url.path = path;
+    const std::string wrong = what_it_looks_like(path);
+    struct stat about {};
+    if (!wrong.empty() && ::stat(path.c_str(), &about) != 0)
+        throw Wrong{wrong};
+}
+
 void take_url(InputUrl& url, std::string_view text) {
     if (std::ranges::any_of(text, is_control))
         throw Wrong{"a line break or another control character: write it as %0A"};
@@ -321,8 +348,7 @@ std::variant<InputUrl, std::string> parse_url(std::string_view text) {
         } else if (has_scheme(text)) {
             take_url(url, text);
         } else {
-            url.scheme = Scheme::file;
-            url.path = text;
+            take_path(url, std::string(text));
         }
     } catch (const Wrong& wrong) {
         return wrong.text;

@@ -53,7 +53,8 @@ void check_alerts(const Group& group, const AlertSettings& alerts) {
 inputs::InputUrl url_of(const std::string& text) {
     std::variant<inputs::InputUrl, std::string> parsed = inputs::parse_url(text);
     if (const std::string* const why = std::get_if<std::string>(&parsed))
-        throw WrongValue(*why);
+        throw WrongValue(in_quotes(inputs::without_secrets(text)) +
+                         (why->starts_with("has ") || why->starts_with("is ") ? " " : ": ") + *why);
     return std::get<inputs::InputUrl>(std::move(parsed));
 }
 
