@@ -1,6 +1,8 @@
 #include "live/api.h"
 
 #include <cmath>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "reports/json.h"
@@ -24,6 +26,16 @@ std::string_view word(InputState state) {
     return "";
 }
 
+std::optional<std::string> last_found(const Snapshot& input, Rule rule) {
+    const auto index = static_cast<std::size_t>(rule);
+    if (index >= input.summary.rules.size()) // nothing was published yet
+        return {};
+    const auto& last = input.summary.rules[index].last;
+    if (!last || last->utc_us == no_time)
+        return {};
+    return utc_text(last->utc_us);
+}
+
 /// Rules that something was found of.
 void finding_counts(Json& json, const Snapshot& input) {
     json.key("findings").open('[');
@@ -35,7 +47,8 @@ void finding_counts(Json& json, const Snapshot& input) {
                 continue;
             json.open('{').member("rule", rule.id).member("name", rule.name);
             json.member("severity", quarn::word(severity));
-            json.member("count", count).member("open", open).close('}');
+            json.member("count", count).member("open", open).key("last");
+            json.value(last_found(input, rule.rule)).close('}');
         }
     json.close(']');
 }

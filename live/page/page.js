@@ -14,7 +14,17 @@ const ORDER = ["error", "warning", "info"];
 
 const byId = (id) => document.getElementById(id);
 const cards = new Map(); // by name
+const clock = new Intl.DateTimeFormat(undefined, {
+  year: "numeric",
+  month: "short",
+  day: "numeric",
+  hour: "numeric",
+  minute: "2-digit",
+  second: "2-digit",
+  timeZoneName: "short",
+});
 let inputs = [];
+let now = Date.now(); // by the clock of quarn-live, which times of findings are of
 
 function setText(node, text) {
   if (node.textContent !== text) node.textContent = text;
@@ -41,11 +51,26 @@ function rateText(bps) {
   return `${bps} bit/s`;
 }
 
-function timeText(utc) {
-  const time = new Date(utc);
-  return time.toDateString() === new Date().toDateString()
-    ? time.toLocaleTimeString()
-    : time.toLocaleString();
+/** With date and zone: a page is left open for days, and looked at from elsewhere. */
+const timeText = (utc) => clock.format(new Date(utc));
+
+/** Two units at most: "47 s", "2 min 3 s", "3 h 12 min", "2 d 4 h". */
+function lengthText(ms) {
+  const s = Math.max(0, Math.floor(ms / 1000));
+  if (s === 0) return "less than 1 s";
+  const units = [
+    [86400, "d"],
+    [3600, "h"],
+    [60, "min"],
+    [1, "s"],
+  ];
+  const first = units.findIndex(([length]) => s >= length);
+  return units
+    .slice(first, first + 2)
+    .map(([length, unit], i) => [i ? Math.floor((s % units[first][0]) / length) : Math.floor(s / length), unit])
+    .filter(([count]) => count)
+    .map((part) => part.join(" "))
+    .join(" ");
 }
 
 const countText = (count, noun) => `${count.toLocaleString()} ${noun}${count === 1 ? "" : "s"}`;
@@ -56,19 +81,22 @@ function openCount(input, severity) {
     .reduce((sum, finding) => sum + finding.open, 0);
 }
 
-/** What an input is at its worst: error, warning, or nothing. */
+/**
+ * What an input is at its worst, now or within the last minute: each is one of these, so that the
+ * counts of the header add up. What has ended is no fault.
+ */
 function levelOf(input) {
-  if (input.state === "ended") return "";
-  if (!input.up || openCount(input, "error")) return "error";
-  if (input.current.some(({ record }) => record.severity === "error")) return "error";
-  if (input.current.some(({ record }) => record.severity === "warning")) return "warning";
-  return openCount(input, "warning") ? "warning" : "";
+  if (input.state === "ended") return "ended";
+  if (!input.up) return "down";
+  const has = (severity) =>
+    openCount(input, severity) || input.current.some(({ record }) => record.severity === severity);
+  return ["error", "warning"].find(has) ?? "good";
 }
 
 function stateText(input) {
-  if (input.state === "gone" || input.state === "ended") return input.state;
-  if (input.up) return "up";
-  return input.state === "waiting" ? "waiting" : "no packets";
+  if (input.state === "ended" || input.state === "gone") return input.state;
+  if (!input.up) return input.state === "waiting" ? "waiting" : "no packets";
+  return { error: "up, errors", warning: "up, warnings" }[levelOf(input)] ?? "up";
 }
 
 function drawRate(card, rates) {
@@ -95,9 +123,18 @@ function findingItem({ open, record }) {
   if (since) {
     const time = element("time", timeText(since));
     time.dateTime = since;
-    item.append(time);
+    const length = element("span", "", "length");
+    if (open) length.dataset.since = since;
+    else if (record.end.ts !== since) length.textContent = `for ${lengthText(new Date(record.end.ts) - new Date(since))}`;
+    item.append(element("span", open ? "since" : "", "since"), time, length);
   }
   return item;
+}
+
+/** How long what is open lasts by now. */
+function updateLengths(list) {
+  for (const length of list.querySelectorAll("[data-since]"))
+    setText(length, `for ${lengthText(now - new Date(length.dataset.since))}`);
 }
 
 function findingItems(input) {
@@ -109,15 +146,28 @@ function findingItems(input) {
   return items;
 }
 
+const severityNoun = (severity) => (severity === "info" ? "notice" : severity);
+
 function tallyText(input) {
+  const sentences = [];
+  if (!input.packets) sentences.push(input.datagrams ? "Nothing of a transport stream came so far." : "Nothing came so far.");
   const parts = ORDER.map((severity) => {
     const all = input.findings.filter((finding) => finding.severity === severity);
     const count = all.reduce((sum, finding) => sum + finding.count, 0);
     if (!count) return "";
     const rules = all.map((finding) => `${finding.rule}: ${finding.count.toLocaleString()}`);
-    return `${countText(count, severity === "info" ? "notice" : severity)} (${rules.join(", ")})`;
-  });
-  return parts.filter(Boolean).join("; ") || "Nothing found so far.";
+    return `${countText(count, severityNoun(severity))} (${rules.join(", ")})`;
+  }).filter(Boolean);
+  const last = input.findings.map((finding) => finding.last ?? "").sort().pop();
+  if (parts.length) sentences.push(`Since the start: ${parts.join("; ")}${last ? `, the last one ${timeText(last)}` : ""}.`);
+  return sentences.join(" ") || "Nothing found so far.";
+}
+
+function ruleItem({ rule, name, severity, count, open, last }) {
+  const parts = [countText(count, severityNoun(severity))];
+  if (open) parts.push(`${open.toLocaleString()} open`);
+  if (last) parts.push(`last ${timeText(last)}`);
+  return element("li", `${rule} ${name}: ${parts.join(", ")}`);
 }
 
 function figures(input) {
@@ -162,10 +212,11 @@ function programsOf(input) {
 
 function update(card, input) {
   const level = levelOf(input);
-  card.className = `input ${level}`;
+  const colour = level !== "down" ? level : input.state === "waiting" ? "warning" : "error";
+  card.className = `input ${colour}`;
   const state = card.querySelector(".state");
   setText(state, stateText(input));
-  state.className = `state ${input.up || input.state === "ended" ? "" : input.state === "waiting" ? "warning" : "error"}`;
+  state.className = `state ${colour}`;
   setText(card.querySelector("h2"), input.name);
   const url = card.querySelector(".url");
   setText(url, input.url);
@@ -175,9 +226,11 @@ function update(card, input) {
   what.hidden = !input.state_text;
   setText(card.querySelector(".tally"), tallyText(input));
   drawRate(card, input.bitrate_bps);
-  setList(card.querySelector(".findings"), findingItems(input), (item) =>
+  const findings = card.querySelector(".findings");
+  setList(findings, findingItems(input), (item) =>
     typeof item === "number" ? element("li", `and ${item} more`, "info") : findingItem(item),
   );
+  updateLengths(findings);
   if (card.querySelector("details").open) showDetails(card, input);
 }
 
@@ -187,6 +240,7 @@ function showDetails(card, input) {
     row.append(element("dt", name), element("dd", value));
     return row;
   });
+  setList(card.querySelector(".rules"), input.findings, ruleItem);
   setList(card.querySelector(".programs"), programsOf(input), programItem);
 }
 
@@ -204,7 +258,7 @@ function filter() {
   const onlyBad = byId("bad").checked;
   let shown = 0;
   for (const input of inputs) {
-    const fits = (!wanted || input.name.toLowerCase().includes(wanted)) && (!onlyBad || levelOf(input) !== "");
+    const fits = (!wanted || input.name.toLowerCase().includes(wanted)) && (!onlyBad || !["good", "ended"].includes(levelOf(input)));
     cards.get(input.name).hidden = !fits;
     shown += fits;
   }
@@ -212,17 +266,18 @@ function filter() {
 }
 
 function sumText() {
-  const ended = inputs.filter((input) => input.state === "ended").length;
-  const down = inputs.filter((input) => !input.up).length - ended;
-  const bad = inputs.filter((input) => levelOf(input) === "error").length;
-  const doubtful = inputs.filter((input) => levelOf(input) === "warning").length;
-  const parts = [countText(inputs.length, "input")];
-  if (down) parts.push(`${down} without signal`);
-  if (bad) parts.push(`${bad} with errors`);
-  if (doubtful) parts.push(`${doubtful} with warnings`);
-  if (ended) parts.push(`${ended} ended`);
-  if (!down && !bad && !doubtful) parts.push("all good");
-  return parts.join(", ");
+  const levels = inputs.map(levelOf);
+  const parts = [
+    ["down", "without signal"],
+    ["error", "with errors in the last minute"],
+    ["warning", "with warnings in the last minute"],
+    ["ended", "ended"],
+    ["good", "good"],
+  ]
+    .map(([level, words]) => [levels.filter((one) => one === level).length, words])
+    .filter(([count]) => count)
+    .map(([count, words]) => `${count === inputs.length ? "all" : count} ${words}`);
+  return [countText(inputs.length, "input"), parts.join(", ")].filter(Boolean).join(": ");
 }
 
 function show({ version, inputs: latest }) {
@@ -242,20 +297,27 @@ function show({ version, inputs: latest }) {
   });
   setText(byId("sum"), sumText());
   setText(byId("version"), `quarn-live ${version}`);
-  document.title = sumText();
   filter();
 }
 
+function setStale(stale) {
+  const note = byId("stale");
+  if (stale && note.hidden) setText(note, `No answer since ${timeText(Date.now())}: what is shown is old.`);
+  note.hidden = !stale;
+  document.body.classList.toggle("stale", stale);
+  document.title = stale ? "No answer from quarn-live" : sumText();
+}
+
 async function turn() {
-  const stale = byId("stale");
   try {
     const response = await fetch("/api/inputs", { signal: AbortSignal.timeout(TIMEOUT_MS) });
     if (!response.ok) throw new Error(`status ${response.status}`);
-    show(await response.json());
-    stale.hidden = true;
+    const answer = await response.json();
+    now = Date.parse(response.headers.get("Date")) || Date.now();
+    show(answer);
+    setStale(false);
   } catch {
-    if (stale.hidden) setText(stale, `No answer since ${new Date().toLocaleTimeString()}: what is shown is old.`);
-    stale.hidden = false;
+    setStale(true);
   }
   setTimeout(turn, PERIOD_MS);
 }

@@ -39,6 +39,8 @@ void add(Snapshot& input, const Finding& finding) {
     const bool is_open = finding.state == State::raise;
     input.findings.at(finding.rule, finding.severity) += finding.count;
     input.open.at(finding.rule, finding.severity) += is_open;
+    input.summary.rules.resize(rule_table.size());
+    input.summary.rules[static_cast<std::size_t>(finding.rule)].last = finding.end;
     std::string record;
     Records(input.name).finding(record, finding);
     input.current.insert(input.current.begin(), {record, is_open});
