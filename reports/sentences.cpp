@@ -563,7 +563,7 @@ std::string sentence(const Finding& finding, const ProgramNames& names) {
     if (finding.rule != transport_error && finding.count > 1)
         out += repetition(finding);
     if (finding.state == State::raise)
-        out += " It goes on.";
+        out += " Still so.";
     else if (finding.open)
         out += finding.state == State::clear
                    ? " It had not ended when nothing more was known of it."
