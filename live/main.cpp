@@ -96,7 +96,7 @@ void reload(Service& service) {
         service.reload();
         tell("configuration and logs were read and opened anew");
     } catch (const std::runtime_error& error) {
-        tell(std::string(error.what()) + "; all goes on as it was");
+        tell(std::string(error.what()) + "; nothing has changed");
     }
     ::sd_notify(0, "READY=1");
 }
@@ -153,7 +153,7 @@ int main(int argc, char** argv) {
     try {
         return quarn::live::main_of(argc, argv);
     } catch (const std::exception& error) {
-        quarn::live::tell(error.what());
+        quarn::live::tell_at_once(error.what());
         return quarn::live::status_wrong;
     }
 }

@@ -2,12 +2,15 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <string>
 
@@ -43,16 +46,44 @@ bool write_line(const std::string& line) {
     return true;
 }
 
-} // namespace
+/// Whether standard error is the journal of systemd, which has times of its own: $JOURNAL_STREAM
+/// has device and inode of its socket, and is inherited by what writes elsewhere.
+bool is_journal() {
+    const char* const journal = std::getenv("JOURNAL_STREAM");
+    struct stat errors {};
+    return journal && ::fstat(STDERR_FILENO, &errors) == 0 &&
+           journal == std::to_string(errors.st_dev) + ":" + std::to_string(errors.st_ino);
+}
 
-void tell(std::string_view text) {
-    const std::string line = "quarn-live: " + printable(text) + "\n";
+/// "2026-11-21 23:12:01 +0100 "
+std::string time_text() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    char text[40];
+    if (!::localtime_r(&now, &local))
+        return {};
+    return {text, std::strftime(text, sizeof text, "%F %T %z ", &local)};
+}
+
+void tell(const std::string& begin, std::string_view text) {
+    const std::string line = begin + printable(text) + "\n";
     const std::lock_guard lock(mutex);
-    if (unread > 0 && write_line("quarn-live: " + std::to_string(unread) +
-                                 " lines found no reader and were left out\n"))
+    if (unread > 0 &&
+        write_line(begin + std::to_string(unread) + " lines found no reader and were left out\n"))
         unread = 0;
     if (unread > 0 || !write_line(line))
         ++unread;
+}
+
+} // namespace
+
+void tell(std::string_view text) {
+    static const bool journal = is_journal();
+    tell((journal ? std::string() : time_text()) + "quarn-live: ", text);
+}
+
+void tell_at_once(std::string_view text) {
+    tell("quarn-live: ", text);
 }
 
 } // namespace quarn::live
