@@ -131,10 +131,9 @@ FilePlayer::FilePlayer(const InputUrl& url, Consumer& consumer)
 
 void FilePlayer::start(Poller&) {
     pace_ = Pace(ticks_of(moment().monotonic_ns), clock_.ticks_per_packet);
-    consumer_.state(InputState::waiting,
-                    url_.loop ? "opened, to be played over and over" : "opened");
+    consumer_.state(InputState::waiting, url_.loop ? "opened, will loop" : "opened");
     fill();
-    consumer_.state(InputState::up, "it is played");
+    consumer_.state(InputState::up, "playing");
 }
 
 bool FilePlayer::open() {
@@ -296,7 +295,7 @@ void FilePlayer::tick(const Turn& turn) {
             retry_.back(now_ns);
             seam_ = true;
             consumer_.state(InputState::up,
-                            "it is played again; it was away for " + retry_.gone_for(now_ns));
+                            "playing again; it was away for " + retry_.gone_for(now_ns));
         } else {
             input_.reset();
             retry_.failed(now_ns);

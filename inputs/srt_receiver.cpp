@@ -55,7 +55,7 @@ std::string reason_of(SRTSOCKET socket) {
 std::string secrecy_of(SRTSOCKET socket, bool wanted) {
     const int state = get(socket, SRTO_RCVKMSTATE);
     if (state == SRT_KM_S_BADSECRET)
-        return "the caller's passphrase is another one";
+        return "the caller's passphrase does not match";
     if (state == SRT_KM_S_NOSECRET)
         return "the caller encrypts, and there is no passphrase here";
     if (wanted && state != SRT_KM_S_SECURED)

@@ -63,7 +63,7 @@ constexpr std::array all_words = std::to_array<Words>({
      "Packets are missing: picture or sound breaks up there. Several pids at one place point to "
      "the network, a single one to its encoder or the multiplexer."},
     {continuity_count_error, Kind::duplicate,
-     "[Pid {pid}: |][{packets}|packets] sent once more than a packet may be[, counter {got}].",
+     "[Pid {pid}: |][{packets}|packets] repeated more often than allowed[, counter {got}].",
      "The same packets come again: a network or sender that repeats datagrams, two paths that "
      "are joined wrongly, a recording with an overlap. Decoders may stumble."},
     {continuity_count_error, Kind::frozen,

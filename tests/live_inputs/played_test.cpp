@@ -95,7 +95,7 @@ TEST_F(Played, over_and_over_goes_on_evenly_and_tells_the_seam) {
     ASSERT_EQ(std::rename(name.c_str(), (name + ".away").c_str()), 0);
     EXPECT_TRUE(watcher.wait_state("gone: no such file"));
     ASSERT_EQ(std::rename((name + ".away").c_str(), name.c_str()), 0);
-    EXPECT_TRUE(watcher.wait_state("up: it is played again; it was away for "));
+    EXPECT_TRUE(watcher.wait_state("up: playing again; it was away for "));
     const std::size_t before = watcher.seen().packets.infos.size();
     EXPECT_TRUE(watcher.wait_packets(before + 200));
     remove(watcher);

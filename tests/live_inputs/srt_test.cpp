@@ -117,7 +117,7 @@ TEST_F(Srt, passphrases_that_differ_are_told_and_never_shown) {
     Watcher& listener = add("srt://:" + port_ + "?" + right_);
     (void)Peer("another-secret").call(port_);
     EXPECT_TRUE(listener.wait([](const auto& seen) {
-        return seen.states.back().ends_with("was refused: the caller's passphrase is another one");
+        return seen.states.back().ends_with("was refused: the caller's passphrase does not match");
     }));
     const std::string strict = free_port();
     Watcher& bare = add("srt://:" + strict + "?" + right_);
