@@ -48,9 +48,13 @@ UdpBatch::Datagram UdpBatch::at(std::size_t index) const {
     return datagram;
 }
 
+Endpoint UdpBatch::from(std::size_t index) const {
+    return endpoint_of(reinterpret_cast<const sockaddr&>(slots_[index].from)).value_or(Endpoint{});
+}
+
 bool UdpBatch::is_from(std::size_t index, const Endpoint& source) const {
-    const auto from = endpoint_of(reinterpret_cast<const sockaddr&>(slots_[index].from));
-    return from && from->v6 == source.v6 && from->address == source.address;
+    const Endpoint sender = from(index);
+    return sender.v6 == source.v6 && sender.address == source.address;
 }
 
 } // namespace quarn::inputs

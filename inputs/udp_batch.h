@@ -33,6 +33,8 @@ class UdpBatch {
     /// Takes what waits, up to `most`; less: nothing waits any more. The last batch is gone then.
     std::size_t receive(int fd);
     Datagram at(std::size_t index) const;
+    /// Who sent it.
+    Endpoint from(std::size_t index) const;
     /// Whether it was sent from that address.
     bool is_from(std::size_t index, const Endpoint& source) const;
 

@@ -67,8 +67,10 @@ bool UdpReceiver::read(const Turn& turn) {
                 continue;
             if (url_.scheme == InputUrl::Scheme::rtp && !parse_rtp(datagram.bytes))
                 ++left_out_;
-            else
+            else {
+                senders_.add(batch.from(i));
                 take(datagram, turn, latest);
+            }
         }
         if (count < UdpBatch::most) {
             emptied_ns_ = before;
@@ -87,9 +89,9 @@ void UdpReceiver::take(const UdpBatch::Datagram& datagram, const Turn& turn,
                        std::int64_t latest_ns) {
     if (state_ != InputState::up && trouble_.empty()) {
         state_ = InputState::up;
-        consumer_.state(state_, was_away_ ? "datagrams come again; it was away for " +
+        consumer_.state(state_, was_away_ ? "receiving datagrams again; it was away for " +
                                                 retry_.gone_for(latest_ns)
-                                          : "datagrams come");
+                                          : senders_.text());
         was_away_ = false;
     }
     came_ = true;
@@ -101,6 +103,12 @@ void UdpReceiver::take(const UdpBatch::Datagram& datagram, const Turn& turn,
                                                   : datagram.stamp_ns / 1000};
     consumer_.raw(datagram.bytes, arrival);
     stream_.push({datagram.bytes, arrival.ticks, arrival.utc_us});
+}
+
+void UdpReceiver::look_at_senders(std::int64_t now_ns) {
+    const auto news = senders_.look(now_ns);
+    if (news && state_ == InputState::up)
+        consumer_.state(state_, *news);
 }
 
 void UdpReceiver::note_dropped(std::uint32_t dropped) {
@@ -161,6 +169,7 @@ void UdpReceiver::look_after(std::int64_t now_ns) {
         return;
     looked_ns_ = now_ns;
     const bool came = std::exchange(came_, false);
+    look_at_senders(now_ns);
     // Datagrams prove it wrong: a bridge without a port has no carrier, but senders of its own.
     if (const std::string now_wrong = trouble(); !now_wrong.empty() && !(came && joined_)) {
         if (now_wrong != trouble_)
@@ -243,7 +252,7 @@ void UdpReceiver::back(std::int64_t now_ns, bool came) {
     retry_.back(now_ns);
     was_away_ = !came;
     state_ = came ? InputState::up : InputState::waiting;
-    consumer_.state(state_, (came ? std::string("datagrams come again") : listening()) +
+    consumer_.state(state_, (came ? std::string("receiving datagrams again") : listening()) +
                                 "; it was away for " + retry_.gone_for(now_ns));
 }
 

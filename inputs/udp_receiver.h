@@ -8,6 +8,7 @@
 #include "datagram_stream.h"
 #include "receiver.h"
 #include "retry.h"
+#include "senders.h"
 #include "udp_batch.h"
 #include "udp_socket.h"
 #include "url.h"
@@ -16,7 +17,8 @@ namespace quarn::inputs {
 
 /// Datagrams that this machine drops for want of room are its own and told as such, in their place.
 /// rtp:// leaves out what has no RTP header, and says so; udp:// takes both. With a source that
-/// sends to an address and not to a group, datagrams of others are left out.
+/// sends to an address and not to a group, datagrams of others are left out. Without one the sender
+/// is told, and that there are two whose streams get mixed.
 ///
 /// An interface that goes away or loses its carrier, and a group that cannot be joined, are told
 /// and tried again; silence is not, for what is missing of a stream is found by who measures it.
@@ -32,6 +34,7 @@ class UdpReceiver : public Receiver {
 
   private:
     void take(const UdpBatch::Datagram& datagram, const Turn& turn, std::int64_t latest_ns);
+    void look_at_senders(std::int64_t now_ns);
     bool from_source(std::size_t index) const;
     void note_dropped(std::uint32_t dropped);
     void note_dropped_at_the_end();
@@ -55,6 +58,7 @@ class UdpReceiver : public Receiver {
     bool was_away_ = false; // and nothing has come since
 
     DatagramStream stream_;
+    Senders senders_;
     std::int64_t last_ns_;    // the latest time that was told
     std::int64_t emptied_ns_; // nothing from before it waits in the socket
     std::uint32_t dropped_ = 0;

@@ -92,7 +92,7 @@ TEST_F(Network, what_is_gone_is_told_and_comes_back) {
     EXPECT_TRUE(routed.wait_state("waiting: listening at 239.2.1.1:5000 on out0"));
     const auto send = [] { Sender("239.1.1.1:5000", "", "out0").send_all(datagrams(1)); };
     send();
-    EXPECT_TRUE(named.wait_state("up: datagrams come"));
+    EXPECT_TRUE(named.wait_state("up: receiving datagrams"));
 
     ASSERT_TRUE(ip("link set out0 down"));
     EXPECT_TRUE(named.wait_state("gone: interface out0 is down"));
@@ -102,7 +102,7 @@ TEST_F(Network, what_is_gone_is_told_and_comes_back) {
     ASSERT_TRUE(add_interface());
     EXPECT_TRUE(named.wait_state("waiting: listening at 239.1.1.1:5000 on out0; it was away for "));
     send();
-    EXPECT_TRUE(named.wait_state("up: datagrams come again; it was away for "));
+    EXPECT_TRUE(named.wait_state("up: receiving datagrams again; it was away for "));
     EXPECT_TRUE(named.wait_packets(14)); // told behind the state
     EXPECT_EQ(named.seen().raw.size(), 2U);
     EXPECT_EQ(named.seen().wrong, "");

@@ -68,6 +68,27 @@ TEST_F(Udp, rtp_leaves_out_what_is_none_and_says_so) {
     EXPECT_EQ(watcher.seen().raw.size(), 1U);
 }
 
+/// One that is started again has another port; two at a time get their streams mixed.
+TEST_F(Udp, tells_who_sends) {
+    Watcher& watcher = add("udp://" + here_);
+    const auto all = datagrams(4);
+    const auto first = std::make_unique<Sender>(here_);
+    first->send(all[0]);
+    EXPECT_TRUE(watcher.wait_state("up: receiving datagrams from 127.0.0.1:"));
+    const Sender second(here_);
+    second.send(all[1]);
+    const auto says = [](const std::string& what) {
+        return [what](const Watcher::Seen& seen) {
+            return !seen.states.empty() && seen.states.back().find(what) != std::string::npos;
+        };
+    };
+    EXPECT_TRUE(watcher.wait(says(" now, before from 127.0.0.1:")));
+    first->send(all[2]);
+    second.send(all[3]);
+    EXPECT_TRUE(watcher.wait(says("at the same time: two senders to one address")));
+    EXPECT_EQ(watcher.seen().states.size(), 4U);
+}
+
 TEST_F(Udp, what_cannot_be_opened_says_why) {
     add("udp://" + here_);
     const auto listener = free_port();
