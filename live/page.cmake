@@ -6,10 +6,16 @@ set(page_files "// Made from live/page.
 
 namespace quarn::live {
 ")
+set(palette ${CMAKE_SOURCE_DIR}/reports/html/palette.css)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${palette})
 foreach(file page.html page.css page.js icon.svg)
   set(source ${CMAKE_CURRENT_SOURCE_DIR}/page/${file})
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
   file(READ ${source} text)
+  if(file STREQUAL page.css)
+    file(READ ${palette} colours)
+    string(PREPEND text "${colours}")
+  endif()
   string(REPLACE "." "_" variable ${file})
   string(APPEND page_files
     "\ninline constexpr std::string_view ${variable} = R\"~page~(${text})~page~\";\n")
