@@ -192,6 +192,15 @@ bool others(const Group& group, const char* key) {
     return !text || *text == any;
 }
 
+/// More than any stream has are a mistake.
+const std::vector<Group>& few(const std::vector<Group>& all, const Group& in, const char* key) {
+    constexpr std::size_t most = 1024;
+    if (all.size() > most)
+        throw in.wrong(key, "has " + std::to_string(all.size()) + " entries; at most " +
+                                std::to_string(most) + " are taken");
+    return all;
+}
+
 Expectation::Stream read_stream(const Group& group) {
     group.only({"pid", "kind", "codec", "language", "scrambled", "bitrate", "optional"});
     Expectation::Stream s;
@@ -225,7 +234,7 @@ Expectation::Service read_service(const Group& group) {
     s.other_streams = others(group, "other_streams");
     s.optional = group.flag("optional").value_or(false);
     if (const auto streams = group.groups("streams"))
-        for (const Group& stream : *streams)
+        for (const Group& stream : few(*streams, group, "streams"))
             s.streams.push_back(read_stream(stream));
     return s;
 }
@@ -252,7 +261,7 @@ Expectation read_expectation(const std::string& path) {
     Expectation e;
     std::set<std::uint16_t> numbers;
     if (const auto services = root.groups("services"))
-        for (const Group& group : *services) {
+        for (const Group& group : few(*services, root, "services")) {
             e.services.push_back(read_service(group));
             if (!numbers.insert(e.services.back().number).second)
                 throw group.wrong("number", "there is a service " +
@@ -261,13 +270,15 @@ Expectation read_expectation(const std::string& path) {
         }
     e.other_services = others(root, "other_services");
     if (const auto tables = root.groups("tables"))
-        for (const Group& group : *tables)
+        for (const Group& group : few(*tables, root, "tables"))
             e.tables.push_back(read_table(group));
     e.bitrate = range(root, "bitrate", bitrates);
     const Ticks over = interval(root, "bitrate_over", longest_mean);
     if (over > 0)
         e.bitrate_over = over;
     e.constant_rate = either(root, "rate", "constant", "variable");
+    if (e == Expectation{})
+        throw WrongValue(path + ": says nothing; list services, tables or a bitrate");
     return e;
 }
 
