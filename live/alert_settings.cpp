@@ -73,8 +73,10 @@ void read_alerts(const Group& group, AlertSettings& alerts) {
     if (const auto name = group.text("alert_syslog"))
         a.syslog = group.taken("alert_syslog", [&] { return facility_of(*name); });
     read_checks(group, a.analyzer);
-    if (const std::string wrong = wrong_settings(a); !wrong.empty())
-        throw group.wrong(nullptr, wrong);
+    if (const std::string wrong = wrong_settings(a); !wrong.empty()) {
+        const std::size_t blank = wrong.find(' '); // behind the key
+        throw group.wrong(wrong.substr(0, blank).c_str(), wrong.substr(blank + 1));
+    }
 }
 
 } // namespace quarn::live

@@ -90,24 +90,25 @@ class Signals {
     int wake_ = -1;
 };
 
-void reload(Service& service) {
+void reload(Service& service, bool has_file) {
     ::sd_notify(0, "RELOADING=1");
     try {
         service.reload();
-        tell("configuration and logs were read and opened anew");
+        tell(has_file ? "configuration and logs were read and opened anew"
+                      : "logs were opened anew; without -C there is no configuration to read");
     } catch (const std::runtime_error& error) {
         tell(std::string(error.what()) + "; nothing has changed");
     }
     ::sd_notify(0, "READY=1");
 }
 
-void watch(Service& service, const Signals& signals) {
+void watch(Service& service, const Signals& signals, bool has_file) {
     constexpr std::chrono::milliseconds turn{200};
     const Clock::time_point begin = Clock::now();
     for (;;) {
         const int signal = signals.wait(turn);
         if (signal == SIGHUP)
-            reload(service);
+            reload(service, has_file);
         else if (signal != 0)
             return;
         if (service.over())
@@ -124,7 +125,7 @@ int run(const CommandLine& line) {
     const Signals signals;
     Service service(line, [&] { signals.end(); });
     ::sd_notify(0, "READY=1");
-    watch(service, signals);
+    watch(service, signals, line.config.has_value());
     ::sd_notify(0, "STOPPING=1");
     return service.end() ? status_in_order : status_lost;
 }

@@ -44,7 +44,7 @@ void add_outputs(CLI::App& app, Settings& all) {
                });
     with_value(app, "--for", "SECONDS", "End in order after so long", [&](const std::string& text) {
         constexpr long longest = 1'000'000'000;
-        all.run_for = std::chrono::seconds(settings::number<long>(text, 0, longest));
+        all.run_for = std::chrono::seconds(settings::number<long>(text, 1, longest));
     });
 }
 

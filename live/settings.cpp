@@ -1,5 +1,6 @@
 #include "settings.h"
 
+#include <algorithm>
 #include <set>
 #include <variant>
 
@@ -17,6 +18,7 @@ using settings::WrongValue;
 namespace {
 
 constexpr int most_loops = 64;
+constexpr double shortest_run_s = 0.001;
 constexpr double longest_run_s = 1e9;
 
 /// Profile, limits and rules: of all inputs at the top of the file, of one in its group.
@@ -99,7 +101,7 @@ void read_outputs(const Group& root, Settings& all) {
         all.exec = *command;
     if (const auto name = root.text("syslog"))
         all.syslog = root.taken("syslog", [&] { return facility_of(*name); });
-    if (const auto seconds = root.amount("for", 0, longest_run_s))
+    if (const auto seconds = root.amount("for", shortest_run_s, longest_run_s))
         all.run_for = std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
     if (const auto loops = root.number("loops", 1, most_loops))
         all.loops = static_cast<unsigned>(*loops);
@@ -115,8 +117,14 @@ void read_file(const std::string& path, Settings& all, InputSettings& usual) {
     read_measuring(root, usual.measure);
     read_alerts(root, usual.alerts);
     if (const auto inputs = root.groups("inputs"))
-        for (const Group& input : *inputs)
-            all.inputs.push_back(read_input(input, usual));
+        for (const Group& group : *inputs) {
+            InputSettings input = read_input(group, usual);
+            for (const InputSettings& other : all.inputs)
+                if (other.name == input.name)
+                    throw group.wrong("name", "two inputs are called " + in_quotes(input.name) +
+                                                  "; give each a name of its own");
+            all.inputs.push_back(std::move(input));
+        }
 }
 
 template <class T>
@@ -125,10 +133,39 @@ void prefer(std::optional<T>& value, const std::optional<T>& said) {
         value = said;
 }
 
+bool is_any(const inputs::Endpoint& endpoint) {
+    return std::all_of(endpoint.address.begin(), endpoint.address.end(),
+                       [](std::uint8_t byte) { return byte == 0; });
+}
+
+/// Whether both would have to have the same socket. Groups are shared.
+bool exclude_each_other(const inputs::InputUrl& a, const inputs::InputUrl& b) {
+    if (a.scheme == inputs::InputUrl::Scheme::standard_input)
+        return a.scheme == b.scheme;
+    const bool bound = a.datagrams() && b.datagrams() && !a.multicast() && !b.multicast();
+    return bound && a.endpoint.port == b.endpoint.port && a.endpoint.v6 == b.endpoint.v6 &&
+           (a.endpoint.address == b.endpoint.address || is_any(a.endpoint) || is_any(b.endpoint));
+}
+
+void check_addresses(const std::vector<InputSettings>& all) {
+    for (auto b = all.begin(); b != all.end(); ++b)
+        for (auto a = all.begin(); a != b; ++a)
+            if (exclude_each_other(a->url, b->url))
+                throw WrongValue(b->url.scheme == inputs::InputUrl::Scheme::standard_input
+                                     ? std::string("standard input can be an input only once")
+                                     : "the inputs " + in_quotes(a->name) + " and " +
+                                           in_quotes(b->name) + " have one address and port, " +
+                                           inputs::to_string(b->url.endpoint) +
+                                           "; only one of them can receive there");
+}
+
 void check(const Settings& all) {
+    if (all.exec && all.exec->find_first_not_of(" \t\n") == std::string::npos)
+        throw WrongValue("exec: is empty; name a command, such as \"logger -t quarn\"");
     if (all.inputs.empty())
         throw WrongValue("there is no input: name a URL such as udp://239.1.1.1:5000, or list "
                          "inputs in a configuration file");
+    check_addresses(all.inputs);
     std::set<std::string> names, logs;
     for (const InputSettings& input : all.inputs)
         if (!names.insert(input.name).second)
@@ -170,7 +207,8 @@ inputs::Endpoint server_of(const std::string& text) {
     if (const auto endpoint = inputs::parse_endpoint(text))
         return *endpoint;
     throw WrongValue(in_quotes(text) +
-                     " is no address and port, such as 127.0.0.1:9400 or [::1]:9400");
+                     " is no address and port, such as 127.0.0.1:9400 or [::1]:9400; names are not "
+                     "looked up, and 0.0.0.0 or [::] is any address of this machine");
 }
 
 Settings settings_of(const CommandLine& line) {

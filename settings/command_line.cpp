@@ -1,5 +1,8 @@
 #include "command_line.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "nearest.h"
 
 namespace quarn::settings {
@@ -27,16 +30,22 @@ void repeated(CLI::App& app, const std::string& name, const std::string& value,
 std::string complaint(const CLI::App& app, const CLI::ParseError& error,
                       const std::string& operands) {
     std::string text = error.what();
+    if (const std::size_t many = text.find(": At Most 1 required"); many != std::string::npos)
+        return text.substr(0, many) + " may be given only once";
     if (!dynamic_cast<const CLI::ExtrasError*>(&error))
         return text;
     std::vector<std::string> options;
     for (const CLI::Option* const option : app.get_options())
-        options.push_back(option->get_positional() ? operands : option->get_name());
+        if (!option->get_positional())
+            options.push_back(option->get_name());
     const std::vector<std::string> unknown = app.remaining();
     const std::string given = unknown.empty() ? "" : unknown[0].substr(0, unknown[0].find('='));
-    const std::vector<std::string> near = nearest(given, options);
-    text +=
-        near.empty() ? "; options are " + joined(options) : "; did you mean " + joined(near) + "?";
+    std::vector<std::string> near = nearest(given, options);
+    if (given.size() == 2) // -v
+        std::copy_if(options.begin(), options.end(), std::back_inserter(near),
+                     [&](const std::string& option) { return option.starts_with("-" + given); });
+    text += near.empty() ? "; options are " + joined(options) + "; all else is a " + operands
+                         : "; did you mean " + joined(near) + "?";
     return text;
 }
 

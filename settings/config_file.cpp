@@ -59,6 +59,37 @@ void check_includes(const std::string& text, const std::string& path, int depth)
     }
 }
 
+/// Whether a list ends there with a comma, which libconfig takes for the start of one more element.
+bool comma_before_closing(const std::string& text, int line) {
+    char last = ' '; // what is no blank and no comment
+    int number = 1;
+    for (std::size_t i = 0; i < text.size() && number <= line; ++i) {
+        const char c = text[i];
+        if (number == line && last == ',' && (c == ')' || c == ']'))
+            return true;
+        if (c == '"') {
+            for (++i; i < text.size() && text[i] != '"'; ++i) {
+                number += text[i] == '\n';
+                i += text[i] == '\\';
+            }
+        } else if (c == '#' || text.compare(i, 2, "//") == 0) {
+            i = std::min(text.find('\n', i), text.size()) - 1;
+            continue;
+        } else if (text.compare(i, 2, "/*") == 0) {
+            const std::size_t end = std::min(text.find("*/", i + 2), text.size());
+            number +=
+                static_cast<int>(std::count(text.begin() + static_cast<std::ptrdiff_t>(i),
+                                            text.begin() + static_cast<std::ptrdiff_t>(end), '\n'));
+            i = end + 1;
+            continue;
+        }
+        number += c == '\n';
+        if (c != ' ' && c != '\t' && c != '\n' && c != '\r')
+            last = c;
+    }
+    return false;
+}
+
 bool is_number(int type) {
     return type == CONFIG_TYPE_INT || type == CONFIG_TYPE_INT64;
 }
@@ -207,9 +238,11 @@ ConfigFile::ConfigFile(const std::string& path) : path_(path) {
     config_.reset(config);
     if (config_read_string(config, text.c_str()) != CONFIG_TRUE) {
         const char* const file = config_error_file(config);
-        throw WrongValue((file ? file : path) + ", line " +
-                         std::to_string(config_error_line(config)) + ": " +
-                         config_error_text(config));
+        const int line = config_error_line(config);
+        const bool comma = !file && comma_before_closing(text, line);
+        throw WrongValue(
+            (file ? file : path) + ", line " + std::to_string(line) + ": " +
+            (comma ? "no comma may stand before the closing ) or ]" : config_error_text(config)));
     }
 }
 
