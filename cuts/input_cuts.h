@@ -12,14 +12,9 @@
 #include "measure/finding.h"
 #include "settings.h"
 #include "stretch.h"
+#include "where.h"
 
 namespace quarn::cuts {
-
-/// Where the packets around a finding are.
-struct Where {
-    std::string file;         // its path
-    std::uint64_t packet = 0; // number of the finding's first packet in it, from 1
-};
 
 /// Writes the packets around findings of one input, until the files or bytes that are allowed are
 /// used up. Findings that lie near each other share a file. One thread.

@@ -34,13 +34,21 @@ void check_logs(const AnalyzerSettings& settings) {
             throw std::runtime_error(why);
 }
 
+void name_cut(Extras& extras, const std::optional<cuts::Where>& cut) {
+    if (!cut)
+        return;
+    extras.cut_file = cut->file;
+    extras.cut_packet = cut->packet;
+}
+
 double seconds(std::int64_t utc_us) {
     return static_cast<double>(utc_us) / 1e6;
 }
 
 } // namespace
 
-Channel::Channel(const InputSettings& settings, Outputs& outputs)
+Channel::Channel(const InputSettings& settings, Outputs& outputs,
+                 std::shared_ptr<cuts::Writer> writer)
     : settings_(settings), outputs_(outputs), stream_(settings.measure, *this), feed_(stream_),
       records_(settings.name), silence_limit_(silence_limit(settings.measure.limits)),
       signal_(silence_limit_, settings.url.datagrams() ? "datagrams" : "packets") {
@@ -56,6 +64,8 @@ Channel::Channel(const InputSettings& settings, Outputs& outputs)
                           [this](std::string_view line) {
                               tell(settings_.name + ": " + std::string(line));
                           }});
+    if (writer && settings.cuts.wanted())
+        cuts_ = std::make_unique<cuts::LiveCuts>(settings.cuts, settings.name, std::move(writer));
     published_ = now_;
 }
 
@@ -73,6 +83,8 @@ void Channel::packet(const std::uint8_t* packet, const inputs::PacketInfo& info)
     signal_.packet();
     if (info.utc_us != no_time)
         now_.last_packet_utc_s = seconds(info.utc_us);
+    if (cuts_)
+        cuts_->packet(packet, now_.packets, info.arrival);
     feed_.packet(packet, info);
 }
 
@@ -130,6 +142,8 @@ void Channel::tick(const inputs::Arrival& now) {
         now_is(*news);
     if (analyzer_)
         analyzer_->tick(now.ticks);
+    if (cuts_)
+        cuts_->tick(now.ticks);
     if (suppressed_seq_ != 0 && quota_.quiet(now.ticks))
         suppressed(State::clear);
     if (second_ends_ == no_time)
@@ -178,6 +192,8 @@ void Channel::end() {
     stream_.end();
     if (suppressed_seq_ != 0)
         suppressed(State::clear);
+    if (cuts_)
+        cuts_->end();
     std::string text;
     records_.summary(text, summary());
     outputs_.add({std::move(text), Severity::info, false, settings_.name});
@@ -206,7 +222,8 @@ void Channel::finding(const Finding& finding) {
             quota_.leave_out(last_.ticks);
             return keep(finding, "");
         }
-        extras.raised_seq = raise->second;
+        extras.raised_seq = raise->second.seq;
+        name_cut(extras, raise->second.cut);
         raised_.erase(raise);
         always = true;
     }
@@ -238,20 +255,32 @@ void Channel::note(Own& own) const {
 }
 
 /// `always`: whether or not there are too many.
-void Channel::write(const Finding& finding, const Extras& extras, bool always) {
+void Channel::write(const Finding& finding, Extras extras, bool always) {
     if (!always && !quota_.take(last_.ticks)) {
         if (suppressed_seq_ == 0)
             suppressed(State::raise);
         return;
     }
+    const std::optional<cuts::Where> cut = this->cut(finding);
+    name_cut(extras, cut);
     std::string text;
     const std::uint64_t seq = records_.finding(text, finding, extras);
     if (finding.state == State::raise)
-        raised_[finding.id] = seq;
+        raised_[finding.id] = {seq, cut};
     if (finding.rule == Rule::suppressed)
         suppressed_seq_ = finding.state == State::raise ? seq : 0;
     keep(finding, text);
     outputs_.add({std::move(text), finding.severity, true, settings_.name});
+}
+
+/// What is over has been cut out when it began.
+std::optional<cuts::Where> Channel::cut(const Finding& finding) {
+    if (!cuts_ || finding.state == State::clear)
+        return {};
+    const auto where = cuts_->take(finding, last_.utc_us);
+    if (const std::string remark = cuts_->remark(); !remark.empty())
+        tell(settings_.name + ": " + remark);
+    return where;
 }
 
 void Channel::suppressed(State state) {

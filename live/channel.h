@@ -12,6 +12,7 @@
 #include <string>
 
 #include "analyzer.h"
+#include "cuts/live_cuts.h"
 #include "feed.h"
 #include "inputs/consumer.h"
 #include "measure/stream.h"
@@ -27,8 +28,10 @@ namespace quarn::live {
 /// Called by the thread that owns the input; snapshot() and over() by any.
 class Channel final : public inputs::Consumer, private Sink {
   public:
-    /// Outputs must outlive it. Throws std::runtime_error when a log cannot be opened.
-    Channel(const InputSettings& settings, Outputs& outputs);
+    /// Outputs must outlive it. `writer`: of cuts, null where none are wanted. Throws
+    /// std::runtime_error when a log cannot be opened, or there is no memory for cuts.
+    Channel(const InputSettings& settings, Outputs& outputs,
+            std::shared_ptr<cuts::Writer> writer = nullptr);
     ~Channel() override;
 
     /// Opens the analyzer's logs again. Any thread.
@@ -62,7 +65,8 @@ class Channel final : public inputs::Consumer, private Sink {
 
   private:
     void finding(const Finding& finding) override;
-    void write(const Finding& finding, const Extras& extras, bool always);
+    void write(const Finding& finding, Extras extras, bool always);
+    std::optional<cuts::Where> cut(const Finding& finding);
     void keep(const Finding& finding, const std::string& record);
     void suppressed(State state);
     void analyzer_ended(const AnalyzerEnd& end);
@@ -87,7 +91,14 @@ class Channel final : public inputs::Consumer, private Sink {
     std::uint64_t suppressed_seq_ = 0; // of the q.13 that is raised; 0: none
     Place suppressed_begin_;
     static constexpr std::uint64_t suppressed_id = UINT64_MAX; // measured ones count from 1
-    std::map<std::uint64_t, std::uint64_t> raised_; // seq of raises that were written, by id
+    /// What the `clear` of a `raise` that was written must know.
+    struct Raised {
+        std::uint64_t seq = 0;
+        std::optional<cuts::Where> cut;
+    };
+    std::map<std::uint64_t, Raised> raised_; // by id
+
+    std::unique_ptr<cuts::LiveCuts> cuts_; // where they are wanted
 
     std::unique_ptr<Analyzer> analyzer_; // where it is wanted
 

@@ -74,6 +74,9 @@ constexpr Figure<ProcessFigures> process_figures[] = {
      MetricType::Counter, number<&ProcessFigures::records_dropped>},
     {"quarn_exec_failed_total", "Commands that ended with another status than 0, or were ended.",
      MetricType::Counter, number<&ProcessFigures::commands_failed>},
+    {"quarn_cuts_failed_total",
+     "Files with packets around findings that are missing or end too early.", MetricType::Counter,
+     number<&ProcessFigures::cuts_failed>},
 };
 
 /// Under the names that all programs have for them.

@@ -48,6 +48,29 @@ void add_outputs(CLI::App& app, Settings& all) {
     });
 }
 
+void add_cuts(CLI::App& app, CutsGiven& given) {
+    with_value(app, "--cut", "DIR", "Write the packets around each finding to files in DIR",
+               [&](const std::string& text) { given.directory = text; });
+    with_value(app, "--cut-seconds", "S", "So long before and behind a finding (default: 2)",
+               [&](const std::string& text) {
+                   given.seconds = settings::seconds_of(text, 0, cuts::longest_seconds);
+               });
+    with_value(app, "--cut-files", "N", "At most so many files of an input (default: 100)",
+               [&](const std::string& text) {
+                   given.files = settings::number<std::uint64_t>(text, 1, cuts::most_files);
+               });
+    const auto size = [&](const char* name, const char* help, std::uint64_t least,
+                          std::uint64_t most, std::optional<std::uint64_t>& value) {
+        with_value(app, name, "SIZE", help, [&value, least, most](const std::string& text) {
+            value = settings::size_of(text, least, most);
+        });
+    };
+    size("--cut-bytes", "At most so many bytes of an input (default: 1G)", cuts::least_bytes,
+         cuts::most_bytes, given.bytes);
+    size("--cut-memory", "Room for the last seconds of an input (default: 32M)", cuts::least_memory,
+         cuts::most_memory, given.memory);
+}
+
 int show(const CLI::App& app, const CLI::Success& shown) {
     std::ostringstream text;
     app.exit(shown, text, text);
@@ -72,6 +95,7 @@ std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
                          get_custom_app_info("quarn-live", "MPEG-TS channel monitor", nullptr));
     add_inputs(app, line);
     add_outputs(app, line.settings);
+    add_cuts(app, line.cuts);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& shown) {

@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "inputs/receiver.h"
-#include "tell.h"
 
 namespace quarn::live {
 
@@ -60,7 +59,8 @@ bool Service::end() {
         return watched->channel.not_written();
     });
     inputs_.clear();
-    return outputs_.end() && written;
+    const bool cuts = writer_->end();
+    return outputs_.end() && written && cuts;
 }
 
 std::unique_ptr<Http> Service::server(const Settings& settings) const {
@@ -70,7 +70,7 @@ std::unique_ptr<Http> Service::server(const Settings& settings) const {
     sources.inputs = [this] { return snapshots(); };
     sources.process = [this] {
         return ProcessFigures{outputs_.commands().dropped, outputs_.records_dropped(),
-                              outputs_.commands().failed};
+                              outputs_.commands().failed, writer_->failures()};
     };
     sources.healthy = [this] { return healthy(); };
     return std::make_unique<Http>(*settings.http, std::move(sources));
@@ -78,7 +78,9 @@ std::unique_ptr<Http> Service::server(const Settings& settings) const {
 
 std::shared_ptr<Service::Watched> Service::opened(const InputSettings& input) {
     try {
-        auto watched = std::make_shared<Watched>(input, outputs_);
+        if (input.cuts.wanted())
+            cuts::check_directory(input.cuts.directory);
+        auto watched = std::make_shared<Watched>(input, outputs_, writer_);
         watched->handle = loops_.add(input.url, watched->channel);
         return watched;
     } catch (const inputs::PortTaken& error) {
@@ -167,6 +169,9 @@ void Service::reload() {
     for (const auto& watched : inputs_)
         watched->channel.reopen();
     const Settings next = settings_of(line_);
+    for (const InputSettings& input : next.inputs)
+        if (input.cuts.wanted())
+            cuts::check_directory(input.cuts.directory);
     const bool other_http = next.http != settings_.http;
     std::unique_ptr<Http> http = other_http ? server(next) : nullptr;
     const Inputs fresh = open_new(next);

@@ -12,6 +12,7 @@
 #include "loops.h"
 #include "outputs.h"
 #include "settings.h"
+#include "tell.h"
 
 namespace quarn::live {
 
@@ -44,8 +45,8 @@ class Service {
 
   private:
     struct Watched {
-        Watched(const InputSettings& input, Outputs& outputs)
-            : settings(input), channel(input, outputs) {}
+        Watched(const InputSettings& input, Outputs& outputs, std::shared_ptr<cuts::Writer> writer)
+            : settings(input), channel(input, outputs, std::move(writer)) {}
         InputSettings settings;
         Channel channel;
         Loops::Handle handle{};
@@ -64,6 +65,7 @@ class Service {
     const CommandLine line_;
     Settings settings_;
     Outputs outputs_;
+    std::shared_ptr<cuts::Writer> writer_ = std::make_shared<cuts::Writer>(tell);
     mutable std::mutex mutex_; // guards which inputs there are
     Inputs inputs_;            // in the order of the settings
     Loops loops_;              // ends before the channels that it calls

@@ -38,6 +38,26 @@ void read_measuring(const Group& group, Options& measure) {
     measure.dvb = group.flag("dvb").value_or(measure.dvb);
 }
 
+const std::vector<const char*> cut_keys = {"cut", "cut_seconds", "cut_files", "cut_bytes",
+                                           "cut_memory"};
+
+CutsGiven read_cuts(const Group& group) {
+    CutsGiven given;
+    const auto size = [&](const char* key, std::uint64_t least, std::uint64_t most) {
+        std::optional<std::uint64_t> value;
+        if (const auto text = group.text(key))
+            value = group.taken(key, [&] { return settings::size_of(*text, least, most); });
+        return value;
+    };
+    given.directory = group.text("cut");
+    given.seconds = group.amount("cut_seconds", 0, cuts::longest_seconds);
+    if (const auto files = group.number("cut_files", 1, cuts::most_files))
+        given.files = static_cast<std::uint64_t>(*files);
+    given.bytes = size("cut_bytes", cuts::least_bytes, cuts::most_bytes);
+    given.memory = size("cut_memory", cuts::least_memory, cuts::most_memory);
+    return given;
+}
+
 std::vector<const char*> with(std::vector<const char*> keys,
                               std::initializer_list<const std::vector<const char*>*> others) {
     for (const auto* const more : others)
@@ -69,7 +89,7 @@ void tell_analyzer(InputSettings& input) {
 
 InputSettings read_input(const Group& group, const InputSettings& usual) {
     group.only(with({"name", "url", "profile", "limits", "ignore", "dvb", "expect"},
-                    {&alert_keys, &alert_path_keys}));
+                    {&alert_keys, &alert_path_keys, &cut_keys}));
     InputSettings input;
     const auto url = group.text("url");
     if (!url)
@@ -89,6 +109,8 @@ InputSettings read_input(const Group& group, const InputSettings& usual) {
     tell_analyzer(input);
     read_alerts(group, input.alerts);
     check_alerts(group, input.alerts);
+    input.cuts = usual.cuts;
+    read_cuts(group).apply(input.cuts);
     return input;
 }
 
@@ -112,10 +134,11 @@ void read_file(const std::string& path, Settings& all, InputSettings& usual) {
     const Group root = file.root();
     root.only(with({"inputs", "http", "findings", "exec", "syslog", "for", "loops", "profile",
                     "limits", "ignore", "dvb"},
-                   {&alert_keys}));
+                   {&alert_keys, &cut_keys}));
     read_outputs(root, all);
     read_measuring(root, usual.measure);
     read_alerts(root, usual.alerts);
+    read_cuts(root).apply(usual.cuts);
     if (const auto inputs = root.groups("inputs"))
         for (const Group& group : *inputs) {
             InputSettings input = read_input(group, usual);
@@ -159,6 +182,16 @@ void check_addresses(const std::vector<InputSettings>& all) {
                                            "; only one of them can receive there");
 }
 
+void check_cuts(const std::vector<InputSettings>& inputs) {
+    const auto cuts = [](const InputSettings& input) { return input.cuts.wanted(); };
+    const auto said = [](const InputSettings& input) { return !(input.cuts == cuts::Settings()); };
+    if (std::none_of(inputs.begin(), inputs.end(), cuts) &&
+        std::any_of(inputs.begin(), inputs.end(), said))
+        throw WrongValue(
+            "it is said how findings are cut out, but not where to: cut, the directory, "
+            "is missing");
+}
+
 void check(const Settings& all) {
     if (all.exec && all.exec->find_first_not_of(" \t\n") == std::string::npos)
         throw WrongValue("exec: is empty; name a command, such as \"logger -t quarn\"");
@@ -166,6 +199,7 @@ void check(const Settings& all) {
         throw WrongValue("there is no input: name a URL such as udp://239.1.1.1:5000, or list "
                          "inputs in a configuration file");
     check_addresses(all.inputs);
+    check_cuts(all.inputs);
     std::set<std::string> names, logs;
     for (const InputSettings& input : all.inputs)
         if (!names.insert(input.name).second)
@@ -193,7 +227,15 @@ void observe(Settings& all) {
 
 bool InputSettings::operator==(const InputSettings& other) const {
     return name == other.name && url.text == other.url.text && measure == other.measure &&
-           alerts == other.alerts && write_expect == other.write_expect;
+           alerts == other.alerts && write_expect == other.write_expect && cuts == other.cuts;
+}
+
+void CutsGiven::apply(cuts::Settings& cuts) const {
+    cuts.directory = directory.value_or(cuts.directory);
+    cuts.seconds = seconds.value_or(cuts.seconds);
+    cuts.files = files.value_or(cuts.files);
+    cuts.bytes = bytes.value_or(cuts.bytes);
+    cuts.memory = memory.value_or(cuts.memory);
 }
 
 int facility_of(const std::string& name) {
@@ -224,6 +266,8 @@ Settings settings_of(const CommandLine& line) {
         tell_analyzer(input);
         all.inputs.push_back(std::move(input));
     }
+    for (InputSettings& input : all.inputs)
+        line.cuts.apply(input.cuts);
     prefer(all.http, line.settings.http);
     prefer(all.findings, line.settings.findings);
     prefer(all.exec, line.settings.exec);

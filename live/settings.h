@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "alert_settings.h"
+#include "cuts/settings.h"
 #include "inputs/endpoint.h"
 #include "inputs/url.h"
 #include "measure/options.h"
@@ -19,9 +20,19 @@ struct InputSettings {
     Options measure;
     AlertSettings alerts;
     std::optional<std::string> write_expect; // file that tells at the end what it was like
+    cuts::Settings cuts;
 
     /// Nothing differs that was written.
     bool operator==(const InputSettings& other) const;
+};
+
+/// What is said of cuts, in the file for all inputs or one, or on the command line.
+struct CutsGiven {
+    std::optional<std::string> directory; // empty: none
+    std::optional<double> seconds;
+    std::optional<std::uint64_t> files, bytes, memory;
+
+    void apply(cuts::Settings& cuts) const;
 };
 
 struct Settings {
@@ -41,6 +52,7 @@ struct CommandLine {
     std::vector<std::string> urls;
     bool check_config = false;
     Settings settings; // without inputs
+    CutsGiven cuts;
 };
 
 /// Facility of syslog by its name, address to listen at. Throw settings::WrongValue.

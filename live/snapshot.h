@@ -61,6 +61,7 @@ struct ProcessFigures {
     std::uint64_t commands_dropped = 0; // of --exec: too many were waiting
     std::uint64_t records_dropped = 0;  // of findings: the output was too slow
     std::uint64_t commands_failed = 0;  // of --exec: another status than 0, or ended
+    std::uint64_t cuts_failed = 0;      // packets around findings: the disk was full or too slow
 };
 
 } // namespace quarn::live

@@ -1,4 +1,5 @@
 # Packets around findings, cut out by both programs.
+quarn_tests(cuts cuts)
 add_test(NAME cuts
   COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/cuts/run ${CMAKE_BINARY_DIR}
           ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_BINARY_DIR}/cuts)

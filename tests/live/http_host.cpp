@@ -93,7 +93,7 @@ int main(int argc, char** argv) {
                                    return inputs;
                                },
                                [] {
-                                   return live::ProcessFigures{8, 9, 10};
+                                   return live::ProcessFigures{8, 9, 10, 11};
                                },
                                [&] {
                                    const std::lock_guard lock(mutex);
