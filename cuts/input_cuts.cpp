@@ -49,19 +49,24 @@ double InputCuts::rate(const Place& place) const {
 }
 
 /// Up to where a finding is to be shown.
-Place InputCuts::end_of(const Finding& finding) {
+Place InputCuts::end_of(const Finding& finding) const {
     if (finding.shape == Shape::point)
         return finding.begin;
     const double limit = finding.detail.limit_ms.value_or(0) / 1000;
     const double most = std::max(longest, limit + beyond_limit);
     if (distance(finding.begin, finding.end) <= most)
         return finding.end;
+    // Not looked for: thousands of pids may have one to the end of the input.
+    const double share = most / distance(finding.begin, finding.end);
+    const auto part = [share](std::uint64_t from, std::uint64_t to) {
+        return static_cast<std::uint64_t>(share * static_cast<double>(to - std::min(from, to)));
+    };
+    const std::uint64_t bytes = part(finding.begin.byte, finding.end.byte);
     Place end = finding.begin;
-    Stretch stretch(input_, rate(finding.begin));
-    end.byte = stretch.behind(finding.begin.byte, most, settings_.bytes).byte;
+    end.byte += bytes - bytes % input_.kept().packet_size;
+    end.packet += part(finding.begin.packet, finding.end.packet);
     if (end.time != no_time)
         end.time += static_cast<Ticks>(most * ticks_per_second);
-    end.packet += static_cast<std::uint64_t>(most * packets_a_second);
     return end;
 }
 

@@ -56,7 +56,7 @@ class InputCuts {
 
     bool shares(const Cut& cut, const Place& begin, const Place& end) const;
     std::optional<Where> begin_cut(const Finding& finding, const Place& begin, const Place& end);
-    Place end_of(const Finding& finding);
+    Place end_of(const Finding& finding) const;
     void go_on(Cut& cut, bool last);
     bool copy(Cut& cut, std::uint64_t end);
     bool failed(File& file, int error);
