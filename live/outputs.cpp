@@ -37,14 +37,11 @@ bool Outputs::end() {
         {all.cut_off, "command", "of --exec had to be cut off at the end"},
         {all.not_started, "command", "of --exec had no time to start before the end"},
     };
-    bool good = true;
-    for (const auto& loss : losses) {
+    for (const auto& loss : losses)
         if (loss.count > 0 && !ended_)
             tell("in all " + count_text(loss.count, loss.what) + " " + loss.why);
-        good = good && loss.count == 0;
-    }
     ended_ = true;
-    return good;
+    return records_dropped_ == 0;
 }
 
 /// The old one comes to its end without the lock: that may take seconds.

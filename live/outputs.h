@@ -42,7 +42,7 @@ class Outputs {
     void change(const Wanted& wanted);
 
     /// Has a few seconds for what still waits, and tells what was lost in all. Returns whether each
-    /// record was written and each command did its work. Nothing may be added behind it.
+    /// record was written; what commands do is their own. Nothing may be added behind it.
     bool end();
 
     std::uint64_t records_dropped() const { return records_dropped_; }
