@@ -229,10 +229,12 @@ void ConfigFile::Destroy::operator()(config_t* config) const {
 }
 
 ConfigFile::ConfigFile(const std::string& path) : path_(path) {
-    const std::string text = read_all(path);
+    std::string text = read_all(path);
     if (text.find('\0') != std::string::npos)
         throw WrongValue(path + ": is no text, there are bytes of 0 in it");
     check_includes(text, path, 0);
+    if (!text.ends_with('\n'))
+        text += '\n'; // libconfig takes a comment for one only when its line ends
     auto* const config = new config_t;
     config_init(config);
     config_.reset(config);
