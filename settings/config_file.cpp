@@ -47,8 +47,9 @@ void check_includes(const std::string& text, const std::string& path, int depth)
         if (depth == deepest_include)
             throw WrongValue(where + ": more than " + std::to_string(deepest_include) +
                              " files deep");
-        const std::size_t open = line.find('"', at), close = line.rfind('"');
-        if (open == std::string::npos || close == open)
+        const std::size_t open = line.find('"', at);
+        const std::size_t close = open == std::string::npos ? open : line.find('"', open + 1);
+        if (close == std::string::npos)
             throw WrongValue(where + ": needs a file in quotes");
         const std::string included = line.substr(open + 1, close - open - 1);
         try {

@@ -186,6 +186,7 @@ TEST_F(Config, RefusesWhatIsNoConfigurationAndSaysWhere) {
         {"@include \"F\"", "more than 8 files deep"},
         {"@include \"G\"", "G, line 2: syntax error"},
         {"# @include \"none\"\na = 1; # @include \"none\"", ""},
+        {"@include \"G\" # not \"none\"", "G, line 2: syntax error"},
     };
     put('G', "\nb = ;\n");
     for (const auto& row : rows) {
