@@ -44,15 +44,12 @@ std::string safe(std::string_view input) {
 
 void check_directory(const std::string& directory) {
     struct stat status {};
-    int error = 0;
-    if (::stat(directory.c_str(), &status) != 0)
-        error = errno;
-    else if (!S_ISDIR(status.st_mode))
-        error = ENOTDIR;
-    else if (::access(directory.c_str(), W_OK | X_OK) != 0)
-        error = errno;
-    if (error != 0)
-        throw std::system_error(error, std::generic_category(), "directory for cuts " + directory);
+    const bool found = ::stat(directory.c_str(), &status) == 0;
+    const bool other = found && !S_ISDIR(status.st_mode);
+    if (found && !other && ::access(directory.c_str(), W_OK | X_OK) == 0)
+        return;
+    throw std::system_error(other ? ENOTDIR : errno, std::generic_category(),
+                            "directory for cuts " + directory);
 }
 
 std::string stem_of(std::string_view input, std::string_view place, Rule rule) {
@@ -71,8 +68,12 @@ std::optional<File> File::create(const std::string& path, int& error) {
 std::optional<File> File::create(const std::string& directory, const std::string& stem,
                                  std::string_view ending, int& error) {
     for (int i = 1; i <= most_names; ++i) {
-        const std::string number = i > 1 ? "-" + std::to_string(i) : std::string();
-        if (auto file = create(directory + "/" + stem + number + "." + std::string(ending), error))
+        std::string path = directory;
+        path.append("/").append(stem);
+        if (i > 1)
+            path.append("-").append(std::to_string(i));
+        path.append(".").append(ending);
+        if (auto file = create(path, error))
             return file;
         if (error != EEXIST)
             break;

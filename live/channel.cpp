@@ -277,7 +277,7 @@ void Channel::write(const Finding& finding, Extras extras, bool always) {
 std::optional<cuts::Where> Channel::cut(const Finding& finding) {
     if (!cuts_ || finding.state == State::clear)
         return {};
-    const auto where = cuts_->take(finding, last_.utc_us);
+    auto where = cuts_->take(finding, last_.utc_us);
     if (const std::string remark = cuts_->remark(); !remark.empty())
         tell(settings_.name + ": " + remark);
     return where;

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::int64_t highest_pid = 0x1FFE;
 constexpr std::int64_t highest_bitrate = Range::highest_bitrate;
-constexpr Ticks longest_interval = 24 * 3600 * ticks_per_second;
+constexpr Ticks longest_interval = ticks_per_second * 3600 * 24;
 constexpr Ticks longest_mean = 3600 * ticks_per_second;
 constexpr std::string_view any = "any";
 
