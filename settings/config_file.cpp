@@ -17,6 +17,7 @@ namespace quarn::settings {
 namespace {
 
 constexpr int deepest_include = 8;
+constexpr std::size_t largest = 16 << 20; // bytes of a file
 
 std::string why(int error) {
     return std::generic_category().message(error);
@@ -28,11 +29,24 @@ std::string read_all(const std::string& path) {
         throw WrongValue(path + ": " + why(errno));
     if (S_ISDIR(about.st_mode))
         throw WrongValue(path + ": is a directory; name a file");
+    // A named pipe may have nobody who ever writes. That of a shell's <(...) has.
+    const bool piped = path.starts_with("/dev/fd/") || path == "/dev/stdin";
+    if (!S_ISREG(about.st_mode) && !(piped && S_ISFIFO(about.st_mode)))
+        throw WrongValue(path + ": is no regular file");
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    if (!in || (in.peek() != EOF && !(text << in.rdbuf())))
+    std::string text;
+    std::vector<char> block(1 << 16);
+    while (in && text.size() <= largest) {
+        in.read(block.data(), static_cast<std::streamsize>(block.size()));
+        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    if (text.size() > largest)
+        throw WrongValue(path + ": has over 16 MiB; that is no configuration");
+    if (!in.eof())
         throw WrongValue(path + ": " + why(errno == 0 ? EIO : errno));
-    return text.str();
+    if (text.find('\0') != std::string::npos)
+        throw WrongValue(path + ": is no text, there are bytes of 0 in it");
+    return text;
 }
 
 /// The library ends the process when it includes what cannot be read, so that is tried before.
@@ -231,17 +245,16 @@ void ConfigFile::Destroy::operator()(config_t* config) const {
 
 ConfigFile::ConfigFile(const std::string& path) : path_(path) {
     std::string text = read_all(path);
-    if (text.find('\0') != std::string::npos)
-        throw WrongValue(path + ": is no text, there are bytes of 0 in it");
     check_includes(text, path, 0);
-    if (!text.ends_with('\n'))
-        text += '\n'; // libconfig takes a comment for one only when its line ends
+    const auto lines = 1 + static_cast<int>(std::count(text.begin(), text.end(), '\n'));
+    text += '\n'; // libconfig takes a comment for one only when its line ends
     auto* const config = new config_t;
     config_init(config);
     config_.reset(config);
     if (config_read_string(config, text.c_str()) != CONFIG_TRUE) {
         const char* const file = config_error_file(config);
-        const int line = config_error_line(config);
+        const int line =
+            file ? config_error_line(config) : std::min(config_error_line(config), lines);
         const bool comma = !file && comma_before_closing(text, line);
         throw WrongValue(
             (file ? file : path) + ", line " + std::to_string(line) + ": " +

@@ -181,6 +181,8 @@ TEST_F(Config, RefusesWhatIsNoConfigurationAndSaysWhere) {
         {"a = ( 1 /*,*/ );\nb = ( 1 ) );", "F, line 2: syntax error"},
         {"@include \"none\"", "F, line 1: @include: none: No such file or directory"},
         {"\n\t@include \".\"", "F, line 2: @include: .: is a directory; name a file"},
+        {"@include \"/dev/zero\"", "F, line 1: @include: /dev/zero: is no regular file"},
+        {"a = {", "F, line 1: syntax error"},
         {"@include G", "F, line 1: @include: needs a file in quotes"},
         {"@include \"G", "F, line 1: @include: needs a file in quotes"},
         {"@include \"F\"", "more than 8 files deep"},
