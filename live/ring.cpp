@@ -37,7 +37,8 @@ bool RingView::put(const DatagramHead& head, std::span<const std::uint8_t> datag
     if (used > bytes_.size() || bytes_.size() - used < need)
         return false;
     copy_in(written, &head, sizeof head);
-    copy_in(written + static_cast<std::uint32_t>(step), datagram.data(), datagram.size());
+    if (!datagram.empty()) // an empty one may have no address
+        copy_in(written + static_cast<std::uint32_t>(step), datagram.data(), datagram.size());
     state_->written.store(written + need, std::memory_order_release);
     return true;
 }

@@ -29,7 +29,7 @@ void feed(Rate& rate, int from, int to, const Intervals& intervals) {
 
 /// 20 to 49 packets, in no order.
 double some(int i) {
-    return 20 + i * 7919 % 30;
+    return 20 + i % 30 * 7919 % 30;
 }
 Interval even(int i) {
     return {some(i), some(i) * tpp};
