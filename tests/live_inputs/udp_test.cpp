@@ -162,8 +162,9 @@ TEST_F(Udp, stamps_are_those_of_the_arrival) {
     }
     EXPECT_TRUE(watcher.wait_packets(2));
     const auto infos = watcher.seen().packets.infos;
-    EXPECT_GE(infos[1].arrival - infos[0].arrival, 299 * 27'000);
-    EXPECT_GE(infos[1].utc_us - infos[0].utc_us, 299'000);
+    // Both are read at once; a busy kernel may stamp the first one late.
+    EXPECT_GE(infos[1].arrival - infos[0].arrival, 200 * 27'000);
+    EXPECT_GE(infos[1].utc_us - infos[0].utc_us, 200'000);
     EXPECT_LT(std::abs(inputs::arrival_of(inputs::moment().monotonic_ns, inputs::moment()).utc_us -
                        infos[1].utc_us),
               60'000'000);
