@@ -63,7 +63,7 @@ void Timed::lost_time(const ClockInterval& interval) {
         {Cause::What::outage, std::nullopt, from.packet, to.packet, no_time, to.time - from.time});
 }
 
-void Timed::untimed(std::deque<Item>& queue, const At& to) {
+void Timed::untimed(std::deque<Item>& queue, At to) {
     ahead_ = to.index + 1;
     dispatch(queue, to.index + 1);
     advance(place(to));

@@ -33,7 +33,7 @@ class Timed final : public ContinuitySink, JumpSink, SilenceSink {
     /// An interval of the stream clock is decided: all items up to its end.
     void interval(const ClockInterval& interval, std::deque<Item>& queue, double null_share);
     /// Without a clock: all items up to that packet.
-    void untimed(std::deque<Item>& queue, const At& to);
+    void untimed(std::deque<Item>& queue, At to); // a copy: what it is of may be in the queue
     /// Live: no packet has come since `last` for some time.
     void pause(const At& last);
     /// Live: nothing comes behind `last`, or has not for a while: what waits is decided as if that
