@@ -1,109 +1,16 @@
 #include "config_file.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <sstream>
-#include <system_error>
 
+#include "config_text.h"
 #include "nearest.h"
 
 namespace quarn::settings {
 
 namespace {
-
-constexpr int deepest_include = 8;
-constexpr std::size_t largest = 16 << 20; // bytes of a file
-
-std::string why(int error) {
-    return std::generic_category().message(error);
-}
-
-std::string read_all(const std::string& path) {
-    struct stat about {};
-    if (::stat(path.c_str(), &about) != 0)
-        throw WrongValue(path + ": " + why(errno));
-    if (S_ISDIR(about.st_mode))
-        throw WrongValue(path + ": is a directory; name a file");
-    // A named pipe may have nobody who ever writes. That of a shell's <(...) has.
-    const bool piped = path.starts_with("/dev/fd/") || path == "/dev/stdin";
-    if (!S_ISREG(about.st_mode) && !(piped && S_ISFIFO(about.st_mode)))
-        throw WrongValue(path + ": is no regular file");
-    std::ifstream in(path, std::ios::binary);
-    std::string text;
-    std::vector<char> block(1 << 16);
-    while (in && text.size() <= largest) {
-        in.read(block.data(), static_cast<std::streamsize>(block.size()));
-        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
-    }
-    if (text.size() > largest)
-        throw WrongValue(path + ": has over 16 MiB; that is no configuration");
-    if (!in.eof())
-        throw WrongValue(path + ": " + why(errno == 0 ? EIO : errno));
-    if (text.find('\0') != std::string::npos)
-        throw WrongValue(path + ": is no text, there are bytes of 0 in it");
-    return text;
-}
-
-/// The library ends the process when it includes what cannot be read, so that is tried before.
-void check_includes(const std::string& text, const std::string& path, int depth) {
-    std::istringstream lines(text);
-    std::string line;
-    for (int number = 1; std::getline(lines, line); ++number) {
-        const std::size_t at = line.find_first_not_of(" \t");
-        if (at == std::string::npos || line.compare(at, 8, "@include") != 0)
-            continue;
-        const std::string where = path + ", line " + std::to_string(number) + ": @include";
-        if (depth == deepest_include)
-            throw WrongValue(where + ": more than " + std::to_string(deepest_include) +
-                             " files deep");
-        const std::size_t open = line.find('"', at);
-        const std::size_t close = open == std::string::npos ? open : line.find('"', open + 1);
-        if (close == std::string::npos)
-            throw WrongValue(where + ": needs a file in quotes");
-        const std::string included = line.substr(open + 1, close - open - 1);
-        try {
-            check_includes(read_all(included), included, depth + 1);
-        } catch (const WrongValue& wrong) {
-            throw WrongValue(where + ": " + wrong.what());
-        }
-    }
-}
-
-/// Whether a list ends there with a comma, which libconfig takes for the start of one more element.
-bool comma_before_closing(const std::string& text, int line) {
-    char last = ' '; // what is no blank and no comment
-    int number = 1;
-    for (std::size_t i = 0; i < text.size() && number <= line; ++i) {
-        const char c = text[i];
-        if (number == line && last == ',' && (c == ')' || c == ']'))
-            return true;
-        if (c == '"') {
-            for (++i; i < text.size() && text[i] != '"'; ++i) {
-                number += text[i] == '\n';
-                i += text[i] == '\\';
-            }
-        } else if (c == '#' || text.compare(i, 2, "//") == 0) {
-            i = std::min(text.find('\n', i), text.size()) - 1;
-            continue;
-        } else if (text.compare(i, 2, "/*") == 0) {
-            const std::size_t end = std::min(text.find("*/", i + 2), text.size());
-            number +=
-                static_cast<int>(std::count(text.begin() + static_cast<std::ptrdiff_t>(i),
-                                            text.begin() + static_cast<std::ptrdiff_t>(end), '\n'));
-            i = end + 1;
-            continue;
-        }
-        number += c == '\n';
-        if (c != ' ' && c != '\t' && c != '\n' && c != '\r')
-            last = c;
-    }
-    return false;
-}
 
 bool is_number(int type) {
     return type == CONFIG_TYPE_INT || type == CONFIG_TYPE_INT64;
@@ -244,8 +151,7 @@ void ConfigFile::Destroy::operator()(config_t* config) const {
 }
 
 ConfigFile::ConfigFile(const std::string& path) : path_(path) {
-    std::string text = read_all(path);
-    check_includes(text, path, 0);
+    std::string text = config_text(path);
     const auto lines = 1 + static_cast<int>(std::count(text.begin(), text.end(), '\n'));
     text += '\n'; // libconfig takes a comment for one only when its line ends
     auto* const config = new config_t;
