@@ -275,7 +275,7 @@ std::string rate_of(std::string_view text, std::size_t behind) {
 }
 
 std::string bitrate_text(const TableChange& c, const Finding& f) {
-    constexpr std::string_view least = "at least ";
+    constexpr std::string_view least = "at least ", most = "at most ";
     const std::string before = c.before.value_or("?");
     const bool below = before.starts_with(least);
     std::string text = "bit rate of ";
@@ -283,7 +283,7 @@ std::string bitrate_text(const TableChange& c, const Finding& f) {
         text += pid_text(c) + " (" + service_text("program", c) + ")";
     else
         text += c.number ? service_text("program", c) : std::string("the whole stream");
-    text += (below ? " below " : " above ") + rate_of(before, least.size()); // as "at most "
+    text += (below ? " below " : " above ") + rate_of(before, below ? least.size() : most.size());
     if (f.detail.interval_ms)
         text += " for " + duration_text(*f.detail.interval_ms);
     return c.after ? text + (below ? ", down to " : ", up to ") + rate_of(*c.after, 0) : text;
