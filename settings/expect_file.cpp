@@ -1,6 +1,7 @@
 #include "expect_file.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -8,6 +9,7 @@
 
 #include "config_file.h"
 #include "nearest.h"
+#include "reports/text.h"
 
 namespace quarn::settings {
 
@@ -16,7 +18,12 @@ namespace {
 constexpr std::int64_t highest_pid = 0x1FFE;
 constexpr std::int64_t highest_bitrate = Range::highest_bitrate;
 constexpr Ticks longest_interval = ticks_per_second * 3600 * 24;
+constexpr Ticks shortest_interval = ticks_per_ms;
 constexpr Ticks longest_mean = 3600 * ticks_per_second;
+constexpr Ticks shortest_mean = ticks_per_second / 10;
+constexpr std::size_t longest_name = 252; // a service descriptor has no room for more
+constexpr std::size_t most_words = 64;
+constexpr std::int64_t reserved_pids = 0x10; // of tables; no PMT, PCR or stream is there
 constexpr std::string_view any = "any";
 
 std::string_view trimmed(std::string_view text) {
@@ -69,9 +76,11 @@ struct Scale {
 
 std::optional<std::int64_t> whole_number(std::string_view text) {
     text = trimmed(text);
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    text.remove_prefix(hex ? 2 : 0);
     std::int64_t value = 0;
     const char* const end = text.data() + text.size();
-    const auto [rest, wrong] = std::from_chars(text.data(), end, value);
+    const auto [rest, wrong] = std::from_chars(text.data(), end, value, hex ? 16 : 10);
     return wrong == std::errc{} && rest == end ? std::optional(value) : std::nullopt;
 }
 
@@ -121,25 +130,87 @@ Range range(const Group& group, const char* key, const Scale& scale) {
     return *is;
 }
 
+/// Of streams and of what belongs to a service: "-5" is nobody's, and was meant to be a number.
+Range pid_range(const Group& group, const char* key) {
+    const Range is = range(group, key, pids);
+    if (is.least == 0 && is.most < reserved_pids && !is.one())
+        throw group.wrong(key, in_quotes(config_setting_get_string(member(group, key))) + " " +
+                                   pids.right + "; below 16 there are only tables");
+    return is;
+}
+
+/// A mean over some seconds is never the same twice.
+Range bitrate_range(const Group& group, const char* key) {
+    const Range is = range(group, key, bitrates);
+    if (is.one() && is.least > 0)
+        throw group.wrong(key, "is one exact rate, which no stream keeps; " +
+                                   std::string(bitrates.right));
+    return is;
+}
+
 /// 0: any.
-Ticks interval(const Group& group, const char* key, Ticks most) {
+Ticks interval(const Group& group, const char* key, Ticks least, Ticks most) {
     const auto text = group.text(key);
     if (!text || *text == any)
         return 0;
     const auto ticks = with_unit(*text, time_units, static_cast<double>(most));
-    if (!ticks || *ticks < ticks_per_ms)
+    if (!ticks || *ticks < least)
         throw group.wrong(key, in_quotes(*text) + " must be a time such as \"500 ms\" or \"2 s\"" +
-                                   ", at most " + std::to_string(most / ticks_per_second) +
-                                   " s, or \"any\"");
+                                   ", from " + std::to_string(least / ticks_per_ms) + " ms to " +
+                                   std::to_string(most / ticks_per_second) + " s, or \"any\"");
     return *ticks;
+}
+Ticks interval(const Group& group, const char* key) {
+    return interval(group, key, shortest_interval, longest_interval);
 }
 
 /// Words of which one must be there; none: any.
 std::vector<std::string> words(const Group& group, const char* key) {
-    auto texts = group.texts(key).value_or(std::vector<std::string>{});
+    const auto given = group.texts(key);
+    if (given && (given->empty() || given->size() > most_words))
+        throw group.wrong(key, "has " + std::to_string(given->size()) + " words; give one to " +
+                                   std::to_string(most_words) + ", or \"any\"");
+    auto texts = given.value_or(std::vector<std::string>{});
     if (std::find(texts.begin(), texts.end(), any) != texts.end())
         texts.clear();
     return texts;
+}
+
+/// Of a service: as an SDT can have it.
+std::vector<std::string> names(const Group& group, const char* key) {
+    std::vector<std::string> all = words(group, key);
+    for (const std::string& name : all) {
+        if (printable(name) != name)
+            throw group.wrong(key, in_quotes(printable(name)) +
+                                       " must be UTF-8 without control characters");
+        if (columns(name) > longest_name)
+            throw group.wrong(key, "has " + std::to_string(columns(name)) +
+                                       " characters; names of services have at most " +
+                                       std::to_string(longest_name));
+    }
+    return all;
+}
+
+/// In small letters; "none" is empty.
+std::vector<std::string> languages(const Group& group, const char* key) {
+    constexpr std::size_t letters = 3;
+    const auto is_letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    std::vector<std::string> all = words(group, key);
+    for (std::string& language : all) {
+        if (language == "none") {
+            language.clear();
+            continue;
+        }
+        if (language.size() != letters || !std::all_of(language.begin(), language.end(), is_letter))
+            throw group.wrong(key,
+                              in_quotes(printable(language)) +
+                                  " must be the three letters of a language (ISO 639), such "
+                                  "as \"deu\", \"none\" or \"any\"; several stand in brackets: "
+                                  "[\"deu\", \"eng\"]");
+        for (char& c : language)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return all;
 }
 
 template <class E>
@@ -204,14 +275,12 @@ const std::vector<Group>& few(const std::vector<Group>& all, const Group& in, co
 Expectation::Stream read_stream(const Group& group) {
     group.only({"pid", "kind", "codec", "language", "scrambled", "bitrate", "optional"});
     Expectation::Stream s;
-    s.pid = range(group, "pid", pids);
+    s.pid = pid_range(group, "pid");
     s.kinds = closed_words<StreamKind>(group, "kind", static_cast<int>(StreamKind::unknown));
     s.codecs = closed_words<Codec>(group, "codec", static_cast<int>(Codec::private_data));
-    for (std::string& language : s.languages = words(group, "language"))
-        if (language == "none")
-            language.clear();
+    s.languages = languages(group, "language");
     s.scrambled = flag_or_any(group, "scrambled");
-    s.bitrate = range(group, "bitrate", bitrates);
+    s.bitrate = bitrate_range(group, "bitrate");
     s.optional = group.flag("optional").value_or(false);
     if (s == Expectation::Stream{})
         throw group.wrong(nullptr, "says nothing; give a pid, a kind or a language");
@@ -226,11 +295,11 @@ Expectation::Service read_service(const Group& group) {
     if (!number)
         throw group.wrong(nullptr, "has no number, such as number = 1;");
     s.number = static_cast<std::uint16_t>(*number);
-    s.names = words(group, "name");
-    s.pmt_pid = range(group, "pmt_pid", pids);
-    s.pmt_interval = interval(group, "pmt_interval", longest_interval);
-    s.pcr_pid = range(group, "pcr_pid", pids);
-    s.bitrate = range(group, "bitrate", bitrates);
+    s.names = names(group, "name");
+    s.pmt_pid = pid_range(group, "pmt_pid");
+    s.pmt_interval = interval(group, "pmt_interval");
+    s.pcr_pid = pid_range(group, "pcr_pid");
+    s.bitrate = bitrate_range(group, "bitrate");
     s.other_streams = others(group, "other_streams");
     s.optional = group.flag("optional").value_or(false);
     if (const auto streams = group.groups("streams"))
@@ -247,7 +316,7 @@ Expectation::Table read_table(const Group& group) {
         throw group.wrong(nullptr, "has no table_id, such as table_id = 0x42;");
     t.id = static_cast<std::uint8_t>(*id);
     t.pid = range(group, "pid", pids);
-    t.interval = interval(group, "interval", longest_interval);
+    t.interval = interval(group, "interval");
     t.optional = group.flag("optional").value_or(false);
     return t;
 }
@@ -272,8 +341,8 @@ Expectation read_expectation(const std::string& path) {
     if (const auto tables = root.groups("tables"))
         for (const Group& group : few(*tables, root, "tables"))
             e.tables.push_back(read_table(group));
-    e.bitrate = range(root, "bitrate", bitrates);
-    const Ticks over = interval(root, "bitrate_over", longest_mean);
+    e.bitrate = bitrate_range(root, "bitrate");
+    const Ticks over = interval(root, "bitrate_over", shortest_mean, longest_mean);
     if (over > 0)
         e.bitrate_over = over;
     e.constant_rate = either(root, "rate", "constant", "variable");

@@ -39,7 +39,7 @@ Summary summary_of(const std::string& name) {
         stream.pid = static_cast<std::uint16_t>(i);
         stream.kind = static_cast<StreamKind>(i % 7);
         stream.codec = static_cast<Codec>(i);
-        stream.language = i % 3 == 0 ? "" : i % 3 == 1 ? "deu" : "\xE9\"\\";
+        stream.language = i % 2 == 0 ? "" : "deu";
         p.streams.push_back(stream);
     }
     s.programs = {p, ProgramSummary{1, std::nullopt, std::nullopt, 32, std::nullopt, {}}};
@@ -65,8 +65,8 @@ Observed observed_of() {
 }
 
 TEST_F(File, SaysWhatWasMeant) {
-    for (const std::string name : {"News", "\"; services = ();\n#", "a\\\x01\x1b[31m\x7f\t",
-                                   "\xC3\xA9\xFF\xE2\x82", "@include \"x\""}) {
+    for (const std::string name : {"News", "\"; services = (); #", "a\\x41\\\\\"",
+                                   "\xC3\xA9\xEF\xBF\xBD", "@include \"x\""}) {
         const Summary summary = summary_of(name);
         const Observed observed = observed_of();
         const std::string text = expectation_text("x\ny", summary, observed);
@@ -78,15 +78,16 @@ TEST_F(File, SaysWhatWasMeant) {
 
 TEST_F(File, TakesWhatPeopleWrite) {
     const Expectation e = read(R"(
-        services = ( { number = 7; name = ("A", "B"); pmt_pid = "100 - 200"; bitrate = "-2.5M";
-                       streams = ( ); } );
+        services = ( { number = 7; name = ("A", "B"); pmt_pid = "0x64 - 200"; bitrate = "-2.5M";
+                       streams = ( { language = [ "DEU", "none" ]; } ); } );
         tables = ( { table_id = 0x42; interval = "1.5s"; optional = true; } );
-        bitrate = 3000000; rate = "any"; bitrate_over = "500 ms";)");
+        bitrate = "3M-3000001"; rate = "any"; bitrate_over = "500 ms";)");
     ASSERT_EQ(e.services.size(), 1U);
     EXPECT_EQ(e.services[0].names, (std::vector<std::string>{"A", "B"}));
     EXPECT_EQ(e.services[0].pmt_pid, (Range{100, 200}));
     EXPECT_EQ(e.services[0].bitrate, (Range{0, 2'500'000}));
-    EXPECT_EQ(e.bitrate, (Range{3'000'000, 3'000'000}));
+    EXPECT_EQ(e.services[0].streams.at(0).languages, (std::vector<std::string>{"deu", ""}));
+    EXPECT_EQ(e.bitrate, (Range{3'000'000, 3'000'001}));
     EXPECT_EQ(e.tables[0].interval, 1500 * ticks_per_ms);
     EXPECT_EQ(e.bitrate_over, 500 * ticks_per_ms);
     EXPECT_TRUE(e.leaves_out(8));
@@ -113,6 +114,8 @@ services = ( { number = 1; streams = ( { pid = 8191; } ); } );
 = line 1, services[1].streams[1].pid: must be a pid from 0 to 8190, a range such as "256-300", or "any"
 services = ( { number = 1; pmt_pid = "300-256"; } );
 = line 1, services[1].pmt_pid: "300-256" must be a pid from 0 to 8190
+services = ( { number = 1; pmt_pid = "-5"; } );
+= line 1, services[1].pmt_pid: "-5" must be a pid from 0 to 8190, a range such as "256-300", or "any"; below 16 there are only tables
 services = ( { number = 1; pcr_pid = "-"; } );
 = line 1, services[1].pcr_pid: "-" must be a pid
 services = ( { number = 1; pcr_pid = [ 1, 2 ]; } );
@@ -125,6 +128,14 @@ bitrate = "99999999999999999999G";
 = line 1, bitrate: "99999999999999999999G" must be a range
 bitrate = -1;
 = line 1, bitrate: must be a range
+bitrate = "2M";
+= line 1, bitrate: is one exact rate, which no stream keeps; must be a range of bits a second such as "2M-3.5M"
+services = ( { number = 1; streams = ( { language = "german"; } ); } );
+= line 1, services[1].streams[1].language: "german" must be the three letters of a language (ISO 639)
+services = ( { number = 1; streams = ( { language = [ ]; } ); } );
+= line 1, services[1].streams[1].language: has 0 words; give one to 64, or "any"
+services = ( { number = 1; name = "Z\xFCrich"; } );
+= line 1, services[1].name: "Z\xFCrich" must be UTF-8 without control characters
 services = ( { number = 1; streams = ( { kind = "vido"; } ); } );
 = line 1, services[1].streams[1].kind: "vido" is none of video, audio, subtitles, teletext, scte35, data, unknown; did you mean video?
 services = ( { number = 1; streams = ( { codec = 7; } ); } );
@@ -134,7 +145,7 @@ services = ( { number = 1; streams = ( { } ); } );
 services = ( { number = 1; streams = ( { pid = 1; scrambled = "yes"; } ); } );
 = line 1, services[1].streams[1].scrambled: must be true, false or "any"
 services = ( { number = 1; pmt_interval = "2"; } );
-= line 1, services[1].pmt_interval: "2" must be a time such as "500 ms" or "2 s", at most 86400 s, or "any"
+= line 1, services[1].pmt_interval: "2" must be a time such as "500 ms" or "2 s", from 1 ms to 86400 s, or "any"
 tables = ( { table_id = 256; } );
 = line 1, tables[1].table_id: must be a whole number from 0 to 255
 tables = ( { table_id = 1; interval = "2 d"; } );
@@ -142,7 +153,7 @@ tables = ( { table_id = 1; interval = "2 d"; } );
 rate = "fast";
 = line 1, rate: "fast" must be "constant", "variable" or "any"
 bitrate_over = "2000000 s";
-= line 1, bitrate_over: "2000000 s" must be a time such as "500 ms" or "2 s", at most 3600 s
+= line 1, bitrate_over: "2000000 s" must be a time such as "500 ms" or "2 s", from 100 ms to 3600 s
 other_services = "some";
 = line 1, other_services: "some" must be "any" or "none"
 services = ( { number = 1; optional = "yes"; } );
@@ -170,7 +181,11 @@ services = ( {
         text.clear();
         ++count;
     }
-    EXPECT_EQ(count, 25);
+    EXPECT_EQ(count, 30);
+    const std::string long_name(252, 'x');
+    EXPECT_NO_THROW(read("services = ( { number = 1; name = \"" + long_name + "\"; } );"));
+    EXPECT_THROW(read("services = ( { number = 1; name = \"" + long_name + "x\"; } );"),
+                 WrongValue);
 }
 
 } // namespace
