@@ -17,6 +17,7 @@
 
 #include "analyzer_worker.h"
 #include "options.h"
+#include "reports/text.h"
 #include "service.h"
 #include "settings/words.h"
 #include "status.h"
@@ -130,6 +131,17 @@ int run(const CommandLine& line) {
     return service.end() ? status_in_order : status_lost;
 }
 
+int tell_inputs(const Settings& settings) {
+    std::cout << "configuration is right; inputs: " << settings.inputs.size() << '\n';
+    for (const InputSettings& input : settings.inputs) {
+        const std::string url = input.url.without_secrets();
+        std::cout << "    " << printable(input.name)
+                  << (input.name == url ? "" : ": " + printable(url)) << '\n';
+    }
+    std::cout << std::flush;
+    return std::cout ? status_in_order : status_wrong;
+}
+
 int main_of(int argc, char** argv) {
     if (is_analyzer_worker(argc, argv)) // in a process that another quarn-live has started
         return run_analyzer_worker();
@@ -141,9 +153,7 @@ int main_of(int argc, char** argv) {
     const CommandLine& line = std::get<CommandLine>(parsed);
     if (!line.check_config)
         return run(line);
-    const std::size_t count = settings_of(line).inputs.size();
-    std::cout << "configuration is right; inputs: " << count << '\n';
-    return status_in_order;
+    return tell_inputs(settings_of(line));
 }
 
 } // namespace
