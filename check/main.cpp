@@ -20,6 +20,8 @@
 #include "ordered.h"
 #include "progress.h"
 #include "reports/junit.h"
+#include "settings/command_line.h"
+#include "settings/expect_file.h"
 #include "status.h"
 
 namespace quarn::check {
@@ -117,6 +119,9 @@ int check_all(const CommandLine& line, const Colours& colours) {
         std::cerr << "quarn-check: no input is in this shard\n";
     if (line.cuts.wanted())
         cuts::check_directory(line.cuts.directory);
+    if (line.write_expect)
+        settings::taken("--write-expect",
+                        [&] { settings::check_expectation_place(*line.write_expect); });
     Target out(STDOUT_FILENO, "standard output");
     std::unique_ptr<Target> junit;
     if (line.junit) {

@@ -185,7 +185,8 @@ std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
         "quarn-check");
     app.get_formatter()->column_width(24);
     app.footer("Exit status: 0 healthy, 1 failed, 2 insufficient, 3 wrong option or input that\n"
-               "cannot be read; of several inputs the worst, in the order 3, 1, 2, 0.");
+               "cannot be read, or an output that cannot be written; of several inputs the worst,\n"
+               "in the order 3, 1, 2, 0.");
     app.set_version_flag("--version",
                          get_custom_app_info("quarn-check", "MPEG-TS capture checker", nullptr));
     add_inputs(app, line);

@@ -128,7 +128,7 @@ int run(const CommandLine& line) {
     ::sd_notify(0, "READY=1");
     watch(service, signals, line.config.has_value());
     ::sd_notify(0, "STOPPING=1");
-    return service.end() ? status_in_order : status_lost;
+    return service.end();
 }
 
 int tell_inputs(const Settings& settings) {

@@ -90,7 +90,8 @@ std::variant<CommandLine, int> parse_command_line(int argc, char** argv) {
                  "quarn-live");
     app.get_formatter()->column_width(24);
     app.footer("Exit status: 0 after an end in order, 1 where records or commands were lost,\n"
-               "3 for a wrong option or configuration or a port that is taken.");
+               "3 for a wrong option or configuration, a port that is taken, or an expectation\n"
+               "that could not be written.");
     app.set_version_flag("--version",
                          get_custom_app_info("quarn-live", "MPEG-TS channel monitor", nullptr));
     add_inputs(app, line);

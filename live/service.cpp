@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "inputs/receiver.h"
+#include "settings/expect_file.h"
+#include "status.h"
 
 namespace quarn::live {
 
@@ -52,7 +54,7 @@ Service::~Service() {
     end();
 }
 
-bool Service::end() {
+int Service::end() {
     http_.reset();
     close_all(inputs_);
     const bool written = std::none_of(inputs_.begin(), inputs_.end(), [](const auto& watched) {
@@ -60,7 +62,10 @@ bool Service::end() {
     });
     inputs_.clear();
     const bool cuts = writer_->end();
-    return outputs_.end() && written && cuts;
+    const bool records = outputs_.end();
+    if (!written)
+        return status_wrong;
+    return records && cuts ? status_in_order : status_lost;
 }
 
 std::unique_ptr<Http> Service::server(const Settings& settings) const {
@@ -80,6 +85,8 @@ std::shared_ptr<Service::Watched> Service::opened(const InputSettings& input) {
     try {
         if (input.cuts.wanted())
             cuts::check_directory(input.cuts.directory);
+        if (input.write_expect)
+            settings::check_expectation_place(*input.write_expect);
         auto watched = std::make_shared<Watched>(input, outputs_, writer_);
         watched->handle = loops_.add(input.url, watched->channel);
         return watched;

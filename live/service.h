@@ -32,9 +32,9 @@ class Service {
     /// all goes on as it was then.
     void reload();
 
-    /// Ends in order: what is pending is decided, summaries are written. Returns whether all that
-    /// was found got where it should. Nothing else may be called behind it.
-    bool end();
+    /// Ends in order: what is pending is decided, summaries are written. Returns the exit status:
+    /// whether all that was found got where it should. Nothing else may be called behind it.
+    int end();
 
     const Settings& settings() const { return settings_; }
     /// All inputs are of the kind that comes to an end, and have.

@@ -17,6 +17,10 @@ Expectation read_expectation(const std::string& path);
 std::string expectation_text(const std::string& input, const Summary& summary,
                              const Observed& observed);
 
+/// Whether a file can be written there, before the work that fills it; leaves none behind. Throws
+/// WrongValue where it cannot.
+void check_expectation_place(const std::string& path);
+
 /// Writes it beside the file that is to be, then puts it in its place, so that nobody ever reads
 /// half of it. Throws WrongValue where that cannot be done; what was there before stays then.
 void write_expectation(const std::string& path, const std::string& text);

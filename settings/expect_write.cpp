@@ -162,6 +162,19 @@ std::string real_path(const std::string& path) {
     return result;
 }
 
+/// The new file beside the one that is to be.
+struct Beside {
+    explicit Beside(const std::string& path)
+        : real(real_path(path)), name(real + "." + std::to_string(::getpid()) + ".new"),
+          fd(::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)) {
+        if (fd < 0)
+            failed(path, errno);
+    }
+    const std::string real;
+    const std::string name;
+    const int fd;
+};
+
 bool write_all(int fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = ::write(fd, text.data(), text.size());
@@ -202,19 +215,21 @@ std::string expectation_text(const std::string& input, const Summary& summary,
     return text;
 }
 
+void check_expectation_place(const std::string& path) {
+    const Beside beside(path);
+    ::close(beside.fd);
+    ::unlink(beside.name.c_str());
+}
+
 void write_expectation(const std::string& path, const std::string& text) {
-    const std::string real = real_path(path);
-    const std::string beside = real + "." + std::to_string(::getpid()) + ".new";
-    const int fd = ::open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0)
-        failed(path, errno);
-    const bool written = write_all(fd, text);
+    const Beside beside(path);
+    const bool written = write_all(beside.fd, text);
     const int error = errno;
-    const bool closed = ::close(fd) == 0;
-    if (written && closed && ::rename(beside.c_str(), real.c_str()) == 0)
+    const bool closed = ::close(beside.fd) == 0;
+    if (written && closed && ::rename(beside.name.c_str(), beside.real.c_str()) == 0)
         return;
     const int why = written ? errno : error;
-    ::unlink(beside.c_str());
+    ::unlink(beside.name.c_str());
     failed(path, why);
 }
 
