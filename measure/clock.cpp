@@ -146,9 +146,19 @@ void StreamClock::add_point(const PcrPoint& pcr) {
         if (!i.disturbed && i.distance > 0 && i.distance < 2 * ticks_per_second)
             rate_.add(i.packets, i.packets - i.added, i.distance);
     }
-    points_.push_back({pcr, false, moving_ && !afresh_, afresh_});
+    append({pcr, false, moving_ && !afresh_, afresh_});
     moving_ = afresh_ = false;
     last_pcr_arrival_ = pcr.arrival;
+}
+
+void StreamClock::append(Point point) {
+    if (!points_.empty()) {
+        const Point& last = points_.back();
+        const Ticks step = clock_distance(last.pcr.value, point.pcr.value, pcr_wrap);
+        const bool flows = step > 0 && step < ticks_per_second && !point.moved;
+        point.flow = last.flow + (flows ? step : 0);
+    }
+    points_.push_back(point);
 }
 
 // Live: there were no PCRs, but now they have begun.
@@ -282,7 +292,7 @@ void StreamClock::bridge(const At& at, Ticks arrival, std::optional<Ticks> value
     next.pcr.flagged = false;
     next.bridge = true;
     next.moved = false;
-    points_.push_back(next);
+    append(next);
 }
 
 // `least`: of what is worth a point.
@@ -299,7 +309,7 @@ void StreamClock::steady_source(const At& at, Ticks arrival, Ticks least) {
         first.pcr.at = at;
         first.pcr.arrival = arrival;
         first.bridge = true;
-        points_.push_back(first);
+        append(first);
         held_ = false;
         return;
     }
@@ -455,16 +465,9 @@ std::uint64_t StreamClock::packets_in(Ticks ticks) const {
 bool StreamClock::passed(std::uint64_t since, const At& now, Ticks time) const {
     if (now.index >= since + std::min(packets_in(time), longest_wait))
         return true;
-    Ticks sum = 0;
-    for (std::size_t i = points_.size(); i >= 2 && points_[i - 2].pcr.at.index >= since; --i) {
-        const Ticks step =
-            clock_distance(points_[i - 2].pcr.value, points_[i - 1].pcr.value, pcr_wrap);
-        if (step > 0 && step < ticks_per_second && !points_[i - 1].moved)
-            sum += step;
-        if (sum >= time)
-            return true;
-    }
-    return false;
+    const auto first = std::partition_point(points_.begin(), points_.end(),
+                                            [&](const Point& p) { return p.pcr.at.index < since; });
+    return first != points_.end() && points_.back().flow - first->flow >= time;
 }
 
 bool StreamClock::ready(const At& last, bool at_end) {
@@ -692,7 +695,7 @@ Place StreamClock::place(const At& at) const {
     const auto s =
         std::partition_point(near->to < at.index ? near : segments_.begin(), segments_.end(),
                              [&](const Segment& x) { return x.to < at.index; });
-    const auto ticks = [](double x) { return static_cast<Ticks>(std::llround(x)); };
+    const auto ticks = [](double x) { return static_cast<Ticks>(x + 0.5); }; // none is negative
     if (s == segments_.end()) {
         const Segment& last = segments_.back();
         p.time =

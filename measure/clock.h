@@ -124,6 +124,7 @@ class StreamClock {
         bool bridge = false; // no PCR: an estimate, an arrival
         bool moved = false;  // the first of another pid
         bool anew = false;   // nothing is known of what was before
+        Ticks flow = 0;      // clock time to here without jumps; only differences mean something
     };
     struct Segment {
         std::uint64_t from = 0;
@@ -151,6 +152,7 @@ class StreamClock {
     std::optional<std::uint16_t> busiest_choice() const;
     void start(std::uint16_t pid);
     void add_point(const PcrPoint& pcr);
+    void append(Point point);
     void replace_or_bridge(const At& at, Ticks arrival, Ticks frames);
     void bridge(const At& at, Ticks arrival, std::optional<Ticks> value_step);
     void do_without_pcrs();

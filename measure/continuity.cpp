@@ -127,7 +127,7 @@ std::size_t PidCounter::decide(std::uint16_t pid, const std::vector<Waiting>& pa
     if (const std::size_t n = same_counter(packets); n >= 3) {
         frozen_ = true;
         frozen_run_ = {pid, first.at, packets[n - 1].at, static_cast<unsigned>(n), first.counter};
-        prints_[(count_ - 1) % history] = packets[n - 1].print;
+        past_[(count_ - 1) % history].print = packets[n - 1].print;
         at_ = packets[n - 1].at;
         return n;
     }

@@ -12,7 +12,6 @@ constexpr Ticks hold_at_most = 450 * ticks_per_ms;
 constexpr Ticks hold_standing = 4500 * ticks_per_ms; // tables come seldom: three of up to 2 s
 constexpr Ticks plain_distance = 40 * ticks_per_ms;  // the strictest limit of PCRs
 constexpr std::uint64_t far_copy = 14;               // packets
-constexpr std::uint64_t null_run_of_note = 20;
 } // namespace
 
 FirstLook::FirstLook(StreamClock& clock, ContinuitySink& breaks, bool live)
@@ -64,8 +63,7 @@ void FirstLook::transport_error(const Packet& packet, const At& at) {
         alive(state, pid, at);
 }
 
-void FirstLook::packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right) {
-    const Packet packet(bytes);
+void FirstLook::any(const Packet& packet, const At& at, Ticks arrival, bool right) {
     last_ = at;
     last_arrival_ = arrival;
     const std::uint16_t pid = packet.pid();

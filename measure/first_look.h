@@ -104,7 +104,10 @@ class FirstLook final : EventSink, ContinuitySink {
     void tell_names() { tables_.tell_names(); }
 
     /// One packet in step; `right`: its sync byte is right.
-    void packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right);
+    void packet(const std::uint8_t* bytes, const At& at, Ticks arrival, bool right) {
+        if (!right || !plain(Packet(bytes), at, arrival))
+            any(Packet(bytes), at, arrival, right);
+    }
     void sync_loss(const SyncLoss& loss, std::uint64_t index);
     void datagrams(const DatagramEvent& event, const At& at);
     void truncated(const At& at, std::int64_t bytes);
@@ -129,7 +132,6 @@ class FirstLook final : EventSink, ContinuitySink {
   private:
     struct Pid {
         std::uint16_t pid = null_pid;
-        PidCounter counter;
         // What the tables say of it.
         bool table = false;
         bool es = false;
@@ -146,6 +148,7 @@ class FirstLook final : EventSink, ContinuitySink {
         std::uint8_t scrambling =
             0xFF;             // control bits of the last packet with payload; 0xFF: none yet
         bool holding = false; // in holding_
+        PidCounter counter;
     };
     /// PES starts of the streams of a program at its last PCR.
     struct Starts {
@@ -181,6 +184,8 @@ class FirstLook final : EventSink, ContinuitySink {
     }
     template <class Body>
     void put(const At& at, Body&& body);
+    bool plain(const Packet& packet, const At& at, Ticks arrival);
+    void any(const Packet& packet, const At& at, Ticks arrival, bool right);
     void transport_error(const Packet& packet, const At& at);
     void damaged(Pid& state, std::uint16_t pid, const At& at);
     void with_payload(Pid& state, const Packet& packet, const At& at, bool right);
@@ -228,6 +233,38 @@ class FirstLook final : EventSink, ContinuitySink {
     bool live_ = false;
     std::optional<SyncLoss> garbled_; // until the packet behind it
     At garbled_at_;
+    static constexpr std::uint64_t null_run_of_note = 20;
 };
+
+// The short way of most packets: of a known pid, clear payload and nothing else, with the counter
+// that should come, where nothing else is due; or a null packet. Does what any() would do, or
+// nothing.
+[[gnu::always_inline]] inline bool FirstLook::plain(const Packet& packet, const At& at,
+                                                    Ticks arrival) {
+    if (at.index >= next_look_ || garbled_)
+        return false;
+    const std::uint16_t pid = packet.pid();
+    if (pid == null_pid) {
+        if (packet.transport_error())
+            return false;
+        ++nulls_;
+        if (null_run_++ == 0)
+            nulls_since_ = at;
+    } else {
+        Pid& state = pids_[slots_[pid]];
+        if (!packet.only_payload() || state.table || state.scrambling != 0 ||
+            !state.counter.is_next(packet.counter()) || null_run_ > null_run_of_note)
+            return false;
+        null_run_ = 0;
+        ++state.packets;
+        state.counter.go_on(packet, at);
+        if (state.es)
+            pes_.feed(at, packet);
+        alive(state, pid, at);
+    }
+    last_ = at;
+    last_arrival_ = arrival;
+    return true;
+}
 
 } // namespace quarn

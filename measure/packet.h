@@ -33,6 +33,8 @@ class Packet {
     bool has_adaptation() const { return p_[3] & 0x20; }
     bool has_payload() const { return p_[3] & 0x10; }
     unsigned counter() const { return p_[3] & 0x0F; }
+    /// Clear payload and nothing else: no adaptation field, no beginning of a unit, no error.
+    bool only_payload() const { return (p_[1] & 0xC0) == 0 && (p_[3] & 0xF0) == 0x10; }
     /// Flags of the adaptation field, 0 where there are none.
     unsigned flags() const { return has_adaptation() && p_[4] > 0 ? p_[5] : 0; }
     bool discontinuity() const { return flags() & 0x80; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <span>
 #include <utility>
 
 namespace quarn {
@@ -23,18 +24,12 @@ double without_packets(double error, double ticks_per_packet) {
     return whole != 0 && std::abs(rest) < 0.05 * ticks_per_packet ? rest : error;
 }
 
-template <class Iterator>
-double median(Iterator begin, Iterator end) {
-    const auto middle = begin + (end - begin) / 2;
-    std::nth_element(begin, middle, end);
-    return (*middle + *std::max_element(begin, middle)) / 2;
-}
-
 /// The middle of offsets that lie within `limit` of each other.
-template <class Iterator>
-std::optional<double> level(Iterator begin, Iterator end, double limit) {
-    const auto [least, most] = std::minmax_element(begin, end);
-    return *most - *least <= limit ? std::optional(median(begin, end)) : std::nullopt;
+std::optional<double> level(std::span<double> offsets, double limit) {
+    std::sort(offsets.begin(), offsets.end());
+    if (offsets.back() - offsets.front() > limit)
+        return std::nullopt;
+    return (offsets[offsets.size() / 2 - 1] + offsets[offsets.size() / 2]) / 2;
 }
 
 double ms(Ticks t) {
@@ -46,30 +41,32 @@ double ms(Ticks t) {
 std::optional<PcrAccuracy::Result> PcrAccuracy::add(const Place& place, double error,
                                                     double limit) {
     points_.push_back({place, points_.empty() ? 0 : points_.back().offset + error});
+    const double offset = points_.back().offset;
+    sorted_.insert(std::upper_bound(sorted_.begin(), sorted_.end(), offset), offset);
     if (points_.size() < 2 * around + 1)
         return std::nullopt;
     const double ns = off(limit) * 1e9 / static_cast<double>(ticks_per_second);
     const Result result = {points_[around].place, ns};
+    sorted_.erase(std::lower_bound(sorted_.begin(), sorted_.end(), points_.front().offset));
     points_.pop_front();
     return result;
 }
 
 // How far the one in the middle is off the line of those around it.
 double PcrAccuracy::off(double limit) const {
-    std::array<double, 2 * around> others{};
-    const auto split = others.begin() + around;
-    const auto look = [&] {
-        for (std::size_t i = 0; i < others.size(); ++i)
-            others[i] = points_[i < around ? i : i + 1].offset;
-    };
-    look();
     const double middle = points_[around].offset;
-    const double off = middle - median(others.begin(), others.end());
+    const auto at = static_cast<std::size_t>(
+        std::lower_bound(sorted_.begin(), sorted_.end(), middle) - sorted_.begin());
+    const auto other = [&](std::size_t i) { return sorted_[i < at ? i : i + 1]; };
+    const double off = middle - (other(around - 1) + other(around)) / 2;
     if (std::abs(off) <= limit)
         return off;
-    look(); // in their order
-    const auto before = level(others.begin(), split, limit);
-    const auto behind = level(split, others.end(), limit);
+    std::array<double, 2 * around> others{}; // in their order
+    for (std::size_t i = 0; i < others.size(); ++i)
+        others[i] = points_[i < around ? i : i + 1].offset;
+    const std::span all(others);
+    const auto before = level(all.first(around), limit);
+    const auto behind = level(all.last(around), limit);
     const bool steps = before && behind && std::abs(*behind - *before) > limit;
     return steps ? middle - *before : off; // the line itself goes on elsewhere
 }

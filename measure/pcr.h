@@ -41,7 +41,10 @@ class PcrAccuracy {
     /// by the whole step.
     std::optional<Result> add(const Place& place, double error, double limit);
     /// Something broke: begins anew.
-    void clear() { points_.clear(); }
+    void clear() {
+        points_.clear();
+        sorted_.clear();
+    }
 
   private:
     static constexpr std::size_t around = 10;
@@ -51,6 +54,7 @@ class PcrAccuracy {
     };
     double off(double limit) const;
     std::deque<Point> points_;
+    std::vector<double> sorted_; // the offsets of points_
 };
 
 class PcrRules {

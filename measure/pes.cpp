@@ -230,8 +230,8 @@ void PesFront::note_stamp(Unit& unit) {
         const double off = e.frame_ticks ? static_cast<double>(ticks) - *e.frame_ticks : 0;
         const bool is_usual = ticks > 0 && ticks < longest_step && off > -900 && off < 900;
         if (is_usual)
-            unit.steps[unit.step_count++ % unit.steps.size()] = {ticks, unit.starts_since,
-                                                                 unit.packets_since};
+            unit.steps[unit.step_count++ % unit.steps.size()] = {
+                ticks, unit.starts_since, unit.packets_since, ticks / unit.starts_since};
         if (is_usual)
             unit.usual = usual(unit);
     }
@@ -253,16 +253,15 @@ PesFront::Step PesFront::usual(const Unit& unit) {
         return {};
     std::array<std::int64_t, 16> each{};
     for (std::size_t i = 0; i < count; ++i)
-        each[i] = unit.steps[i].ticks / unit.steps[i].starts;
+        each[i] = unit.steps[i].each;
     const auto middle = each.begin() + static_cast<std::ptrdiff_t>(count / 2);
     std::nth_element(each.begin(), middle, each.begin() + static_cast<std::ptrdiff_t>(count));
     const std::int64_t median = *middle;
     Step sum;
     for (std::size_t i = 0; i < count; ++i) {
         const Step& step = unit.steps[i];
-        const std::int64_t one = step.ticks / step.starts;
-        if (2 * one >= median && one <= 2 * median)
-            sum = {sum.ticks + step.ticks, sum.starts + step.starts, sum.packets + step.packets};
+        if (2 * step.each >= median && step.each <= 2 * median)
+            sum = {sum.ticks + step.ticks, sum.starts + step.starts, sum.packets + step.packets, 0};
     }
     return sum;
 }

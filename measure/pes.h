@@ -63,6 +63,7 @@ class PesFront {
         std::int64_t ticks = 0;
         std::uint32_t starts = 0;
         std::uint32_t packets = 0;
+        std::int64_t each = 0; // ticks from one start to the next
     };
     static constexpr std::int64_t longest_step = 10 * 90'000;
     static constexpr std::size_t stamps_end = 19; // of a header with PTS and DTS
