@@ -293,8 +293,9 @@ void PcrRules::other(const PcrPoint& point, const Place& place, const StreamCloc
     State& state = states_[point.pid];
     ++state.count;
     const bool uncertain = std::exchange(state.uncertain, false);
-    if (!state.last || uncertain) {
-        if (!uncertain)
+    const bool timed = place.time != no_time && state.last_place.time != no_time;
+    if (!state.last || uncertain || !timed) {
+        if (!state.last && !uncertain)
             first(point.pid, state, place);
         state.accuracy.clear();
         state.accuracy.add(place, 0, 0);
