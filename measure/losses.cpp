@@ -62,10 +62,11 @@ void Losses::interval(const ClockInterval& interval) {
 }
 
 void Losses::span(const PidSpan& span) {
-    auto& spans = traffic_[span.pid].spans;
-    spans.push_back(span);
-    while (spans.front().last.time + kept / 2 < span.last.time || spans.size() > 128)
-        spans.pop_front();
+    auto& pieces = traffic_[span.pid].pieces;
+    pieces.push_back(
+        {span.first.packet, span.last.packet, span.first.time, span.last.time, span.packets});
+    while (pieces.front().last_time + kept / 2 < span.last.time || pieces.size() > 128)
+        pieces.pop_front();
 }
 
 void Losses::pes(const PesEvent& event, const Place& place, double per_second, double per_start,
@@ -257,10 +258,10 @@ double Losses::due(std::uint16_t pid, const Place& from, const Place& to) const 
         return 0;
     double packets = 0;
     Ticks begin = from.time;
-    for (const PidSpan& s : t->second.spans)
-        if (s.last.packet <= from.packet && s.last.time > from.time - rate_over) {
-            packets += s.packets;
-            begin = std::min(begin, s.first.time);
+    for (const Piece& p : t->second.pieces)
+        if (p.last <= from.packet && p.last_time > from.time - rate_over) {
+            packets += p.packets;
+            begin = std::min(begin, p.first_time);
         }
     const Ticks over = std::max<Ticks>(from.time - begin, ticks_per_second / 20);
     return packets * static_cast<double>(to.time - from.time) / static_cast<double>(over);
@@ -586,16 +587,16 @@ std::optional<std::uint16_t> Losses::whose(const Place& from, const Place& to,
     std::optional<std::uint16_t> pid;
     double most = 0;
     double second = 0;
-    for (const auto& [p, t] : traffic_) {
+    for (const auto& [other, t] : traffic_) {
         double came = 0;
-        for (const PidSpan& s : t.spans)
-            if (s.first.packet > from.packet && s.last.packet <= to.packet)
-                came += s.packets;
-        const double lacks = due(p, from, to) - came;
+        for (const Piece& p : t.pieces)
+            if (p.first > from.packet && p.last <= to.packet)
+                came += p.packets;
+        const double lacks = due(other, from, to) - came;
         if (lacks > most) {
             second = most;
             most = lacks;
-            pid = p;
+            pid = other;
         } else {
             second = std::max(second, lacks);
         }

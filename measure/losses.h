@@ -61,8 +61,15 @@ class Losses {
         bool pes_seen = false;
     };
     using Breaks = std::multimap<std::uint64_t, Break>; // by packet
-    struct Traffic {                                    // of a pid over the last seconds
-        std::deque<PidSpan> spans;
+    struct Piece {               // of a PidSpan what is asked for later: there are many
+        std::uint64_t first = 0; // packets
+        std::uint64_t last = 0;
+        Ticks first_time = no_time;
+        Ticks last_time = no_time;
+        std::uint32_t packets = 0;
+    };
+    struct Traffic { // of a pid over the last seconds
+        std::deque<Piece> pieces;
         std::uint64_t lost = 0;
         std::optional<std::int64_t> stamp; // of the last PES start that had one
         std::uint64_t start = 0;           // the packet of the last PES start
