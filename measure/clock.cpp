@@ -695,7 +695,10 @@ Place StreamClock::place(const At& at) const {
     const auto s =
         std::partition_point(near->to < at.index ? near : segments_.begin(), segments_.end(),
                              [&](const Segment& x) { return x.to < at.index; });
-    const auto ticks = [](double x) { return static_cast<Ticks>(x + 0.5); }; // none is negative
+    const auto ticks = [](double x) { // as llround(), of what is never negative, without a call
+        const auto whole = static_cast<Ticks>(x);
+        return x - static_cast<double>(whole) >= 0.5 ? whole + 1 : whole;
+    };
     if (s == segments_.end()) {
         const Segment& last = segments_.back();
         p.time =
