@@ -7,6 +7,7 @@ namespace quarn {
 
 namespace {
 constexpr Ticks look_every = 100 * ticks_per_ms;
+constexpr std::size_t few_pids = 16;
 constexpr std::uint64_t look_at_least = 32; // packets
 constexpr Ticks hold_at_most = 450 * ticks_per_ms;
 constexpr Ticks hold_standing = 4500 * ticks_per_ms; // tables come seldom: three of up to 2 s
@@ -143,8 +144,8 @@ void FirstLook::with_payload(Pid& state, const Packet& packet, const At& at, boo
         return;
     }
     if (state.table) {
-        if (packet.unit_start())
-            close_spans(at); // what came before a table is judged by the one before
+        if (packet.unit_start() && ripe(at))
+            close_spans(at);
         const ProgramsPtr before = tables_.current();
         tables_.feed(at, packet.pid(), packet.payload(), packet.unit_start());
         if (tables_.current() != before)
@@ -283,6 +284,12 @@ void FirstLook::anew(const At& at, Ticks arrival, bool standing) {
     push(at, AnewItem{first_ ? at : last_});
 }
 
+// Whether a table ends the spans. A slow stream has few other occasions, of which a silence needs
+// one; of many pids that would be most of the work.
+bool FirstLook::ripe(const At& at) const {
+    return active_.size() <= few_pids || at.index - spans_from_ >= 8 * active_.size();
+}
+
 void FirstLook::close_spans(const At& at) {
     if (active_.empty())
         return;
@@ -295,6 +302,7 @@ void FirstLook::close_spans(const At& at) {
         state.span_packets = state.span_scrambled = 0;
     }
     active_.clear();
+    spans_from_ = at.index;
     push(at, std::move(item));
 }
 
@@ -366,6 +374,8 @@ void FirstLook::event(const At& at, EventBody&& body) {
         push(at, PesItem{*pes, pes_.packets_per_second(pid), pes_.ticks_per_start(pid)});
         return;
     }
+    if (std::holds_alternative<ProgramsEvent>(body))
+        close_spans(at); // what came before a table is judged by the one before
     std::visit(
         [&](auto&& b) {
             using Body = std::decay_t<decltype(b)>;

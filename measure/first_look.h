@@ -203,6 +203,7 @@ class FirstLook final : EventSink, ContinuitySink {
     }
     void not_null(const At& at);
     void look_at_clock(const At& at, Ticks arrival);
+    bool ripe(const At& at) const;
     void close_spans(const At& at);
     void tell_counts(const At& at, bool at_end);
     void settle_old(const At& at);
@@ -222,7 +223,8 @@ class FirstLook final : EventSink, ContinuitySink {
     std::map<std::uint16_t, Starts> starts_; // by PCR pid
     At last_;
     Ticks last_arrival_ = no_time;
-    std::uint64_t next_look_ = 0; // packet
+    std::uint64_t next_look_ = 0;  // packet
+    std::uint64_t spans_from_ = 0; // the packet at which the spans were closed
     At nulls_since_;
     std::uint64_t null_run_ = 0;
     std::uint64_t nulls_ = 0;
