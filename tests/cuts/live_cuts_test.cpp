@@ -55,6 +55,7 @@ struct Source {
         }
     }
     std::uint64_t last() const { return arrivals.size() - 1; }
+    Ticks arrival(std::uint64_t number) const { return arrivals[static_cast<std::size_t>(number)]; }
     /// A finding that is decided now.
     std::optional<Where> finds(std::uint64_t begin, std::uint64_t end) {
         Finding finding;
@@ -85,14 +86,12 @@ void check(const Found& found, const Source& source, Ticks around) {
     ASSERT_GE(numbers.size(), found.where.packet);
     for (std::size_t i = 1; i < numbers.size(); ++i)
         ASSERT_EQ(numbers[i], numbers[i - 1] + 1) << found.where.file;
-    EXPECT_EQ(numbers[found.where.packet - 1], found.begin);
-    const auto arrival = [&](std::uint64_t number) {
-        return source.arrivals[static_cast<std::size_t>(number)];
-    };
-    EXPECT_TRUE(numbers.front() == 1 || arrival(numbers.front()) <= arrival(found.begin) - around)
+    EXPECT_EQ(numbers[static_cast<std::size_t>(found.where.packet) - 1], found.begin);
+    EXPECT_TRUE(numbers.front() == 1 ||
+                source.arrival(numbers.front()) <= source.arrival(found.begin) - around)
         << found.begin << " begins " << numbers.front();
     EXPECT_TRUE(numbers.back() == source.last() ||
-                arrival(numbers.back() + 1) >= arrival(found.end) + around)
+                source.arrival(numbers.back() + 1) >= source.arrival(found.end) + around)
         << found.end << " ends " << numbers.back();
 }
 
@@ -117,11 +116,11 @@ TEST(LiveCuts, HaveAllPacketsAroundFindings) {
             }
             for (unsigned n = roll(0, 2); n > 0; --n) {
                 std::uint64_t begin = source.last() - roll(0, 500) % source.last();
-                while (source.arrivals[begin] < source.now - 3000 * ms && begin < source.last())
+                while (source.arrival(begin) < source.now - 3000 * ms && begin < source.last())
                     ++begin;
                 const std::uint64_t end =
                     std::min(source.last(), begin + roll(0, 1) * roll(0, 400));
-                if (source.arrivals[begin] < source.now - 3000 * ms)
+                if (source.arrival(begin) < source.now - 3000 * ms)
                     continue;
                 const auto where = source.finds(begin, end);
                 ASSERT_TRUE(where) << begin;
