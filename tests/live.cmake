@@ -34,7 +34,7 @@ endif()
 add_test(NAME live.program
   COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/live/run ${CMAKE_BINARY_DIR}
           ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_BINARY_DIR}/live)
-set_tests_properties(live.program PROPERTIES TIMEOUT 400
+set_tests_properties(live.program PROPERTIES TIMEOUT 900
   ENVIRONMENT "QUARN_EMULATOR=${golden_emulator}")
 
 add_test(NAME live.example_configuration
