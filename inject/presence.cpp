@@ -191,7 +191,7 @@ void apply_thin(Job& job) {
         }
     }
     ts.settle(pid);
-    // Where most packets begin something it is less than was asked for.
+    // Where many packets begin something it is less than was asked for.
     job.record.parameters["percent"] = 100 * gone / rest.size();
     job.record.cannot.emplace_back("that there was more before: only who expects it knows");
 }
@@ -250,7 +250,8 @@ constexpr Kind KINDS[] = {
     {"scramble", "seconds=2,cat=0|1,pid=any",
      "a stream is scrambled for a while (cat=1: there is a CAT)", apply_scramble},
     {"scramble_all", "cat=0|1", "all streams are scrambled", apply_scramble_all},
-    {"thin", "percent=50,pid=video", "a stream has less to say, and nothing else is wrong",
+    {"thin", "percent=50,pid=video",
+     "a stream has less to say: so many of its packets are gone, nothing else is wrong",
      apply_thin},
     {"transport_error", "count=1..20,damaged=0|1,pid=any", "transport_error_indicator is set",
      apply_transport_error},
