@@ -6,11 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include "reports/text.h"
-#include "settings.h"
 
 namespace quarn::cuts {
 
@@ -41,16 +39,6 @@ std::string safe(std::string_view input) {
 }
 
 } // namespace
-
-void check_directory(const std::string& directory) {
-    struct stat status {};
-    const bool found = ::stat(directory.c_str(), &status) == 0;
-    const bool other = found && !S_ISDIR(status.st_mode);
-    if (found && !other && ::access(directory.c_str(), W_OK | X_OK) == 0)
-        return;
-    throw std::system_error(other ? ENOTDIR : errno, std::generic_category(),
-                            "directory for cuts " + directory);
-}
 
 std::string stem_of(std::string_view input, std::string_view place, Rule rule) {
     return safe(input) + "-" + std::string(place) + "-" + std::string(info(rule).id);
@@ -104,6 +92,11 @@ int File::append(std::span<const std::uint8_t> bytes) const {
             return errno;
     }
     return 0;
+}
+
+bool File::is_there() const {
+    struct stat status {};
+    return ::fstat(fd_, &status) != 0 || status.st_nlink > 0;
 }
 
 void File::remove() {

@@ -30,6 +30,8 @@ class File {
 
     /// 0, or errno: then a part of it may be written.
     int append(std::span<const std::uint8_t> bytes) const;
+    /// Nobody has taken the file away, or the directory that it was made in.
+    bool is_there() const;
     /// Takes the file away.
     void remove();
     const std::string& path() const { return path_; }

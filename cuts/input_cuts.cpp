@@ -124,6 +124,7 @@ std::optional<Where> InputCuts::begin_cut(const Finding& finding, const Place& b
     const std::uint64_t expected = end.byte - from + std::min(behind, left);
     if (files_ == settings_.files || expected > settings_.bytes - promised_) {
         full_ = true;
+        needed_ = expected;
         ++left_out_;
         return {};
     }
@@ -149,7 +150,7 @@ std::optional<Where> InputCuts::begin_cut(const Finding& finding, const Place& b
     promised_ += expected;
     open_.push_back(std::move(cut));
     if (open_.size() > most_open) {
-        go_on(open_.front(), true);
+        finish(open_.front());
         open_.pop_front();
     }
     return Where{open_.back().file.path(), number};
@@ -177,6 +178,7 @@ bool InputCuts::copy(Cut& cut, std::uint64_t end) {
 
 bool InputCuts::failed(File& file, int error) {
     trouble_ = file.path() + ": " + std::generic_category().message(error);
+    lost_.push_back(file.path());
     file.remove(); // makes room where the disk is full
     return false;
 }
@@ -199,6 +201,15 @@ void InputCuts::go_on(Cut& cut, bool last) {
     copy(cut, end.byte);
 }
 
+void InputCuts::finish(Cut& cut) {
+    go_on(cut, true);
+    if (cut.file.is_there())
+        return;
+    lost_.push_back(cut.file.path());
+    if (trouble_.empty())
+        trouble_ = cut.file.path() + ": was removed while it was open";
+}
+
 void InputCuts::turn() {
     for (Cut& cut : open_)
         go_on(cut, false);
@@ -206,16 +217,15 @@ void InputCuts::turn() {
 
 void InputCuts::end() {
     for (Cut& cut : open_)
-        go_on(cut, true);
+        finish(cut);
     open_.clear();
 }
 
 std::vector<std::string> InputCuts::remarks() const {
     std::vector<std::string> all;
     if (left_out_ > 0)
-        all.push_back(findings(left_out_) + " no cut: there are " + std::to_string(files_) +
-                      " files with " + std::to_string(written_) +
-                      " bytes, and no more are allowed (--cut-files, --cut-bytes)");
+        all.push_back(findings(left_out_) +
+                      " no cut: " + no_room(settings_, files_, promised_, needed_, "--cut-"));
     if (gone_ > 0)
         all.push_back(findings(gone_) + " no cut: of what cannot be read twice the last " +
                       std::to_string(kept_bytes >> 20U) + " MB are kept");

@@ -41,6 +41,8 @@ class InputCuts {
 
     /// What could not be written; empty if all could.
     const std::string& trouble() const { return trouble_; }
+    /// Files that are gone again.
+    const std::vector<std::string>& lost() const { return lost_; }
     /// Findings that have no cut, and why; empty if all have.
     std::vector<std::string> remarks() const;
 
@@ -60,6 +62,7 @@ class InputCuts {
     void go_on(Cut& cut, bool last);
     bool copy(Cut& cut, std::uint64_t end);
     bool failed(File& file, int error);
+    void finish(Cut& cut);
     double rate(const Place& place) const;
 
     const Settings settings_;
@@ -72,7 +75,9 @@ class InputCuts {
     std::uint64_t written_ = 0;
     std::vector<std::uint8_t> buffer_;
     std::string trouble_;
+    std::vector<std::string> lost_;
     bool full_ = false;
+    std::uint64_t needed_ = 0;   // bytes, of the cut that there was no room for
     std::uint64_t left_out_ = 0; // findings, since it is full
     std::uint64_t gone_ = 0;     // findings whose packets are not kept any more
 };

@@ -105,7 +105,9 @@ std::optional<Where> LiveCuts::begin_cut(const Finding& finding, const Reach& re
         static_cast<double>(std::max(newest.arrival - first.arrival, Memory::longest_block));
     const auto expected = static_cast<std::uint64_t>(
         static_cast<double>(there) * static_cast<double>(until - first.arrival) / lasts);
-    full_ = full_ || files_ == settings_.files || expected > settings_.bytes - bytes_;
+    if (!full_ && expected > settings_.bytes - bytes_)
+        needed_ = expected;
+    full_ = full_ || files_ == settings_.files || needed_ > 0;
     if (full_)
         return {};
     if (cuts_.size() == most_at_once)
@@ -198,8 +200,7 @@ std::string LiveCuts::remark() {
     if (!full_ || told_full_)
         return {};
     told_full_ = true;
-    return "no more cuts: there are " + std::to_string(files_) + " files with " +
-           std::to_string(bytes_) + " bytes, and no more are allowed (cut_files, cut_bytes)";
+    return "no more cuts: " + no_room(settings_, files_, bytes_, needed_, "cut_");
 }
 
 } // namespace quarn::cuts

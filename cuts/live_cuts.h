@@ -84,6 +84,7 @@ class LiveCuts {
     std::uint64_t files_ = 0;
     std::uint64_t bytes_ = 0;
     bool full_ = false, told_full_ = false;
+    std::uint64_t needed_ = 0; // bytes, of the cut that there was no room for
 };
 
 } // namespace quarn::cuts

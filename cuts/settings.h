@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace quarn::cuts {
 
@@ -27,5 +28,10 @@ inline constexpr std::uint64_t most_memory = std::uint64_t{1} << 30U;
 
 /// Throws std::system_error unless files can be made in that directory.
 void check_directory(const std::string& directory);
+
+/// Why there is no other cut beside so many files and bytes: one more file, or `needed` bytes (0: a
+/// cut was ended for them). `option`: what the names of its options begin with, as "--cut-".
+std::string no_room(const Settings& settings, std::uint64_t files, std::uint64_t bytes,
+                    std::uint64_t needed, std::string_view option);
 
 } // namespace quarn::cuts

@@ -41,6 +41,10 @@ class Writer::FileDestination final : public Destination {
             ++state_->failures;
             state_->tell("cut " + path_ + ": the disk is too slow; it ends too early");
         }
+        if (file_ && !file_->is_there()) {
+            ++state_->failures;
+            state_->tell("cut " + path_ + ": was removed while it was open");
+        }
         file_.reset();
     }
 

@@ -136,22 +136,30 @@ TEST(LiveCuts, HaveAllPacketsAroundFindings) {
 /// Files and bytes are never more than allowed, the first findings have them, and that is said
 /// once.
 TEST(LiveCuts, KeepToTheirLimits) {
-    for (const auto& [files, bytes] :
-         {std::pair<std::uint64_t, std::uint64_t>(3, 1U << 30U), {100, 1'000'000}, {100, 2000}}) {
+    const struct {
+        std::uint64_t files, bytes;
+        const char* why;
+    } rows[] = {
+        {3, 1U << 30U, "there are 3 files, and no more are allowed (cut_files)"},
+        {100, 1'000'000, "bytes, and of the 1000000 bytes that are allowed "},
+        {100, 2000, "of the 2000 bytes that are allowed 0 are used (cut_bytes)"},
+    };
+    for (const auto& [files, bytes, why] : rows) {
         const Directory directory;
         Source source({directory.path, 0.5, files, bytes, 1U << 20U});
         std::vector<bool> have;
-        int remarks = 0;
+        std::vector<std::string> remarks;
         for (int i = 0; i < 10; ++i) {
             source.packets(20'000, ms);
             have.push_back(source.finds(source.last(), source.last()).has_value());
-            remarks += source.cuts->remark().empty() ? 0 : 1;
+            if (const std::string remark = source.cuts->remark(); !remark.empty())
+                remarks.push_back(remark);
         }
         source.end();
         EXPECT_TRUE(std::is_sorted(have.rbegin(), have.rend())) << "a later one instead";
         EXPECT_EQ(have.front(), bytes > 2000);
         EXPECT_FALSE(have.back());
-        EXPECT_EQ(remarks, 1);
+        EXPECT_THAT(remarks, testing::ElementsAre(testing::HasSubstr(why)));
         std::uintmax_t all = 0, count = 0;
         for (const auto& entry : fs::directory_iterator(directory.path)) {
             all += entry.file_size();
@@ -160,6 +168,25 @@ TEST(LiveCuts, KeepToTheirLimits) {
         EXPECT_LE(all, bytes);
         EXPECT_LE(count, files);
     }
+}
+
+/// A cut that was taken away while it was written is lost, which is told.
+TEST(LiveCuts, MissWhatIsTakenAway) {
+    std::vector<std::string> told;
+    Directory directory;
+    Source source({directory.path, 0.5, 100, 1U << 30U, 1U << 20U},
+                  [&](std::string_view text) { told.emplace_back(text); });
+    source.packets(1000, ms);
+    const auto cut = source.finds(900, 900);
+    ASSERT_TRUE(cut);
+    for (int i = 0; !fs::exists(cut->file) && i < 20'000; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    fs::remove_all(directory.path);
+    source.packets(1000, ms);
+    source.cuts->end();
+    EXPECT_FALSE(source.writer->end());
+    EXPECT_THAT(told,
+                testing::ElementsAre("cut " + cut->file + ": was removed while it was open"));
 }
 
 /// Holds the thread that writes as a disk does that hangs: what cannot be written is told, and
