@@ -43,7 +43,7 @@ class Findings : public Sink {
         if (json_)
             records_.finding(text_, finding, extras);
         if (grouped_)
-            groups_.add(finding);
+            groups_.add(finding, extras);
         if (kept_)
             kept_->add(finding, extras);
         if (text_.size() >= most_kept)
@@ -52,6 +52,11 @@ class Findings : public Sink {
 
     /// From now on what is found is cut out as well.
     void cut(cuts::InputCuts& cuts) { cuts_ = &cuts; }
+
+    void ended(const cuts::InputCuts& cuts) {
+        for (const std::string& file : cuts.lost())
+            groups_.forget_cut(file);
+    }
 
     void flush() {
         if (!text_.empty())
@@ -195,8 +200,10 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
     if (status == inputs::Input::Status::more)
         return {status_error, {}, {}, false}; // nobody reads on
     stream.end();
-    if (cuts)
+    if (cuts) {
         cuts->end();
+        findings.ended(*cuts);
+    }
 
     Judgement judgement;
     std::string error;

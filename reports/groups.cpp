@@ -21,7 +21,7 @@ std::string thing_of(const Finding& finding) {
 
 } // namespace
 
-void Groups::add(const Finding& finding) {
+void Groups::add(const Finding& finding, const Extras& extras) {
     const Key key{finding.severity, finding.rule, finding.kind, finding.pid ? *finding.pid : -1,
                   thing_of(finding)};
     const auto [at, is_new] = groups_.try_emplace(key);
@@ -34,12 +34,20 @@ void Groups::add(const Finding& finding) {
     const Place& last = finding.count > 1 ? finding.end : finding.begin;
     if (is_new || last.packet > group.last.packet)
         group.last = last;
+    if (extras.cut_file && (!group.cut || finding.begin.packet < group.cut->found_at))
+        group.cut = {finding.begin.packet, *extras.cut_file, extras.cut_packet.value_or(1)};
     group.count += finding.count;
     group.open = group.open || finding.open;
     group.sure = group.sure && finding.sure != Sure::guess;
     const std::optional<double> worst = figure(finding);
     if (worst && (!group.worst || std::abs(*worst) > std::abs(*group.worst)))
         group.worst = worst;
+}
+
+void Groups::forget_cut(const std::string& file) {
+    for (auto& [key, group] : groups_)
+        if (group.cut && group.cut->file == file)
+            group.cut.reset();
 }
 
 std::string place_text(const Place& place) {

@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "measure/measure.h"
+#include "records.h"
 
 namespace quarn {
 
@@ -19,6 +20,13 @@ struct Group {
     std::optional<double> worst;
     Place first, last;
     Finding finding; // the first of them
+    /// The first of them that was cut out of the input, if one was.
+    struct Cut {
+        std::uint64_t found_at = 0; // packet of the input
+        std::string file;
+        std::uint64_t packet = 0; // of the file
+    };
+    std::optional<Cut> cut;
 };
 
 /// Sums findings up. What it takes grows with rules and pids only, not with findings.
@@ -37,7 +45,9 @@ class Groups {
         }
     };
 
-    void add(const Finding& finding);
+    void add(const Finding& finding, const Extras& extras = {});
+    /// There is no such file any more.
+    void forget_cut(const std::string& file);
     /// The worst first, then in the order of rules.
     const std::map<Key, Group>& all() const { return groups_; }
 

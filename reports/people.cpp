@@ -150,6 +150,12 @@ std::string whose(const Group& group, const ProgramNames& names) {
            (programs.empty() ? "" : " (" + printable(programs) + ")") + ": ";
 }
 
+void cut_line(std::string& out, const Group& group) {
+    if (group.cut)
+        out += "      cut: " + printable(group.cut->file) + ", packet " +
+               std::to_string(group.cut->packet) + "\n";
+}
+
 /// A line a pid, and of many pids one for the rest.
 void group_lines(std::string& out, Rows rows, const ProgramNames& names) {
     std::stable_sort(rows.begin(), rows.end(), [&](const auto& a, const auto& b) {
@@ -161,12 +167,14 @@ void group_lines(std::string& out, Rows rows, const ProgramNames& names) {
         const bool own = key.rule == Rule::unexpected; // it says what it is about
         if (own && group->count == 1) {
             wrap(out, told(*group, names), 4);
+            cut_line(out, *group);
             continue;
         }
         wrap(out, (own ? "" : whose(*group, names)) + group_text(key.rule, *group), 4);
         if (own || key.rule == Rule::table_changed)
             wrap(out, printable(sentence(group->finding, names)),
                  6); // says itself what no figure can
+        cut_line(out, *group);
     }
     if (rows.size() <= most_lines)
         return;
@@ -207,10 +215,12 @@ void findings(std::string& out, const Groups& groups, const ProgramNames& names,
         for (auto row = at; row != end; ++row)
             rows.emplace_back(row->first, &row->second);
         rule_heading(out, at->first, c);
-        if (rows.size() == 1 && rows[0].second->count == 1)
+        if (rows.size() == 1 && rows[0].second->count == 1) {
             wrap(out, told(*rows[0].second, names), 4);
-        else
+            cut_line(out, *rows[0].second);
+        } else {
             group_lines(out, rows, names);
+        }
         wrap(out, meaning(at->first.rule, at->first.kind, at->first.severity), 4);
         at = end;
     }
