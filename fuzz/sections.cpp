@@ -150,7 +150,8 @@ void feed_record(Host& host, std::uint8_t what, std::uint16_t pid, const ts::byt
         return host.repetition.outage(now, host.place(host.at()));
     case scrambled:
         host.repetition.scrambled(pid, now);
-        return host.scrambling.scrambling({pid, bytes.size() % 4 == 0, bytes.size() % 2 == 0}, now);
+        return host.scrambling.scrambling({pid, bytes.size() % 4 == 0, bytes.size() % 2 == 0, {}},
+                                          now, now);
     default:
         host.started += static_cast<Ticks>(bytes.size()) * 100 * ticks_per_ms;
     }

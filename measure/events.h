@@ -72,6 +72,7 @@ struct ScramblingEvent {
     std::uint16_t pid = 0;
     bool first = false;
     bool scrambled = false;
+    At before; // the packet with payload before it; not if it is the first
 };
 
 /// By service id (program number).

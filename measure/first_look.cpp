@@ -161,7 +161,7 @@ void FirstLook::changed_bits(Pid& state, const Packet& packet, const At& at) {
     const bool is = packet.scrambling() != 0;
     state.scrambling = static_cast<std::uint8_t>(packet.scrambling());
     if (first || was != is)
-        push(at, ScramblingEvent{packet.pid(), first, is});
+        push(at, ScramblingEvent{packet.pid(), first, is, state.span_last});
 }
 
 void FirstLook::broken(Pid& state, std::uint16_t pid, const At& before, const At& at) {

@@ -25,7 +25,7 @@ class Scrambling::Impl {
   public:
     Impl(const Options& options, Output& output) : options_(options), output_(output) {}
 
-    void scrambling(const ScramblingEvent& event, const Place& place);
+    void scrambling(const ScramblingEvent& event, const Place& before, const Place& place);
     void programs(const ProgramsPtr& programs);
     void section(const SectionEvent& section, const Place& end);
     void seen(std::uint16_t pid, const Place& first, const Place& last);
@@ -80,7 +80,8 @@ class Scrambling::Impl {
     bool streams_seen_ = false;
 };
 
-void Scrambling::Impl::scrambling(const ScramblingEvent& event, const Place& place) {
+void Scrambling::Impl::scrambling(const ScramblingEvent& event, const Place& before,
+                                  const Place& place) {
     clock_.see(place);
     if (!start_)
         start_ = place;
@@ -90,7 +91,7 @@ void Scrambling::Impl::scrambling(const ScramblingEvent& event, const Place& pla
     } else if (state.scrambled != event.scrambled) {
         if (state.scrambled) {
             state.was_since = state.since;
-            state.was_until = place;
+            state.was_until = before;
         }
         state.scrambled = event.scrambled;
         state.since = place;
@@ -146,7 +147,8 @@ void Scrambling::Impl::seen(std::uint16_t pid, const Place& first, const Place& 
     const auto later = [](const Place& a, const Place& b) -> const Place& {
         return a.packet < b.packet ? b : a;
     };
-    if (const auto until = std::exchange(state.was_until, std::nullopt))
+    if (const auto until = std::exchange(state.was_until, std::nullopt);
+        until && first.packet <= until->packet)
         add(pid, later(first, state.was_since), *until);
     if (state.scrambled)
         add(pid, later(first, state.since), last);
@@ -318,8 +320,8 @@ Scrambling::Scrambling(const Options& options, Output& output)
     : impl_(std::make_unique<Impl>(options, output)) {}
 Scrambling::~Scrambling() = default;
 
-void Scrambling::scrambling(const ScramblingEvent& event, const Place& place) {
-    impl_->scrambling(event, place);
+void Scrambling::scrambling(const ScramblingEvent& event, const Place& before, const Place& place) {
+    impl_->scrambling(event, before, place);
 }
 void Scrambling::programs(const ProgramsPtr& programs, const Place&) {
     impl_->programs(programs);

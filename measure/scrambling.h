@@ -21,7 +21,8 @@ class Scrambling {
     Scrambling(const Scrambling&) = delete;
     Scrambling& operator=(const Scrambling&) = delete;
 
-    void scrambling(const ScramblingEvent& event, const Place& place);
+    /// `before`: the place of event.before.
+    void scrambling(const ScramblingEvent& event, const Place& before, const Place& place);
     /// What is in force from here on.
     void programs(const ProgramsPtr& programs, const Place& place);
     /// All sections may be handed over; those of the CAT count.

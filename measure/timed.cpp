@@ -340,7 +340,7 @@ void Timed::take(const At& at, const PesItem& item) {
 
 void Timed::take(const At& at, const ScramblingEvent& event) {
     const Place p = place(at);
-    scrambling_.scrambling(event, p);
+    scrambling_.scrambling(event, place(event.before), p);
     if (event.scrambled)
         stamps_.scrambled(event.pid, p);
     if (!event.first || event.scrambled)

@@ -45,7 +45,7 @@ TEST(Scrambling, Rows) {
          "q.6 0 p1", "yes"},
         {"a packet too far before",
          "0:on 0:cat 0:c256 1000.04:s256 1000.04:256 2500:c256 2500:256 4000:end",
-         "q.6 1000.04 p1; q.6 2500 p1; 2.6 absent 1000.04-2500 p1 256", "yes"},
+         "q.6 1000.04 p1; q.6 2500 p1; 2.6 absent 1000.04-1000.04 p1 256", "yes"},
         {"at the limit", "0:on 0:cat 0:c256 1000:s256 1000:256 1000:c256 1000:256 4000:end",
          "q.6 1000 p1; q.6 1000 p1", "yes"},
         {"a packet too far behind",
@@ -87,8 +87,9 @@ TEST(Scrambling, Rows) {
             } else if (what[0] == 's' || what[0] == 'c') {
                 const std::string pid = what.substr(1);
                 const bool first = last.try_emplace(pid, place).second;
-                rule.scrambling({static_cast<std::uint16_t>(std::stoi(pid)), first, what[0] == 's'},
-                                place);
+                rule.scrambling(
+                    {static_cast<std::uint16_t>(std::stoi(pid)), first, what[0] == 's', {}},
+                    last[pid], place);
             } else {
                 rule.seen(static_cast<std::uint16_t>(std::stoi(what)), last[what], place);
                 last[what] = place;
