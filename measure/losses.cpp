@@ -14,6 +14,7 @@ constexpr Ticks rate_over = ticks_per_second;
 constexpr Ticks before_jump = 200 * ticks_per_ms;
 constexpr double noticeable = 60e-6 * ticks_per_second;
 constexpr double no_nulls = 0.001;
+constexpr double by_chance = 0.01; // that so many packets in a row are null packets
 constexpr std::int64_t datagram_packets = 7;
 // Breaks that are looked at to find those that share what is missing with another one. More within
 // its 0.6 s come from hostile senders only, whose breaks must not keep their host from its work.
@@ -578,8 +579,24 @@ bool Losses::ragged(Ticks from, Ticks to, double ticks_per_packet) const {
     });
 }
 
+// The fewest packets of that pid in a stretch of that length over the last seconds.
+double Losses::fewest(std::uint16_t pid, const Place& before, Ticks length) const {
+    double least = INFINITY;
+    const auto& pieces = traffic_.find(pid)->second.pieces;
+    for (auto begin = pieces.begin(); begin != pieces.end(); ++begin) {
+        const Ticks end = begin->last_time + length; // from behind one piece on
+        if (end > before.time)
+            break;
+        double packets = 0;
+        for (auto p = std::next(begin); p != pieces.end() && p->last_time <= end; ++p)
+            packets += p->packets;
+        least = std::min(least, packets);
+    }
+    return least;
+}
+
 // The pid that lacks them by its own length or frames, else the only one that has far fewer packets
-// than it would have had.
+// than it would have had, and fewer than it ever had of late.
 std::optional<std::uint16_t> Losses::whose(const Place& from, const Place& to,
                                            double packets) const {
     if (const Shortfall* s = shortfall(from.packet, to.packet, packets))
@@ -587,6 +604,7 @@ std::optional<std::uint16_t> Losses::whose(const Place& from, const Place& to,
     std::optional<std::uint16_t> pid;
     double most = 0;
     double second = 0;
+    double its = 0;
     for (const auto& [other, t] : traffic_) {
         double came = 0;
         for (const Piece& p : t.pieces)
@@ -597,11 +615,13 @@ std::optional<std::uint16_t> Losses::whose(const Place& from, const Place& to,
             second = most;
             most = lacks;
             pid = other;
+            its = came;
         } else {
             second = std::max(second, lacks);
         }
     }
-    return most > 0.8 * packets && second < 0.4 * packets ? pid : std::nullopt;
+    const bool alone = most > 0.8 * packets && second < 0.4 * packets;
+    return alone && its < fewest(*pid, from, to.time - from.time) ? pid : std::nullopt;
 }
 
 void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
@@ -612,7 +632,9 @@ void Losses::silent_loss(std::int64_t packets, const ClockInterval& first,
         if (from.packet < b.packet && to.packet > a.packet)
             return;
     const std::optional<std::uint16_t> pid = whose(from, to, static_cast<double>(packets));
-    if (!pid && (first.nulls || last.nulls) && packets < 32)
+    const bool may_be_nulls =
+        packets < 32 || std::pow(null_share_, static_cast<double>(packets)) > by_chance;
+    if (!pid && (first.nulls || last.nulls) && may_be_nulls)
         return; // null packets, as far as anything shows
     Finding f;
     f.rule = Rule::continuity_count_error;

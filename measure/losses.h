@@ -103,6 +103,7 @@ class Losses {
     bool follows(const Break& b, const StreamClock& clock);
     void silent_losses(const StreamClock& clock, const Place& now, bool at_end);
     std::optional<std::uint16_t> whose(const Place& from, const Place& to, double packets) const;
+    double fewest(std::uint16_t pid, const Place& before, Ticks length) const;
     bool ragged(Ticks from, Ticks to, double ticks_per_packet) const;
     void silent_loss(std::int64_t packets, const ClockInterval& first, const ClockInterval& last,
                      const StreamClock& clock);
