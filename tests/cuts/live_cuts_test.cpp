@@ -185,8 +185,7 @@ TEST(LiveCuts, MissWhatIsTakenAway) {
     source.packets(1000, ms);
     source.cuts->end();
     EXPECT_FALSE(source.writer->end());
-    EXPECT_THAT(told,
-                testing::ElementsAre("cut " + cut->file + ": was removed while it was open"));
+    EXPECT_THAT(told, testing::ElementsAre("cut " + cut->file + ": was removed while it was open"));
 }
 
 /// Holds the thread that writes as a disk does that hangs: what cannot be written is told, and
