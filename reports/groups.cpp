@@ -75,7 +75,9 @@ std::string group_text(Rule rule, const Group& group) {
     if (group.last.packet != group.first.packet)
         text += ", last at " + place_text(group.last);
     if (group.worst)
-        if (const std::string worst = figure_text(rule, *group.worst); !worst.empty())
+        if (const std::string worst =
+                figure_text(rule, *group.worst, group.finding.detail.limit_ms);
+            !worst.empty())
             text += (group.count > 1 ? ", worst " : ", ") + worst;
     if (group.open)
         text += ", to the end";

@@ -405,7 +405,10 @@ struct Figure {
 };
 constexpr std::array figures = std::to_array<Figure>({
     {"pid", [](const Finding& f) { return f.pid ? std::to_string(*f.pid) : std::string(); }},
-    {"interval", [](const Finding& f) { return time_text(f.detail.interval_ms); }},
+    {"interval",
+     [](const Finding& f) {
+         return f.detail.interval_ms ? duration_text(*f.detail.interval_ms, f.detail.limit_ms) : "";
+     }},
     {"limit", [](const Finding& f) { return time_text(f.detail.limit_ms); }},
     {"expected",
      [](const Finding& f) {
@@ -455,7 +458,8 @@ constexpr std::array figures = std::to_array<Figure>({
 std::string repetition(const Finding& finding) {
     std::string text = " " + std::to_string(finding.count) + " times in quick succession";
     if (finding.detail.worst)
-        if (const std::string worst = figure_text(finding.rule, *finding.detail.worst);
+        if (const std::string worst =
+                figure_text(finding.rule, *finding.detail.worst, finding.detail.limit_ms);
             !worst.empty())
             text += ", at worst " + worst;
     return text + ".";
@@ -592,7 +596,7 @@ std::optional<double> figure(const Finding& finding) {
     return std::nullopt;
 }
 
-std::string figure_text(Rule rule, double figure) {
+std::string figure_text(Rule rule, double figure, const std::optional<double>& limit_ms) {
     switch (rule) {
     case continuity_count_error:
         return count_text(static_cast<std::uint64_t>(figure), "packet");
@@ -609,7 +613,7 @@ std::string figure_text(Rule rule, double figure) {
     case clock_jump:
         return signed_duration(figure);
     default:
-        return duration_text(figure);
+        return duration_text(figure, limit_ms);
     }
 }
 

@@ -27,8 +27,9 @@ std::string sentence(const Finding& finding, const ProgramNames& names = {});
 std::string_view meaning(Rule rule, Kind kind, Severity severity);
 
 /// A stretch between two PCRs, the packets lost, ...: what `worst` of that rule counts, with its
-/// unit ("812 ms", "3 packets"); empty for rules that have no such figure.
-std::string figure_text(Rule rule, double figure);
+/// unit ("812 ms", "3 packets"); empty for rules that have no such figure. `limit_ms`: that it is
+/// over, where there is one.
+std::string figure_text(Rule rule, double figure, const std::optional<double>& limit_ms);
 
 /// The figure of a finding by which the worst is chosen: the rule's own, or that of its flood.
 std::optional<double> figure(const Finding& finding);

@@ -73,6 +73,17 @@ int decimals_of(double value) {
     return value < 10 ? 2 : value < 100 ? 1 : 0;
 }
 
+/// The same, or as many as show that it is over `least`, if it is by a millionth.
+int decimals_over(double value, double least) {
+    const int usual = decimals_of(value);
+    for (int decimals = usual; value > least && decimals <= 6; ++decimals) {
+        const double scale = std::pow(10.0, decimals);
+        if (std::round(value * scale) > std::round(least * scale))
+            return decimals;
+    }
+    return usual;
+}
+
 } // namespace
 
 std::size_t utf8_length(std::string_view text) {
@@ -149,12 +160,13 @@ void wrap(std::string& out, std::string_view text, std::size_t indent, std::size
     out += '\n';
 }
 
-std::string duration_text(double ms) {
+std::string duration_text(double ms, std::optional<double> limit) {
     const double size = std::abs(ms);
+    const double least = limit.value_or(-1);
     if (size >= 10'000)
-        return number_text(ms / 1000, decimals_of(size / 1000), "s");
+        return number_text(ms / 1000, decimals_over(size / 1000, least / 1000), "s");
     if (size >= 1 || size == 0)
-        return number_text(ms, size == std::floor(size) ? 0 : decimals_of(size), "ms");
+        return number_text(ms, size == std::floor(size) ? 0 : decimals_over(size, least), "ms");
     if (size >= 0.001)
         return number_text(ms * 1000, decimals_of(size * 1000), "us");
     return number_text(ms * 1e6, 0, "ns");

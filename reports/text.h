@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,8 +30,9 @@ std::size_t columns(std::string_view text);
 /// blanks; a longer word stands alone.
 void wrap(std::string& out, std::string_view text, std::size_t indent, std::size_t width = 80);
 
-/// "320 ms", "12.3 s", "0.7 us".
-std::string duration_text(double ms);
+/// "320 ms", "12.3 s", "0.7 us". `limit`: what it is over, with as many digits as show that
+/// ("100.04 ms" of 100 ms).
+std::string duration_text(double ms, std::optional<double> limit = std::nullopt);
 /// "45.2 ms", "7.2 s", "12 min 5 s", "24 h 0 min": rounded as the figures of findings are.
 std::string length_text(Ticks ticks);
 /// "618 kbit/s", "12.5 Mbit/s".
