@@ -16,6 +16,7 @@ constexpr double noticeable = 60e-6 * ticks_per_second;
 constexpr double no_nulls = 0.001;
 constexpr double by_chance = 0.01; // that so many packets in a row are null packets
 constexpr std::int64_t datagram_packets = 7;
+constexpr std::uint64_t overwritten = 5; // damaged packets one behind the other
 // Breaks that are looked at to find those that share what is missing with another one. More within
 // its 0.6 s come from hostile senders only, whose breaks must not keep their host from its work.
 constexpr unsigned most_beside = 1000;
@@ -55,6 +56,22 @@ void Losses::damaged(std::uint16_t pid, std::uint64_t index) {
     d.push_back(index);
     if (d.size() > 64)
         d.pop_front();
+    if (!damaged_runs_.empty() && index <= damaged_runs_.back().last + 1)
+        damaged_runs_.back().last = index;
+    else
+        damaged_runs_.push_back({index, index});
+    if (damaged_runs_.size() > 64)
+        damaged_runs_.pop_front();
+}
+
+// In runs of at least that many.
+std::uint64_t Losses::damaged_between(std::uint64_t before, std::uint64_t at,
+                                      std::uint64_t least_run) const {
+    std::uint64_t packets = 0;
+    for (const DamagedRun& run : damaged_runs_)
+        if (run.packets() >= least_run && run.last > before && run.first < at)
+            packets += std::min(run.last, at - 1) - std::max(run.first, before + 1) + 1;
+    return packets;
 }
 
 void Losses::interval(const ClockInterval& interval) {
@@ -131,6 +148,8 @@ void Losses::sixteens(const PesEvent& event, const Traffic& traffic, const Place
     if (whole < 16 || whole > 48 || std::abs(lacks - whole) > tolerance)
         return;
     if (!outages_.empty() && outages_.back().second.packet > traffic.start)
+        return;
+    if (damaged_between(traffic.start, place.packet, overwritten) > 0)
         return;
     if (!by_length) {
         const bool complete = event.declared > 0 && event.received == event.declared;
@@ -217,7 +236,9 @@ bool Losses::follows(const Break& b, const StreamClock& clock) {
         if (n > 0 && b.fault.distance() <= static_cast<unsigned>(n))
             return true;
     }
-    return false;
+    // Of a hole that something else has filled not even the pids are what they were.
+    const std::uint64_t overwritten_packets = damaged_between(before, at, overwritten);
+    return overwritten_packets > 0 && overwritten_packets >= b.fault.distance();
 }
 
 // ---------------------------------------------------------------- how many
@@ -282,8 +303,10 @@ void Losses::name_constant(std::vector<Break*>& cluster, std::int64_t missing,
                            const StreamClock& clock) {
     if (missing == 0) { // every slot of the multiplex is accounted for
         for (Break* b : cluster) {
+            const CounterBreak& fault = b->fault;
             b->kind = Kind::reset;
             b->sure = Sure::exact;
+            b->follows = damaged_between(fault.before.index, fault.at.index, 1) >= fault.distance();
         }
         return;
     }

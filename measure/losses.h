@@ -84,6 +84,12 @@ class Losses {
         std::uint64_t to = 0;
         double packets = 0; // 0: not known
     };
+    struct DamagedRun { // packets one behind the other whose headers could not be trusted
+        std::uint64_t first = 0;
+        std::uint64_t last = 0;
+
+        std::uint64_t packets() const { return last - first + 1; }
+    };
     struct Jump {
         std::uint16_t pid = 0;
         Place from;
@@ -101,6 +107,8 @@ class Losses {
     void share_out(std::vector<Break*>& cluster, std::int64_t missing, const StreamClock& clock);
     double due(std::uint16_t pid, const Place& from, const Place& to) const;
     bool follows(const Break& b, const StreamClock& clock);
+    std::uint64_t damaged_between(std::uint64_t before, std::uint64_t at,
+                                  std::uint64_t least_run) const;
     void silent_losses(const StreamClock& clock, const Place& now, bool at_end);
     std::optional<std::uint16_t> whose(const Place& from, const Place& to, double packets) const;
     double fewest(std::uint16_t pid, const Place& before, Ticks length) const;
@@ -125,6 +133,7 @@ class Losses {
         0; // intervals up to this packet were looked at for losses without a break
     std::map<std::uint16_t, Traffic> traffic_;
     std::map<std::uint16_t, std::deque<std::uint64_t>> damaged_;
+    std::deque<DamagedRun> damaged_runs_; // in order
     std::deque<Shortfall> shortfalls_;
     std::deque<Jump> jumps_;
     std::deque<std::pair<Place, Place>> outages_;

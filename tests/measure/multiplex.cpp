@@ -234,7 +234,7 @@ void Multiplex::fault(const std::string& words) {
     const auto w = split(words, ' ');
     const std::string& what = w.at(0);
     const bool timed = what == "away" || what == "cut" || what == "resend" || what == "swap7" ||
-                       what == "end" || what == "datagram";
+                       what == "zero" || what == "end" || what == "datagram";
     const std::string pid = timed || w.size() < 2 ? "*" : w[1];
     const auto arg = [&](std::size_t i, double otherwise = 0) {
         i -= timed ? 1 : 0;
@@ -344,6 +344,8 @@ void Multiplex::fault(const std::string& words) {
         each(count(3), HUGE_VAL, [](Sent& s) { s.bytes[1] |= 0x80; });
     } else if (what == "wrong") {
         each(count(3), HUGE_VAL, [](Sent& s) { s.bytes[0] = 0x48, s.right = false; });
+    } else if (what == "zero") {
+        each(count(3), HUGE_VAL, [](Sent& s) { s.bytes = {}, s.right = false; });
     } else if (what == "scramble") {
         each(SIZE_MAX, arg(3), [](Sent& s) { s.bytes[3] |= 0x80; });
     } else if (what == "end") {

@@ -22,6 +22,7 @@
 //   jump PID MS D     PCRs are D ms more         nudge PID MS D   one PCR is D ticks more
 //   shift PID MS D    stamps are D ms more       stop PID MS TO   null packets, or nothing, instead
 //   tei PID MS N, wrong PID MS N, scramble PID MS TO   N of them: error bit, sync byte; to a time
+//   zero MS N         N of all are zeros
 //   away MS TO        nothing comes           own PID MS N    N of them are dropped by the host
 //   datagram MS KIND N   the input tells of N datagrams (loss, order, duplicate); lost ones are
 //   gone quiet MS          the host waits so long behind the last packet end MS, tail BYTES, arrive
