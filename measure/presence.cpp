@@ -17,6 +17,17 @@ double ms(Ticks t) {
 Ticks between(const Place& from, const Place& to) {
     return from.time == no_time || to.time == no_time ? 0 : to.time - from.time;
 }
+
+// There are null packets for all of that time, by the packets before it, and not just around a hole
+// where packets were lost.
+bool filled(const Place& from, const Place& to) {
+    constexpr double least = 0.25;
+    const auto rate = [](std::uint64_t packets, Ticks time) {
+        return static_cast<double>(packets) / static_cast<double>(std::max<Ticks>(time, 1));
+    };
+    return from.time <= 0 || rate(to.packet - from.packet, to.time - from.time) >=
+                                 least * rate(from.packet, from.time);
+}
 } // namespace
 
 Presence::Presence(const Options& options, Output& output, SilenceSink& silences)
@@ -334,6 +345,8 @@ void Presence::note_outage(const Place& from, const Place& to) {
 
 void Presence::nulls(const Place& from, const Place& to, bool open, bool going_on) {
     if (between(from, to) <= options_.limits.off_air || (open && to.estimated))
+        return;
+    if (!filled(from, to))
         return;
     const bool was_on_air = std::any_of(states_.begin(), states_.end(), [](const auto& s) {
         return s.second.stream.is_av() && s.second.first;
