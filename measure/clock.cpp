@@ -18,6 +18,7 @@ constexpr std::uint64_t longest_wait = 500'000; // packets: a second of 750 Mbit
 constexpr std::size_t points_to_choose = 41;
 constexpr std::size_t segments_kept = 1024;
 constexpr std::size_t segments_kept_live = 512;
+constexpr std::size_t gaps_kept = 16;
 constexpr std::size_t notes_kept_live = 4096; // of what broke
 // Live: what is not known by then is decided without.
 constexpr Ticks longest_look = 700 * ticks_per_ms;
@@ -540,6 +541,11 @@ std::optional<ClockInterval> StreamClock::next(const At& last, bool at_end) {
         begin_anew(i);
     else
         decide(i);
+    if (i.stretch == Stretch::gap) {
+        gaps_.push_back(i.distance);
+        if (gaps_.size() > gaps_kept)
+            gaps_.pop_front();
+    }
     keep(i, from, to);
     points_.pop_front();
     return i;
@@ -621,7 +627,15 @@ void StreamClock::decide_variable(ClockInterval& i) const {
     else if (i.distance > 0 && as_frames)
         i.stretch = Stretch::gap;
     else
-        i.stretch = jumps ? Stretch::jump : Stretch::gap;
+        i.stretch = jumps && !usual_gap(i.distance) ? Stretch::jump : Stretch::gap;
+}
+
+// Where pictures come at changing distances, and PCRs with them, there were others like it.
+bool StreamClock::usual_gap(Ticks distance) const {
+    constexpr std::ptrdiff_t often = 3;
+    return distance > 0 && often <= std::count_if(gaps_.begin(), gaps_.end(), [&](Ticks gap) {
+                               return gap >= distance * 2 / 3;
+                           });
 }
 
 Ticks StreamClock::elapsed(const ClockInterval& i) const {

@@ -167,6 +167,7 @@ class StreamClock {
     void decide_constant(ClockInterval& interval) const;
     void decide_variable(ClockInterval& interval) const;
     Ticks elapsed(const ClockInterval& interval) const;
+    bool usual_gap(Ticks distance) const;
     void keep(ClockInterval& interval, const Point& from, const Point& to);
     bool mostly_broken(const ClockInterval& interval) const;
     bool has_hole(const ClockInterval& interval) const;
@@ -200,6 +201,7 @@ class StreamClock {
     std::deque<std::pair<At, Ticks>>
         early_; // looks at the clock while there is none: packet, arrival
     std::deque<Segment> segments_;
+    std::deque<Ticks> gaps_; // the last ones
     Rate rate_;
     Ticks now_ = 0; // the end of the last segment
     std::uint64_t known_to_ = 0;
