@@ -518,7 +518,7 @@ std::optional<ClockInterval> StreamClock::next(const At& last, bool at_end) {
         from.pcr.at.index > 0) { // the time before the first point
         const double tpp = rate_.ticks_per_packet();
         now_ = static_cast<Ticks>(static_cast<double>(from.pcr.at.index) * tpp);
-        segments_.push_back({0, from.pcr.at.index, 0, now_, 0, tpp, !rate_.constant()});
+        segments_.push_back({0, from.pcr.at.index, 0, now_, 0, tpp, !even()});
         last_real_time_ = now_;
     }
     // A PCR again, behind estimates.
@@ -693,6 +693,11 @@ void StreamClock::keep(ClockInterval& i, const Point& from, const Point& to) {
 
 // ---------------------------------------------------------------- times
 
+// Packets lie at equal distances everywhere: that is found out, or given.
+bool StreamClock::even() const {
+    return rate_.constant() || source_ == ClockSummary::Source::bitrate;
+}
+
 Place StreamClock::place(const At& at) const {
     Place p;
     p.packet = at.index + 1;
@@ -701,7 +706,7 @@ Place StreamClock::place(const At& at) const {
     if (segments_.empty()) {
         if (source_ != ClockSummary::Source::none && rate_.known())
             p.time = static_cast<Ticks>(static_cast<double>(at.index) * rate_.ticks_per_packet());
-        p.estimated = !rate_.constant();
+        p.estimated = !even();
         return p;
     }
     // Most look-ups are of the last ones.
@@ -717,7 +722,7 @@ Place StreamClock::place(const At& at) const {
         const Segment& last = segments_.back();
         p.time =
             last.end + ticks(static_cast<double>(at.index - last.to) * rate_.ticks_per_packet());
-        p.estimated = !rate_.constant();
+        p.estimated = !even();
         return p;
     }
     if (at.index < s->from) { // older than what is kept
@@ -744,7 +749,7 @@ std::optional<std::uint16_t> StreamClock::pid() const {
 }
 
 ClockSummary StreamClock::summary() const {
-    return {source_, pid(), announced_, rate_.constant()};
+    return {source_, pid(), announced_, even()};
 }
 
 std::optional<Ticks> StreamClock::duration() const {

@@ -167,6 +167,7 @@ class StreamClock {
     void decide_constant(ClockInterval& interval) const;
     void decide_variable(ClockInterval& interval) const;
     Ticks elapsed(const ClockInterval& interval) const;
+    bool even() const;
     bool usual_gap(Ticks distance) const;
     void keep(ClockInterval& interval, const Point& from, const Point& to);
     bool mostly_broken(const ClockInterval& interval) const;
