@@ -1,5 +1,5 @@
 // Whether these tests run under an emulator of another machine, which does not start programs of
-// that machine and keeps what the kernel tells of datagrams to itself.
+// that machine, joins no groups and keeps what the kernel tells of datagrams to itself.
 #pragma once
 
 #include <cstdlib>
