@@ -24,7 +24,7 @@ arm() {
   tools/install-packages cmake make g++-arm-linux-gnueabihf qemu-user libbitstream-dev libcli11-dev \
     nlohmann-json3-dev prometheus-cpp-dev libprometheus-cpp-core1.0:armhf libmicrohttpd-dev:armhf \
     libsrt-openssl-dev:armhf libsystemd-dev:armhf libconfig-dev:armhf libpcap-dev:armhf libgtest-dev:armhf \
-    libgmock-dev:armhf libstdc++6:armhf libjs-dygraphs jq python3-jsonschema chromium \
+    libgmock-dev:armhf libstdc++6:armhf libjs-dygraphs busybox jq python3-jsonschema chromium \
     chromium-driver
   cmake --preset arm
   cmake --build --preset arm
