@@ -250,7 +250,7 @@ void FirstLook::look_at_clock(const At& at, Ticks arrival) {
     if (live_)
         tell_what_goes_on(at);
     close_spans(at);
-    settle_old(at);
+    settle_old(at, 0);
     if (counting_ && at.index - counted_.index >= pids_.size())
         tell_counts(at, false);
 }
@@ -321,13 +321,19 @@ void FirstLook::tell_counts(const At& at, bool at_end) {
     push(at, std::move(item));
 }
 
-void FirstLook::settle_old(const At& at) {
+// In a slow stream the next look would be too late for the clock, which waits 600 ms.
+void FirstLook::settle() {
+    settle_old(last_, look_every);
+}
+
+void FirstLook::settle_old(const At& at, Ticks grace) {
     if (holding_.empty())
         return;
     std::erase_if(holding_, [&](std::uint16_t pid) {
         Pid& state = pids_[slots_[pid]];
         const Ticks most = state.table && state.counter.stands() ? hold_standing : hold_at_most;
-        if (state.counter.holds() && clock_.passed(state.counter.held_since().index, at, most))
+        if (state.counter.holds() &&
+            clock_.passed(state.counter.held_since().index, at, most + grace))
             state.counter.settle(pid, true, *this);
         state.holding = state.counter.holds();
         return !state.holding;

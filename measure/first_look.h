@@ -116,6 +116,8 @@ class FirstLook final : EventSink, ContinuitySink {
     void anew(const At& at, Ticks arrival, bool standing);
     /// Live: looks at what goes on, and at the clock, where no packet gave reason to.
     void look() { look_at_clock(last_, last_arrival_); }
+    /// Decides counters that have waited too long, before the clock is asked.
+    void settle();
     /// Live: nothing has come for a while. What waits for more packets is decided.
     void pause();
     /// Nothing comes behind the last packet.
@@ -206,7 +208,7 @@ class FirstLook final : EventSink, ContinuitySink {
     bool ripe(const At& at) const;
     void close_spans(const At& at);
     void tell_counts(const At& at, bool at_end);
-    void settle_old(const At& at);
+    void settle_old(const At& at, Ticks grace);
     void settle_all();
     void tell_what_goes_on(const At& at);
     void new_programs(const ProgramsPtr& programs, const At& at);

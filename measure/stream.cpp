@@ -114,6 +114,7 @@ class Stream::Impl {
     void step() {
         next_step_ = index_ + 64;
         next_step_time_ = now_ == no_time ? INT64_MAX : now_ + step_every;
+        look_.settle();
         const At& last = look_.last();
         while (const auto interval = clock_.next(last, false))
             timed_.interval(*interval, look_.queue(), look_.null_share());
