@@ -31,6 +31,8 @@ struct Range {
 /// Services, streams, tables and bit rates that should be there. All that is left as it is made is
 /// not looked at: an empty list of words, a range without ends, an interval of 0.
 struct Expectation {
+    static constexpr Ticks longest_interval = 24 * 3600 * ticks_per_second; // that files can hold
+
     struct Stream {
         Range pid;
         std::vector<StreamKind> kinds;      // one of these

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "packet.h"
+
 namespace quarn {
 
 namespace {
@@ -37,7 +39,7 @@ Ticks interval_of(const Observed::Table& table) {
         return 0;
     const Ticks wide = std::max(interval_margin * table.longest, least_interval);
     const Ticks step = wide < ticks_per_second ? interval_step : 2 * interval_step;
-    return (wide + step - 1) / step * step;
+    return wide < Expectation::longest_interval ? (wide + step - 1) / step * step : 0;
 }
 
 Range margin(const Observed::Rates& rates, const Observed::Rate& rate) {
@@ -65,9 +67,14 @@ Range exactly(std::int64_t value) {
     return {value, value};
 }
 
+// What a PMT has on the pid of null packets is nowhere.
+Range on(std::uint16_t pid) {
+    return pid == null_pid ? Range{} : exactly(pid);
+}
+
 Expectation::Stream stream_of(const StreamSummary& s, const Observed& observed) {
     Expectation::Stream stream;
-    stream.pid = exactly(s.pid);
+    stream.pid = on(s.pid);
     stream.kinds = {s.kind};
     stream.codecs = {s.codec};
     if (!s.language.empty() || s.kind == StreamKind::audio || s.kind == StreamKind::subtitles)
@@ -90,9 +97,9 @@ Expectation expectation_of(const Summary& summary, const Observed& observed) {
         service.number = p.number;
         if (p.name && !p.name->empty())
             service.names = {*p.name};
-        service.pmt_pid = exactly(p.pmt_pid);
+        service.pmt_pid = on(p.pmt_pid);
         if (p.pcr_pid)
-            service.pcr_pid = exactly(*p.pcr_pid);
+            service.pcr_pid = on(*p.pcr_pid);
         if (const auto pmt = observed.pmts.find(p.number); pmt != observed.pmts.end())
             service.pmt_interval = interval_of(pmt->second);
         service.bitrate = margin(observed.rates, observed.rates.programs, p.number);
@@ -101,7 +108,7 @@ Expectation expectation_of(const Summary& summary, const Observed& observed) {
         e.services.push_back(std::move(service));
     }
     for (const auto& [key, table] : observed.tables)
-        e.tables.push_back({key.second, exactly(key.first), interval_of(table), false});
+        e.tables.push_back({key.second, on(key.first), interval_of(table), false});
     e.bitrate = margin(observed.rates, observed.rates.all);
     e.constant_rate = observed.constant_rate;
     if (observed.rates.windows > 0)

@@ -17,7 +17,6 @@ namespace {
 
 constexpr std::int64_t highest_pid = 0x1FFE;
 constexpr std::int64_t highest_bitrate = Range::highest_bitrate;
-constexpr Ticks longest_interval = ticks_per_second * 3600 * 24;
 constexpr Ticks shortest_interval = ticks_per_ms;
 constexpr Ticks longest_mean = 3600 * ticks_per_second;
 constexpr Ticks shortest_mean = ticks_per_second / 10;
@@ -161,7 +160,7 @@ Ticks interval(const Group& group, const char* key, Ticks least, Ticks most) {
     return *ticks;
 }
 Ticks interval(const Group& group, const char* key) {
-    return interval(group, key, shortest_interval, longest_interval);
+    return interval(group, key, shortest_interval, Expectation::longest_interval);
 }
 
 /// Words of which one must be there; none: any.
