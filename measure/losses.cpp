@@ -11,6 +11,8 @@ constexpr Ticks wait_for_silent = 1200 * ticks_per_ms; // a PES packet may end t
 constexpr Ticks wait_for_silent_live = 1000 * ticks_per_ms;
 constexpr Ticks kept = 4 * ticks_per_second;
 constexpr Ticks rate_over = ticks_per_second;
+// The longest loss, the time until it is named, and what its pids had before.
+constexpr Ticks heard = 3 * ticks_per_second + wait_for_silent + rate_over;
 constexpr Ticks before_jump = 200 * ticks_per_ms;
 constexpr double noticeable = 60e-6 * ticks_per_second;
 constexpr double no_nulls = 0.001;
@@ -83,7 +85,7 @@ void Losses::span(const PidSpan& span) {
     auto& pieces = traffic_[span.pid].pieces;
     pieces.push_back(
         {span.first.packet, span.last.packet, span.first.time, span.last.time, span.packets});
-    while (pieces.front().last_time + kept / 2 < span.last.time || pieces.size() > 128)
+    while (pieces.front().last_time + heard < span.last.time || pieces.size() > 128)
         pieces.pop_front();
 }
 
