@@ -22,6 +22,7 @@ namespace quarn::check {
 namespace {
 
 using settings::complaint;
+using settings::flag;
 using settings::in_quotes;
 using settings::joined;
 using settings::number;
@@ -91,8 +92,8 @@ void check_combination(const CommandLine& line) {
 }
 
 void add_outputs(CLI::App& app, CommandLine& line) {
-    app.add_flag("--json", line.json, "Records as JSON Lines instead of a report for people");
-    app.add_flag("--quiet", line.quiet, "One line a file: verdict, name, why");
+    flag(app, "--json", "Records as JSON Lines instead of a report for people", line.json);
+    flag(app, "--quiet", "One line a file: verdict, name, why", line.quiet);
     const auto file = [&](const char* name, const char* help, const char* example,
                           std::optional<std::string>& path) {
         with_value(app, name, "FILE", help, [&path, name, example](const std::string& text) {
@@ -145,7 +146,7 @@ void add_measuring(CLI::App& app, CommandLine& line, Given& given) {
                [&](const std::string& text) {
                    m.bitrate = number<std::uint64_t>(text, 1, 1'000'000'000'000);
                });
-    app.add_flag("--dvb", m.dvb, "Judge all tables of SI, also those that never come");
+    flag(app, "--dvb", "Judge all tables of SI, also those that never come", m.dvb);
     with_value(app, "--program", "N", "Findings and verdict of this program only",
                [&](const std::string& text) { m.program = number<std::uint16_t>(text, 1, 65535); });
     repeated(app, "--require", "IDS", "Insufficient where these rules cannot be judged",

@@ -12,6 +12,7 @@ namespace quarn::live {
 
 namespace {
 
+using settings::flag;
 using settings::with_value;
 
 void add_inputs(CLI::App& app, CommandLine& line) {
@@ -21,8 +22,8 @@ void add_inputs(CLI::App& app, CommandLine& line) {
         ->type_name("");
     with_value(app, "-C,--config", "FILE", "Configuration file; see quarn-live.conf(5)",
                [&](const std::string& text) { line.config = text; });
-    app.add_flag("--check-config", line.check_config,
-                 "Say whether configuration and URLs are right, and end");
+    flag(app, "--check-config", "Say whether configuration and URLs are right, and end",
+         line.check_config);
 }
 
 void add_outputs(CLI::App& app, Settings& all) {

@@ -20,6 +20,10 @@ CLI::Option* with_value(CLI::App& app, const std::string& name, const std::strin
     return app.add_option_function<std::string>(name, checked, help)->type_name(value);
 }
 
+void flag(CLI::App& app, const std::string& name, const std::string& help, bool& value) {
+    app.add_flag(name, value, help)->disable_flag_override();
+}
+
 void repeated(CLI::App& app, const std::string& name, const std::string& value,
               const std::string& help, std::vector<std::string>& values) {
     with_value(app, name, value, help, [&values](const std::string& text) {
@@ -32,6 +36,8 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error,
     std::string text = error.what();
     if (const std::size_t many = text.find(": At Most 1 required"); many != std::string::npos)
         return text.substr(0, many) + " may be given only once";
+    if (const std::size_t flag = text.find(" was given a disallowed"); flag != std::string::npos)
+        return "--" + text.substr(0, flag) + " takes no value";
     if (!dynamic_cast<const CLI::ExtrasError*>(&error))
         return text;
     std::vector<std::string> options;

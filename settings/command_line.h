@@ -28,7 +28,9 @@ auto taken(const std::string& option, F&& take) {
 CLI::Option* with_value(CLI::App& app, const std::string& name, const std::string& value,
                         const std::string& help,
                         const std::function<void(const std::string&)>& take);
-/// One that may be given several times.
+/// One without a value.
+void flag(CLI::App& app, const std::string& name, const std::string& help, bool& value);
+/// One with a value that may be given several times.
 void repeated(CLI::App& app, const std::string& name, const std::string& value,
               const std::string& help, std::vector<std::string>& values);
 
