@@ -131,6 +131,15 @@ void write_page(const PageFile& page, const InputFacts& facts, const CommandLine
                                        : html_error_row(facts.name, error, page.link);
 }
 
+/// What is missing because only the beginning of datagrams was recorded is no fault of the stream.
+void tell_of_cut(const inputs::Flow& flow, const std::string& name, Judgement& judgement) {
+    if (flow.cut > 0)
+        complain(judgement, name,
+                 "of " + std::to_string(flow.cut) + " of " + std::to_string(flow.datagrams) +
+                     " datagrams only the beginning was recorded, so packets are missing in it; "
+                     "record them whole, as tcpdump -s 0 does");
+}
+
 void tell_of(const cuts::InputCuts& cuts, const std::string& name, Judgement& judgement) {
     for (const std::string& remark : cuts.remarks())
         complain(judgement, name, remark);
@@ -222,6 +231,8 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
         if (line.junit)
             junit_suite(judgement.ending.junit, name, summary, findings.groups());
     }
+    if (const std::optional<inputs::Flow> flow = input.flow())
+        tell_of_cut(*flow, name, judgement);
     if (cuts)
         tell_of(*cuts, name, judgement);
     if (line.write_expect && error.empty())

@@ -52,6 +52,7 @@ struct Flow {
     std::uint64_t packets = 0;
     bool rtp = false;
     std::size_t packet_size = 188;
+    std::uint64_t cut = 0; // datagrams whose end was not recorded
 };
 
 /// An open input. One thread at a time.

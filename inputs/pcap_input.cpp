@@ -132,8 +132,10 @@ Input::Status PcapInput::read_part(Sink& sink) {
         if (const auto status = pcap_->next(frame); status != PcapFile::Status::frame)
             return end(status, sink);
         const auto datagram = parser_.parse(pcap_->link(), frame.bytes);
-        if (datagram && datagram->destination == destination_)
-            stream_->push(payload_of(frame, *datagram));
+        if (!datagram || datagram->destination != destination_)
+            continue;
+        cut_ += frame.cut ? 1 : 0;
+        stream_->push(payload_of(frame, *datagram));
     }
     return Status::more;
 }
@@ -168,6 +170,7 @@ std::optional<Flow> PcapInput::flow() const {
         flow.datagrams = stream_->datagrams();
         flow.packets = stream_->packets();
         flow.rtp = stream_->rtp();
+        flow.cut = cut_;
     }
     return flow;
 }

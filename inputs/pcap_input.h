@@ -53,6 +53,7 @@ class PcapInput : public Input {
     std::optional<DatagramStream> stream_;
     std::optional<History> history_; // of the packets
     int packet_size_ = 188;
+    std::uint64_t cut_ = 0; // datagrams
     Error error_;
 };
 

@@ -417,7 +417,10 @@ constexpr std::array figures = std::to_array<Figure>({
     {"got",
      [](const Finding& f) { return f.detail.got ? std::to_string(*f.detail.got) : std::string(); }},
     {"lost", [](const Finding& f) { return f.detail.lost ? lost_text(f) : std::string(); }},
-    {"bytes", [](const Finding& f) { return nouns(f.detail.bytes, "byte"); }},
+    {"bytes", // none: a recording of datagrams that ends inside one
+     [](const Finding& f) {
+         return f.detail.bytes == 0 ? std::string() : nouns(f.detail.bytes, "byte");
+     }},
     {"extra",
      [](const Finding& f) {
          return f.detail.extra_ms ? duration_text(static_cast<double>(*f.detail.extra_ms))
