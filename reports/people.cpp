@@ -310,6 +310,8 @@ std::vector<std::string> remarks(const Options& options, const Summary& s) {
     else if (s.verdict == Verdict::insufficient)
         all.push_back("Nothing is known to be wrong, but not all could be judged: " +
                       id_list(s.why) + " (below).");
+    if (s.clock.source == ClockSummary::Source::none && s.packets > 0)
+        all.emplace_back("If its bit rate is known, --bitrate N gives it a clock.");
     if (s.segment_hint && options.profile != Profile::segment)
         all.emplace_back("One PAT only, at the start: if this is a segment of HLS or the like, "
                          "--profile segment fits better.");
