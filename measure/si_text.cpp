@@ -109,6 +109,13 @@ void append_ascii(Bytes bytes, std::string& out) {
     }
 }
 
+// Bytes of a character beyond Unicode, which iconv takes for UTF-8 as it once was; 0: it is none.
+std::size_t beyond_unicode(std::uint8_t lead, std::uint8_t next) {
+    if (lead >= 0xF8)
+        return lead >= 0xFC ? 6 : 5;
+    return lead > 0xF4 || (lead == 0xF4 && next >= 0x90) ? 4 : 0;
+}
+
 // Control codes as UTF-8: C0, C1, and U+E080 to U+E09F, which stand for those of C1 in tables of
 // two bytes.
 std::string without_controls(std::string_view text) {
@@ -117,6 +124,11 @@ std::string without_controls(std::string_view text) {
     };
     std::string out;
     for (std::size_t i = 0; i < text.size();) {
+        if (const std::size_t size = beyond_unicode(at(i), at(i + 1)); size > 0) {
+            out += replacement;
+            i += size;
+            continue;
+        }
         const bool c1 = at(i) == 0xC2 && at(i + 1) < 0xA0;
         const bool wide = at(i) == 0xEE && at(i + 1) == 0x82 && at(i + 2) < 0xA0;
         const bool c0 = at(i) < 0x20 || at(i) == 0x7F;
