@@ -5,12 +5,15 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "explain.h"
 #include "html_files.h"
@@ -53,15 +56,16 @@ class Run {
 
     int all() {
         const std::size_t count = std::min<std::size_t>(line_.jobs, inputs_.size());
-        std::atomic<std::size_t> running = count;
+        running_ = count;
         std::vector<std::jthread> threads;
         for (std::size_t i = 0; i < count; ++i)
             threads.emplace_back([&] {
                 work();
-                --running;
-                running.notify_one();
+                const std::lock_guard lock(mutex_);
+                --running_;
+                done_.notify_one();
             });
-        draw_until_done(running);
+        draw_until_done();
         threads.clear();
         progress_.clear();
         return status_;
@@ -93,13 +97,13 @@ class Run {
         return judge(inputs_[input], line_, colours_, page, write, go_on, item.position);
     }
 
-    void draw_until_done(std::atomic<std::size_t>& running) {
-        constexpr auto step = std::chrono::milliseconds(20);
-        constexpr int steps_a_picture = 10;
-        for (int i = 0; running > 0; ++i) {
-            std::this_thread::sleep_for(step);
-            if (i % steps_a_picture == 0)
-                progress_.draw();
+    void draw_until_done() {
+        constexpr auto step = std::chrono::milliseconds(200);
+        std::unique_lock lock(mutex_);
+        while (!done_.wait_for(lock, step, [this] { return running_ == 0; })) {
+            lock.unlock();
+            progress_.draw();
+            lock.lock();
         }
     }
 
@@ -109,6 +113,9 @@ class Run {
     const Colours& colours_;
     Progress progress_;
     OrderedOutput output_;
+    std::mutex mutex_;
+    std::condition_variable done_;
+    std::size_t running_ = 0; // threads
     std::atomic<std::size_t> next_ = 0;
     std::atomic<int> status_ = status_healthy;
 };
