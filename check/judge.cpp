@@ -175,6 +175,42 @@ void report(const InputFacts& facts, const CommandLine& line, const Colours& col
         people_report(findings.text(), facts, line.measure, summary, findings.groups(), colours);
 }
 
+/// Reads until the input is over, or nobody reads on (`more`).
+inputs::Input::Status read_all(inputs::Input& input, Stream& stream, cuts::InputCuts* cuts,
+                               const std::function<bool()>& go_on, Position& position) {
+    Feed feed(stream);
+    auto status = inputs::Input::Status::more;
+    while (status == inputs::Input::Status::more && go_on()) {
+        status = input.read(feed);
+        position.read = input.bytes_read();
+        if (cuts != nullptr)
+            cuts->turn();
+    }
+    return status;
+}
+
+/// The report on an input that was read to its end, and what follows from it.
+Judgement whole(const InputFacts& facts, const CommandLine& line, const Colours& colours,
+                const Summary& summary, Findings& findings) {
+    report(facts, line, colours, summary, findings);
+    Judgement judgement;
+    judgement.status = status_of(summary.verdict);
+    if (line.junit)
+        junit_suite(judgement.ending.junit, facts.name, summary, findings.groups());
+    return judgement;
+}
+
+/// Findings up to there stand; a verdict would be one on something else.
+Judgement broken_off(const InputFacts& facts, const inputs::Error& error, const CommandLine& line,
+                     const Colours& colours, const Summary& summary, Findings& findings) {
+    Judgement judgement = unreadable(facts.name, error, line, colours, findings);
+    if (!line.json && !line.quiet) {
+        findings.text() += "What was read until then:\n";
+        report(facts, line, colours, summary, findings);
+    }
+    return judgement;
+}
+
 } // namespace
 
 Judgement judge(const std::string& name, const CommandLine& line, const Colours& colours,
@@ -198,14 +234,7 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
     if (line.cuts.wanted())
         findings.cut(cuts.emplace(line.cuts, name, input, line.measure.bitrate));
     Stream stream(line.measure, findings);
-    Feed feed(stream);
-    inputs::Input::Status status = inputs::Input::Status::more;
-    while (status == inputs::Input::Status::more && go_on()) {
-        status = input.read(feed);
-        position.read = input.bytes_read();
-        if (cuts)
-            cuts->turn();
-    }
+    const auto status = read_all(input, stream, cuts ? &*cuts : nullptr, go_on, position);
     if (status == inputs::Input::Status::more)
         return {status_error, {}, {}, false}; // nobody reads on
     stream.end();
@@ -214,28 +243,17 @@ Judgement judge(const std::string& name, const CommandLine& line, const Colours&
         findings.ended(*cuts);
     }
 
-    Judgement judgement;
-    std::string error;
     const Summary summary = stream.summary();
-    if (status == inputs::Input::Status::failed) {
-        // Findings up to there stand; a verdict would be one on something else.
-        error = input.error().text;
-        judgement = unreadable(name, input.error(), line, colours, findings);
-        if (!line.json && !line.quiet) {
-            findings.text() += "What was read until then:\n";
-            report(facts, line, colours, summary, findings);
-        }
-    } else {
-        report(facts, line, colours, summary, findings);
-        judgement.status = status_of(summary.verdict);
-        if (line.junit)
-            junit_suite(judgement.ending.junit, name, summary, findings.groups());
-    }
+    const bool failed = status == inputs::Input::Status::failed;
+    const std::string error = failed ? input.error().text : std::string();
+    Judgement judgement = failed
+                              ? broken_off(facts, input.error(), line, colours, summary, findings)
+                              : whole(facts, line, colours, summary, findings);
     if (const std::optional<inputs::Flow> flow = input.flow())
         tell_of_cut(*flow, name, judgement);
     if (cuts)
         tell_of(*cuts, name, judgement);
-    if (line.write_expect && error.empty())
+    if (line.write_expect && !failed)
         write_expect(*line.write_expect, name, summary, stream.observed(), judgement);
     if (page)
         write_page(*page, facts, line, summary, findings, stream.series(), error, judgement);
